@@ -1,0 +1,255 @@
+// Attributes and keyed collections that notify observers.
+//
+// Entities hold these as private members and expose the framework's operations around them:
+//   x()            read             xIs(v)     set (notifies only on a real change)
+//   xInc(d)        bump a counter   onX()      the Signal a reactor watches
+// Collections are keyed; `is` creates (or returns the existing element), `del` removes one key,
+// `delAll` removes every key one by one. Each insertion, replacement or removal emits the key.
+// Ordered collections iterate in key order; Hashed ones in an order nothing may rely on.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "Kivo/Ptr.h"
+#include "Kivo/Signal.h"
+
+namespace Kivo {
+
+struct Ordered {
+   template <class K, class V>
+   using Map = std::map<K, V>;
+   template <class K>
+   using Set = std::set<K>;
+};
+
+struct Hashed {
+   template <class K, class V>
+   using Map = std::unordered_map<K, V>;
+   template <class K>
+   using Set = std::unordered_set<K>;
+};
+
+template <class T>
+class Value {
+public:
+   Value() = default;
+   explicit Value(T v) : v_(std::move(v)) {}
+
+   T const& get() const { return v_; }
+
+   // Sets the value; notifies and returns true only when it changed.
+   bool is(T v) {
+      if (v_ == v) {
+         return false;
+      }
+      v_ = std::move(v);
+      signal_.emit();
+      return true;
+   }
+   // Adds `delta`; notifies only when the value changed. Returns the new value.
+   template <class D>
+   T inc(D delta) {
+      is(static_cast<T>(v_ + delta));
+      return v_;
+   }
+   Signal<> const& signal() const { return signal_; }
+
+private:
+   T v_{};
+   Signal<> signal_;
+};
+
+// Entities keyed by K, owned through Ptr<V>. `is(k, args...)` constructs V(k, args...).
+template <class K, class V, class Kind = Ordered>
+class Coll {
+public:
+   using Map = typename Kind::template Map<K, Ptr<V>>;
+
+   Ptr<V> get(K const& k) const {
+      auto it = m_.find(k);
+      return it == m_.end() ? Ptr<V>() : it->second;
+   }
+   bool has(K const& k) const { return m_.find(k) != m_.end(); }
+   std::size_t size() const { return m_.size(); }
+   bool empty() const { return m_.empty(); }
+
+   template <class... Args>
+   Ptr<V> is(K const& k, Args&&... args) {
+      auto it = m_.find(k);
+      if (it != m_.end()) {
+         return it->second;
+      }
+      Ptr<V> v = make<V>(k, std::forward<Args>(args)...);
+      m_.emplace(k, v);
+      signal_.emit(k);
+      return v;
+   }
+   // Stores `v` under `k`, replacing a different element; notifies only on a change.
+   Ptr<V> put(K const& k, Ptr<V> v) {
+      auto it = m_.find(k);
+      if (it != m_.end()) {
+         if (it->second == v) {
+            return v;
+         }
+         Ptr<V> old = std::exchange(it->second, v);  // released after the handlers ran
+         signal_.emit(k);
+         return v;
+      }
+      m_.emplace(k, v);
+      signal_.emit(k);
+      return v;
+   }
+   // Removes `k`; returns the removed element (null when absent).
+   Ptr<V> del(K const& k) {
+      auto it = m_.find(k);
+      if (it == m_.end()) {
+         return nullptr;
+      }
+      Ptr<V> old = std::move(it->second);
+      m_.erase(it);
+      signal_.emit(k);
+      return old;
+   }
+   void delAll() {
+      while (!m_.empty()) {
+         del(m_.begin()->first);
+      }
+   }
+   // A copy of the keys, for walks whose handlers may change the collection.
+   std::vector<K> keys() const {
+      std::vector<K> ks;
+      ks.reserve(m_.size());
+      for (auto const& [k, v] : m_) {
+         ks.push_back(k);
+      }
+      return ks;
+   }
+   auto begin() const { return m_.begin(); }
+   auto end() const { return m_.end(); }
+   Signal<K> const& signal() const { return signal_; }
+
+private:
+   Map m_;
+   Signal<K> signal_;
+};
+
+// Plain values keyed by K.
+template <class K, class V, class Kind = Ordered>
+class ValueColl {
+public:
+   using Map = typename Kind::template Map<K, V>;
+
+   V const* find(K const& k) const {
+      auto it = m_.find(k);
+      return it == m_.end() ? nullptr : &it->second;
+   }
+   V get(K const& k) const {
+      auto it = m_.find(k);
+      return it == m_.end() ? V{} : it->second;
+   }
+   bool has(K const& k) const { return m_.find(k) != m_.end(); }
+   std::size_t size() const { return m_.size(); }
+   bool empty() const { return m_.empty(); }
+
+   // Inserts or replaces; notifies and returns true only when something changed.
+   bool is(K const& k, V v) {
+      auto it = m_.find(k);
+      if (it != m_.end()) {
+         if (it->second == v) {
+            return false;
+         }
+         it->second = std::move(v);
+      } else {
+         m_.emplace(k, std::move(v));
+      }
+      signal_.emit(k);
+      return true;
+   }
+   std::optional<V> del(K const& k) {
+      auto it = m_.find(k);
+      if (it == m_.end()) {
+         return std::nullopt;
+      }
+      V old = std::move(it->second);
+      m_.erase(it);
+      signal_.emit(k);
+      return old;
+   }
+   void delAll() {
+      if (signal_.observers() == 0) {
+         m_.clear();
+         return;
+      }
+      while (!m_.empty()) {
+         del(m_.begin()->first);
+      }
+   }
+   std::vector<K> keys() const {
+      std::vector<K> ks;
+      ks.reserve(m_.size());
+      for (auto const& [k, v] : m_) {
+         ks.push_back(k);
+      }
+      return ks;
+   }
+   auto begin() const { return m_.begin(); }
+   auto end() const { return m_.end(); }
+   Signal<K> const& signal() const { return signal_; }
+
+private:
+   Map m_;
+   Signal<K> signal_;
+};
+
+// A set keyed by its elements.
+template <class K, class Kind = Hashed>
+class SetColl {
+public:
+   using Set = typename Kind::template Set<K>;
+
+   bool has(K const& k) const { return s_.find(k) != s_.end(); }
+   std::size_t size() const { return s_.size(); }
+   bool empty() const { return s_.empty(); }
+   bool is(K const& k) {
+      if (!s_.insert(k).second) {
+         return false;
+      }
+      signal_.emit(k);
+      return true;
+   }
+   bool del(K const& k) {
+      auto it = s_.find(k);
+      if (it == s_.end()) {
+         return false;
+      }
+      K old = *it;
+      s_.erase(it);
+      signal_.emit(old);
+      return true;
+   }
+   // Removes every element; one notification per element when followed, one step otherwise.
+   void delAll() {
+      if (signal_.observers() == 0) {
+         s_.clear();
+         return;
+      }
+      while (!s_.empty()) {
+         del(*s_.begin());
+      }
+   }
+   auto begin() const { return s_.begin(); }
+   auto end() const { return s_.end(); }
+   Signal<K> const& signal() const { return signal_; }
+
+private:
+   Set s_;
+   Signal<K> signal_;
+};
+
+}  // namespace Kivo

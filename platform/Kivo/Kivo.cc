@@ -1,0 +1,53 @@
+#include "Kivo/Kivo.h"
+
+#include <time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Trace/Snaplog.h"
+
+namespace Kivo {
+
+namespace {
+
+Ptr<Clock>& clockSlot() {
+   static Ptr<Clock> c = make<RealClock>();
+   return c;
+}
+
+}  // namespace
+
+ErrnoException::ErrnoException(int error, String const& what)
+    : Exception(what + ": " + std::strerror(error) + " (errno " + std::to_string(error) + ")"),
+      error_(error) {}
+
+double RealClock::now() const {
+   timespec ts{};
+   clock_gettime(CLOCK_REALTIME, &ts);
+   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+Clock& clock() { return *clockSlot(); }
+
+void clockIs(Ptr<Clock> c) {
+   KIVO_ASSERT(c);
+   clockSlot() = std::move(c);
+}
+
+ScopedManualClock::ScopedManualClock(double start)
+    : clock_(make<ManualClock>(start)), previous_(clockSlot()) {
+   clockIs(clock_);
+}
+
+ScopedManualClock::~ScopedManualClock() { clockIs(previous_); }
+
+void assertFail(char const* text, char const* file, int line) noexcept {
+   std::fprintf(stderr, "ASSERTION FAILED: %s\n  at %s:%d\n", text, file, line);
+   Snaplog::dump(stderr, 20);
+   std::fflush(stderr);
+   std::abort();
+}
+
+}  // namespace Kivo

@@ -1,0 +1,188 @@
+// Change notification: signals, connections and reactors.
+//
+// A Signal<Args...> is owned by the entity whose attribute or collection it reports on; a Reactor
+// owns the connections of one state machine and disconnects them when it goes away. Emission is
+// safe against everything a handler can do:
+//  - disconnect itself or any other connection of the same signal (a disconnected slot is never
+//    called again, including later in the emission under way);
+//  - destroy the reactor or the state machine that holds the connection;
+//  - destroy the entity that owns the signal (the emission stops after the running handler);
+//  - change the entity again (nested emission: every live slot sees the nested change first, then
+//    the outer emission carries on with the slots that are still connected);
+//  - connect new slots (they are called from the next emission on).
+// Slots are called in the order they were connected. Arguments are passed by value, so a handler
+// that erases the key it was called with does not pull it from under the next slot.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "Kivo/Ptr.h"
+
+namespace Kivo {
+
+class SlotBase : public Object {
+public:
+   virtual void disconnect() = 0;
+   virtual bool connected() const = 0;
+};
+
+// Handle on one connected slot. Move-only; dropping it does not disconnect (a Reactor does).
+class Connection {
+public:
+   Connection() = default;
+   explicit Connection(Ptr<SlotBase> slot) : slot_(std::move(slot)) {}
+   void disconnect() {
+      if (slot_) {
+         slot_->disconnect();
+         slot_ = nullptr;
+      }
+   }
+   bool connected() const { return slot_ && slot_->connected(); }
+
+private:
+   Ptr<SlotBase> slot_;
+};
+
+template <class... Args>
+class Signal {
+public:
+   using Handler = std::function<void(Args...)>;
+
+   Signal() = default;
+   Signal(Signal const&) = delete;
+   Signal& operator=(Signal const&) = delete;
+   ~Signal() {
+      for (Frame* f = frames_; f; f = f->prev) {
+         f->dead = true;
+      }
+      for (auto& s : slots_) {
+         s->signal = nullptr;
+      }
+   }
+
+   // Observers connect through a const entity: observing does not change what is observed.
+   Connection connect(Handler fn) const {
+      Ptr<Slot> s = make<Slot>(std::move(fn), this);
+      slots_.push_back(s);
+      return Connection(s);
+   }
+
+   void emit(Args... args) const {
+      if (slots_.empty()) {
+         return;
+      }
+      Frame frame{frames_, false};
+      frames_ = &frame;
+      struct Unwind {
+         Signal const* sig;
+         Frame* frame;
+         ~Unwind() {
+            if (!frame->dead) {
+               sig->frames_ = frame->prev;
+               if (!sig->frames_ && sig->dirty_) {
+                  sig->compact_();
+               }
+            }
+         }
+      } unwind{this, &frame};
+      std::size_t const n = slots_.size();
+      for (std::size_t i = 0; i < n; ++i) {
+         Ptr<Slot> s = slots_[i];  // keeps the slot (and its handler) alive while it runs
+         if (!s->live) {
+            continue;
+         }
+         s->fn(args...);
+         if (frame.dead) {
+            return;  // a handler destroyed the owner of this signal
+         }
+      }
+   }
+
+   // Number of connected slots.
+   std::size_t observers() const {
+      std::size_t n = 0;
+      for (auto const& s : slots_) {
+         n += s->live ? 1 : 0;
+      }
+      return n;
+   }
+
+private:
+   struct Slot : SlotBase {
+      Slot(Handler f, Signal const* sig) : fn(std::move(f)), signal(sig) {}
+      void disconnect() override {
+         if (live) {
+            live = false;
+            if (signal) {
+               signal->remove_(this);
+            }
+         }
+      }
+      bool connected() const override { return live && signal; }
+      Handler fn;
+      Signal const* signal;
+      bool live = true;
+   };
+   struct Frame {
+      Frame* prev;
+      bool dead;
+   };
+
+   void remove_(Slot* s) const {
+      if (frames_) {
+         dirty_ = true;  // erased once the outermost emission ends
+         return;
+      }
+      for (auto it = slots_.begin(); it != slots_.end(); ++it) {
+         if (it->get() == s) {
+            slots_.erase(it);
+            return;
+         }
+      }
+   }
+   void compact_() const {
+      std::erase_if(slots_, [](Ptr<Slot> const& s) { return !s->live; });
+      dirty_ = false;
+   }
+
+   mutable std::vector<Ptr<Slot>> slots_;
+   mutable Frame* frames_ = nullptr;
+   mutable bool dirty_ = false;
+};
+
+// The connections of one state machine. Destroying or resetting it disconnects them all, so a
+// state machine that holds its reactors as members can never be called after its destruction.
+class Reactor {
+public:
+   Reactor() = default;
+   Reactor(Reactor const&) = delete;
+   Reactor& operator=(Reactor const&) = delete;
+   Reactor(Reactor&&) = default;
+   Reactor& operator=(Reactor&& o) {
+      reset();
+      conns_ = std::move(o.conns_);
+      return *this;
+   }
+   ~Reactor() { reset(); }
+
+   template <class... Args, class F>
+   void watch(Signal<Args...> const& signal, F&& fn) {
+      conns_.push_back(signal.connect(std::forward<F>(fn)));
+   }
+   void reset() {
+      auto conns = std::move(conns_);
+      conns_.clear();
+      for (auto& c : conns) {
+         c.disconnect();
+      }
+   }
+   bool empty() const { return conns_.empty(); }
+
+private:
+   std::vector<Connection> conns_;
+};
+
+}  // namespace Kivo

@@ -1,0 +1,50 @@
+// The real-time driver of a TaskScheduler: sleeps in epoll until the next timer is due, a
+// registered file descriptor is readable or a registered signal arrives, then runs a pass.
+// Programs use it with the real clock; tests drive schedulers by hand instead.
+#pragma once
+
+#include <csignal>
+#include <functional>
+#include <map>
+
+#include "Orbo/TaskScheduler.h"
+
+namespace Orbo {
+
+class EventLoop {
+public:
+   using Handler = std::function<void()>;
+
+   // Throws Kivo::ErrnoException when epoll cannot be created.
+   explicit EventLoop(Kivo::Ptr<TaskScheduler> scheduler);
+   ~EventLoop();
+   EventLoop(EventLoop const&) = delete;
+   EventLoop& operator=(EventLoop const&) = delete;
+
+   // Calls `onReadable` on the loop's thread whenever `fd` is readable. The caller keeps owning
+   // the descriptor and must call fdDel before closing it.
+   void fdIs(int fd, Handler onReadable);
+   void fdDel(int fd);
+   // Delivers `signo` through the loop instead of asynchronously (the signal is blocked in the
+   // calling thread and read from a signalfd).
+   void signalIs(int signo, Handler onSignal);
+
+   // Runs until stop(); returns after the pass in which stop() was called.
+   void run();
+   // Waits for at most `maxWait` seconds for something to do, then does it.
+   void runOnce(double maxWait);
+   void stop() { stopped_ = true; }
+
+private:
+   void handleSignals_();
+
+   Kivo::Ptr<TaskScheduler> scheduler_;
+   int epollFd_ = -1;
+   int signalFd_ = -1;
+   sigset_t signals_{};
+   std::map<int, Handler> fds_;
+   std::map<int, Handler> signalHandlers_;
+   bool stopped_ = false;
+};
+
+}  // namespace Orbo

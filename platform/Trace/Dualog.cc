@@ -1,0 +1,100 @@
+#include "Trace/Dualog.h"
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "Kivo/Kivo.h"
+
+namespace Dualog {
+
+namespace {
+
+struct Registry {
+   std::mutex mutex;
+   std::map<std::string, std::unique_ptr<Facility>, std::less<>> facilities;
+   int allLevel = off();
+   Sink sink;
+};
+
+Registry& registry() {
+   static Registry* r = new Registry();
+   return *r;
+}
+
+}  // namespace
+
+Facility& facility(std::string_view name) {
+   Registry& r = registry();
+   std::lock_guard lock(r.mutex);
+   auto it = r.facilities.find(name);
+   if (it == r.facilities.end()) {
+      auto f = std::make_unique<Facility>(std::string(name));
+      f->levelIs(r.allLevel);
+      it = r.facilities.emplace(std::string(name), std::move(f)).first;
+   }
+   return *it->second;
+}
+
+Facility& defaultFacility() {
+   static Facility& f = facility("default");
+   return f;
+}
+
+void enable(std::string_view name, int level) {
+   if (name == "*") {
+      Registry& r = registry();
+      std::lock_guard lock(r.mutex);
+      r.allLevel = level;
+      for (auto& [n, f] : r.facilities) {
+         f->levelIs(level);
+      }
+      return;
+   }
+   facility(name).levelIs(level);
+}
+
+bool enableFromSpec(std::string_view spec) {
+   while (!spec.empty()) {
+      auto comma = spec.find(',');
+      std::string_view item = spec.substr(0, comma);
+      spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+      if (item.empty()) {
+         return false;
+      }
+      int level = 9;
+      auto slash = item.find('/');
+      if (slash != std::string_view::npos) {
+         std::string_view lv = item.substr(slash + 1);
+         if (lv.size() != 1 || lv[0] < '0' || lv[0] > '9') {
+            return false;
+         }
+         level = lv[0] - '0';
+         item = item.substr(0, slash);
+      }
+      if (item.empty()) {
+         return false;
+      }
+      enable(item, level);
+   }
+   return true;
+}
+
+void sinkIs(Sink sink) {
+   Registry& r = registry();
+   std::lock_guard lock(r.mutex);
+   r.sink = std::move(sink);
+}
+
+void write(Facility const& fac, int level, std::string_view line) {
+   Registry& r = registry();
+   if (r.sink) {
+      r.sink(fac, level, line);
+      return;
+   }
+   std::fprintf(stderr, "%.6f %s %d %.*s\n", Kivo::currentTime(), fac.name().c_str(), level,
+                static_cast<int>(line.size()), line.data());
+}
+
+}  // namespace Dualog
