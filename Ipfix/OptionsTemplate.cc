@@ -1,0 +1,111 @@
+#include "Ipfix/OptionsTemplate.h"
+
+#include "Pelto/IpfixWire.h"
+#include "Trace/Trace.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Dualog::Facility& templateFacility() {
+   static Dualog::Facility& f = Dualog::facility("FlowTrackerTemplateSm");
+   return f;
+}
+
+Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entryIs(OptionsTemplate::Fields& coll,
+                                                   std::uint32_t fieldId, Ipfix::RecordType type) {
+   Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entry = coll.is(fieldId, type);
+   KIVO_ASSERT(entry->fieldId() == type);
+   return entry;
+}
+
+void appendField(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
+                 Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const& entry) {
+   updateFieldInfo(eic, entry);
+   KTRACE(templateFacility(), 4, "  Added field " << entry->fieldId());
+}
+
+}  // namespace
+
+Kivo::Ptr<HwFlowTracking::FtTemplateEntry> OptionsTemplate::scopeFieldIs(std::uint32_t fieldId,
+                                                                         Ipfix::RecordType type) {
+   return entryIs(scopeField_, fieldId, type);
+}
+
+Kivo::Ptr<HwFlowTracking::FtTemplateEntry> OptionsTemplate::fieldIs(std::uint32_t fieldId,
+                                                                    Ipfix::RecordType type) {
+   return entryIs(field_, fieldId, type);
+}
+
+Kivo::Ptr<OptionsTemplate> OptionsTemplateConfig::templateEntryIs(Kivo::String const& name,
+                                                                  TemplateId templateId) {
+   Kivo::Ptr<OptionsTemplate> t = templateEntry_.is(name, templateId);
+   KIVO_ASSERT(t->templateId() == templateId);
+   return t;
+}
+
+void updateFieldInfo(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
+                     Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const& field) {
+   if (!eic->elementIdCollHas(field->fieldId())) {
+      KTRACE_FAST(
+          "Missing fieldId in elementIdColl: " << static_cast<std::uint32_t>(field->fieldId()));
+   }
+   // clang-format off
+   KIVO_ASSERT(eic->elementIdCollHas( field->fieldId() ));
+   // clang-format on
+   Ipfix::ElementId const e = eic->elementIdColl(field->fieldId());
+   field->fieldLenIs(static_cast<std::uint16_t>(e.len()));
+   field->enterpriseIeIs(e.enterpriseIe());
+}
+
+void addScopeField(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
+                   Kivo::Ptr<OptionsTemplate> const& optionsTemplate, Ipfix::RecordType type) {
+   appendField(eic, optionsTemplate->scopeFieldIs(optionsTemplate->scopeFields(), type));
+}
+
+void addField(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
+              Kivo::Ptr<OptionsTemplate> const& optionsTemplate, Ipfix::RecordType type) {
+   appendField(eic, optionsTemplate->fieldIs(optionsTemplate->fields(), type));
+}
+
+std::uint32_t getTemplateEntryLength(Kivo::Ptr<OptionsTemplate const> const& templateEntry) {
+   KIVO_ASSERT(templateEntry->scopeFields() > 0);
+   KIVO_ASSERT(templateEntry->fields() >= templateEntry->scopeFields());
+   std::uint32_t len = sizeof(Pelto::OptionsTemplateHeaderWire);
+   for (auto const& [pos, e] : templateEntry->scopeField()) {
+      len += fieldSpecifierLength(*e);
+   }
+   for (auto const& [pos, e] : templateEntry->field()) {
+      len += fieldSpecifierLength(*e);
+   }
+   return len;
+}
+
+std::uint32_t writeFieldSpecifier(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
+                                  HwFlowTracking::FtTemplateEntry const& entry) {
+   Pelto::FieldSpecifier spec(pkt, offset, entry.enterpriseIe());
+   spec.elementIdIs(static_cast<std::uint16_t>(entry.fieldId()));
+   spec.fieldLenIs(entry.fieldLen());
+   if (entry.enterpriseIe()) {
+      spec.entNumIs(Constants::enterpriseNumber());
+   }
+   return offset + static_cast<std::uint32_t>(spec.size());
+}
+
+std::uint32_t writeOptionsTemplateRecord(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
+                                         OptionsTemplate const& ot) {
+   Pelto::OptionsTemplateHeader hdr(pkt, offset);
+   hdr.templateIdIs(ot.templateId());
+   hdr.fieldCountIs(static_cast<std::uint16_t>(ot.scopeFields() + ot.fields()));
+   hdr.scopeFieldCountIs(static_cast<std::uint16_t>(ot.scopeFields()));
+   offset += sizeof(Pelto::OptionsTemplateHeaderWire);
+   for (auto const& [pos, e] : ot.scopeField()) {
+      offset = writeFieldSpecifier(pkt, offset, *e);
+   }
+   for (auto const& [pos, e] : ot.field()) {
+      offset = writeFieldSpecifier(pkt, offset, *e);
+   }
+   return offset;
+}
+
+}  // namespace FlowTracking
