@@ -17,12 +17,23 @@ class TemplateId {
    constexpr TemplateId(std::uint16_t v) : v_(v) {}
    constexpr std::uint16_t value() const { return v_; }
    constexpr operator std::uint16_t() const { return v_; }
-   constexpr auto operator<=>(TemplateId const&) const = default;
 
  private:
    std::uint16_t v_ = 0;
 };
 std::ostream& operator<<(std::ostream& os, TemplateId id);
+
+// Intervals that configuration and status carry in milliseconds.
+struct ActiveInterval {
+   std::uint32_t ms = 0;
+   double seconds() const { return ms / 1000.0; }
+   bool operator==(ActiveInterval const&) const = default;
+};
+struct InactiveTimeout {
+   std::uint32_t ms = 0;
+   double seconds() const { return ms / 1000.0; }
+   bool operator==(InactiveTimeout const&) const = default;
+};
 
 // Flow tracker number; also the IPFIX observation domain id of everything a tracker exports.
 using FtId = std::uint32_t;

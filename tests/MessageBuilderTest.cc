@@ -1,0 +1,168 @@
+#include <gtest/gtest.h>
+
+#include "Ipfix/MessageBuilder.h"
+#include "support/DeathText.h"
+#include "support/IpfixDecoder.h"
+
+using FlowTracking::MessageBuilder;
+using testsupport::Bytes;
+
+namespace {
+
+std::string record(std::size_t n, char fill = 'r') {
+   return std::string(n, fill);
+}
+
+testsupport::Message decode(Kivo::Ptr<FlowTracking::Message> const& m) {
+   testsupport::Decoder d;
+   return d.decode(m->pkt()->span());
+}
+
+}  // namespace
+
+TEST(MessageBuilder, OneRecordMessageHasExactLengthsAndZeroStamps) {
+   auto b = FlowTracking::messageBuilderFactory(1400, 77);
+   b->startMsg();
+   EXPECT_EQ(b->addSetRecord(256, FlowTracking::dataRecordFactory(record(10))), 10u);
+   auto msg = b->finalizeMsg();
+   EXPECT_EQ(msg->recordCount(), 1u);
+   EXPECT_EQ(msg->pkt()->bytes(), 30u);
+   auto const m = decode(msg);
+   EXPECT_EQ(m.length, 30);
+   EXPECT_EQ(m.observationDomainId, 77u);
+   EXPECT_EQ(m.exportTime, 0u);
+   EXPECT_EQ(m.sequenceNumber, 0u);
+   ASSERT_EQ(m.sets.size(), 1u);
+   EXPECT_EQ(m.sets[0].id, 256);
+   EXPECT_EQ(m.sets[0].length, 14);
+   EXPECT_EQ(m.sets[0].body, Bytes(10, 'r'));
+   // The builder is idle again and starts the next message from scratch.
+   EXPECT_FALSE(b->pkt());
+   EXPECT_EQ(b->offset(), 0u);
+   EXPECT_EQ(b->recordCount(), 0u);
+}
+
+TEST(MessageBuilder, ConsecutiveRecordsOfOneIdShareASet) {
+   auto b = FlowTracking::messageBuilderFactory(1400, 1);
+   b->startMsg();
+   b->addSetRecordStr(300, "a1");
+   b->addSetRecordStr(300, "a2");
+   b->addSetRecordStr(301, "b1b");
+   b->addSetRecordStr(300, "a3");
+   auto msg = b->finalizeMsg();
+   EXPECT_EQ(msg->recordCount(), 4u);
+   auto const m = decode(msg);
+   ASSERT_EQ(m.sets.size(), 3u);
+   EXPECT_EQ(m.sets[0].id, 300);
+   EXPECT_EQ(testsupport::fieldText(m.sets[0].body), "a1a2");
+   EXPECT_EQ(m.sets[1].id, 301);
+   EXPECT_EQ(m.sets[1].length, 7);
+   EXPECT_EQ(m.sets[2].id, 300);
+   EXPECT_EQ(testsupport::fieldText(m.sets[2].body), "a3");
+   EXPECT_EQ(m.length, 16 + (4 + 4) + (4 + 3) + (4 + 2));
+}
+
+// With maxSize 100 and the message filled to offset 90: a record of the open set's id needs only
+// its own octets, one of another id also needs a set header.
+TEST(MessageBuilder, RoomTestAtTheExactBoundary) {
+   struct Case {
+      FlowTracking::TemplateId id;
+      std::size_t len;
+      bool fits;
+   };
+   Case const cases[] = {{256, 10, true}, {256, 11, false}, {257, 6, true}, {257, 7, false}};
+   for (Case const& c : cases) {
+      auto b = FlowTracking::messageBuilderFactory(100, 1);
+      b->startMsg();
+      ASSERT_EQ(b->addSetRecordStr(256, record(70)), 70u);
+      ASSERT_EQ(b->offset(), 90u);
+      std::uint32_t const written = b->addSetRecordStr(c.id, record(c.len, 'x'));
+      if (c.fits) {
+         EXPECT_EQ(written, c.len) << c.id << "/" << c.len;
+         EXPECT_EQ(b->offset(), 100u);
+         EXPECT_EQ(b->recordCount(), 2u);
+         EXPECT_EQ(decode(b->finalizeMsg()).length, 100);
+      } else {
+         EXPECT_EQ(written, 0u) << c.id << "/" << c.len;
+         EXPECT_EQ(b->offset(), 90u);  // nothing changed, the open set stays open
+         EXPECT_EQ(b->recordCount(), 1u);
+         EXPECT_EQ(b->setId(), 256);
+         auto const m = decode(b->finalizeMsg());
+         EXPECT_EQ(m.length, 90);
+         EXPECT_EQ(m.sets.size(), 1u);
+      }
+   }
+}
+
+TEST(MessageBuilder, RefusedRecordGoesIntoTheNextMessageWhole) {
+   auto b = FlowTracking::messageBuilderFactory(64, 9);
+   std::vector<Kivo::Ptr<FlowTracking::Message>> msgs;
+   b->startMsg();
+   for (int i = 0; i < 5; ++i) {
+      auto rec = FlowTracking::dataRecordFactory(record(20, static_cast<char>('a' + i)));
+      if (b->addSetRecord(400, rec) == 0) {
+         msgs.push_back(b->finalizeMsg());
+         b->startMsg();
+         ASSERT_EQ(b->addSetRecord(400, rec), 20u);
+      }
+   }
+   msgs.push_back(b->finalizeMsg());
+   ASSERT_EQ(msgs.size(), 3u);  // 16 + 4 + 2 * 20 = 60 octets hold two records
+   std::string all;
+   std::uint32_t records = 0;
+   for (auto const& msg : msgs) {
+      auto const m = decode(msg);
+      EXPECT_LE(m.length, 64);
+      all += testsupport::fieldText(m.sets.at(0).body);
+      records += msg->recordCount();
+   }
+   EXPECT_EQ(records, 5u);
+   EXPECT_EQ(all, record(20, 'a') + record(20, 'b') + record(20, 'c') + record(20, 'd') +
+                      record(20, 'e'));
+}
+
+TEST(MessageBuilder, StampingWritesTimeAndSequenceNumberPerSend) {
+   Kivo::ScopedManualClock clock(1'700'000'123.9);
+   auto b = FlowTracking::messageBuilderFactory(1400, 5);
+   b->startMsg();
+   b->addSetRecordStr(256, "abcd");
+   auto msg = b->finalizeMsg();
+   Bytes const before(msg->pkt()->span().begin(), msg->pkt()->span().end());
+
+   auto pkt = msg->pkt(41);
+   EXPECT_EQ(pkt.get(), msg->pkt().get());  // the same packet, restamped
+   auto m = decode(msg);
+   EXPECT_EQ(m.exportTime, 1'700'000'123u);
+   EXPECT_EQ(m.sequenceNumber, 41u);
+   clock->advance(2);
+   msg->pkt(0xffffffffu);
+   m = decode(msg);
+   EXPECT_EQ(m.exportTime, 1'700'000'125u);
+   EXPECT_EQ(m.sequenceNumber, 0xffffffffu);
+   // Nothing but the two stamped fields changed.
+   Bytes after(msg->pkt()->span().begin(), msg->pkt()->span().end());
+   std::fill(after.begin() + 4, after.begin() + 12, 0);
+   EXPECT_EQ(after, before);
+}
+
+TEST(MessageBuilder, OverheadIsHeaderPlusSetHeaders) {
+   EXPECT_EQ(MessageBuilder::calcOverhead(0), 16u);
+   EXPECT_EQ(MessageBuilder::calcOverhead(3), 28u);
+}
+
+using MessageBuilderDeathTest = ::testing::Test;
+
+TEST_F(MessageBuilderDeathTest, MisuseStopsWithTheConditionText) {
+   auto b = FlowTracking::messageBuilderFactory(100, 1);
+   EXPECT_DEATH(b->addSetRecordStr(256, "x"), testsupport::deathText("builder->pkt()"));
+   EXPECT_DEATH(b->finalizeMsg(), testsupport::deathText("pkt()"));
+   b->startMsg();
+   EXPECT_DEATH(b->startMsg(), testsupport::deathText("!pkt()"));
+   EXPECT_DEATH(b->finalizeMsg(),
+                testsupport::deathText("offset() > IpfixConst::messageHeaderLen()"));
+   EXPECT_DEATH(b->addSetRecordStr(256, record(65535)),
+                testsupport::deathText("bytes < Kivo::maxU16()"));
+   // 65533 + 4 wraps to 1 in the 16-bit room test; the hard bound still stops the write.
+   EXPECT_DEATH(b->addSetRecordStr(256, record(65533)),
+                testsupport::deathText("builder->offset() + bytes <= builder->pktBufSize()"));
+}
