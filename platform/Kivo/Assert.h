@@ -14,11 +14,12 @@ namespace Kivo {
 
 }  // namespace Kivo
 
-#define KIVO_ASSERT(cond)                                 \
-   do {                                                   \
-      if (!(cond)) [[unlikely]] {                         \
-         ::Kivo::assertFail(#cond, __FILE__, __LINE__);   \
-      }                                                   \
+// Variadic so that a condition with a comma outside parentheses (is_same_v<A, B>) still works.
+#define KIVO_ASSERT(...)                                       \
+   do {                                                        \
+      if (!(__VA_ARGS__)) [[unlikely]] {                       \
+         ::Kivo::assertFail(#__VA_ARGS__, __FILE__, __LINE__); \
+      }                                                        \
    } while (0)
 
 #define KIVO_ABSTRACT(name) ::Kivo::assertFail("(!(\"" name "\"))", __FILE__, __LINE__)

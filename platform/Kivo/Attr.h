@@ -37,7 +37,7 @@ struct Hashed {
 
 template <class T>
 class Value {
-public:
+ public:
    Value() = default;
    explicit Value(T v) : v_(std::move(v)) {}
 
@@ -55,12 +55,14 @@ public:
    // Adds `delta`; notifies only when the value changed. Returns the new value.
    template <class D>
    T inc(D delta) {
-      is(static_cast<T>(v_ + delta));
-      return v_;
+      // Not read back after is(): a handler may have destroyed the entity holding this value.
+      T const v = static_cast<T>(v_ + delta);
+      is(v);
+      return v;
    }
    Signal<> const& signal() const { return signal_; }
 
-private:
+ private:
    T v_{};
    Signal<> signal_;
 };
@@ -68,7 +70,7 @@ private:
 // Entities keyed by K, owned through Ptr<V>. `is(k, args...)` constructs V(k, args...).
 template <class K, class V, class Kind = Ordered>
 class Coll {
-public:
+ public:
    using Map = typename Kind::template Map<K, Ptr<V>>;
 
    Ptr<V> get(K const& k) const {
@@ -108,17 +110,13 @@ public:
    // Removes `k`; returns the removed element (null when absent).
    Ptr<V> del(K const& k) {
       auto it = m_.find(k);
-      if (it == m_.end()) {
-         return nullptr;
-      }
-      Ptr<V> old = std::move(it->second);
-      m_.erase(it);
-      signal_.emit(k);
-      return old;
+      return it == m_.end() ? nullptr : take_(it).first;
    }
    void delAll() {
       while (!m_.empty()) {
-         del(m_.begin()->first);
+         if (!take_(m_.begin()).second) {
+            return;  // a handler destroyed the owner of this collection
+         }
       }
    }
    // A copy of the keys, for walks whose handlers may change the collection.
@@ -134,7 +132,17 @@ public:
    auto end() const { return m_.end(); }
    Signal<K> const& signal() const { return signal_; }
 
-private:
+ private:
+   // Erases the element at `it` and notifies its key; the bool is false when a handler destroyed
+   // this collection. The key is copied first: the caller's may live in the erased node.
+   std::pair<Ptr<V>, bool> take_(typename Map::iterator it) {
+      K const key = it->first;
+      Ptr<V> old = std::move(it->second);  // released after the handlers ran
+      m_.erase(it);
+      bool const alive = signal_.emit(key);
+      return {std::move(old), alive};
+   }
+
    Map m_;
    Signal<K> signal_;
 };
@@ -142,7 +150,7 @@ private:
 // Plain values keyed by K.
 template <class K, class V, class Kind = Ordered>
 class ValueColl {
-public:
+ public:
    using Map = typename Kind::template Map<K, V>;
 
    V const* find(K const& k) const {
@@ -176,10 +184,7 @@ public:
       if (it == m_.end()) {
          return std::nullopt;
       }
-      V old = std::move(it->second);
-      m_.erase(it);
-      signal_.emit(k);
-      return old;
+      return take_(it).first;
    }
    void delAll() {
       if (signal_.observers() == 0) {
@@ -187,7 +192,9 @@ public:
          return;
       }
       while (!m_.empty()) {
-         del(m_.begin()->first);
+         if (!take_(m_.begin()).second) {
+            return;  // a handler destroyed the owner of this collection
+         }
       }
    }
    std::vector<K> keys() const {
@@ -202,7 +209,16 @@ public:
    auto end() const { return m_.end(); }
    Signal<K> const& signal() const { return signal_; }
 
-private:
+ private:
+   // As Coll::take_: the key is copied before its node goes.
+   std::pair<V, bool> take_(typename Map::iterator it) {
+      K const key = it->first;
+      V old = std::move(it->second);
+      m_.erase(it);
+      bool const alive = signal_.emit(key);
+      return {std::move(old), alive};
+   }
+
    Map m_;
    Signal<K> signal_;
 };
@@ -210,7 +226,7 @@ private:
 // A set keyed by its elements.
 template <class K, class Kind = Hashed>
 class SetColl {
-public:
+ public:
    using Set = typename Kind::template Set<K>;
 
    bool has(K const& k) const { return s_.find(k) != s_.end(); }
@@ -240,14 +256,18 @@ public:
          return;
       }
       while (!s_.empty()) {
-         del(*s_.begin());
+         K const k = *s_.begin();
+         s_.erase(s_.begin());
+         if (!signal_.emit(k)) {
+            return;  // a handler destroyed the owner of this set
+         }
       }
    }
    auto begin() const { return s_.begin(); }
    auto end() const { return s_.end(); }
    Signal<K> const& signal() const { return signal_; }
 
-private:
+ private:
    Set s_;
    Signal<K> signal_;
 };

@@ -24,14 +24,14 @@
 namespace Kivo {
 
 class SlotBase : public Object {
-public:
+ public:
    virtual void disconnect() = 0;
    virtual bool connected() const = 0;
 };
 
 // Handle on one connected slot. Move-only; dropping it does not disconnect (a Reactor does).
 class Connection {
-public:
+ public:
    Connection() = default;
    explicit Connection(Ptr<SlotBase> slot) : slot_(std::move(slot)) {}
    void disconnect() {
@@ -42,13 +42,13 @@ public:
    }
    bool connected() const { return slot_ && slot_->connected(); }
 
-private:
+ private:
    Ptr<SlotBase> slot_;
 };
 
 template <class... Args>
 class Signal {
-public:
+ public:
    using Handler = std::function<void(Args...)>;
 
    Signal() = default;
@@ -70,9 +70,11 @@ public:
       return Connection(s);
    }
 
-   void emit(Args... args) const {
+   // Returns false when a handler destroyed this signal (and so, normally, its owner): the caller
+   // must not touch the owner after that.
+   bool emit(Args... args) const {
       if (slots_.empty()) {
-         return;
+         return true;
       }
       Frame frame{frames_, false};
       frames_ = &frame;
@@ -96,9 +98,10 @@ public:
          }
          s->fn(args...);
          if (frame.dead) {
-            return;  // a handler destroyed the owner of this signal
+            return false;  // a handler destroyed the owner of this signal
          }
       }
+      return true;
    }
 
    // Number of connected slots.
@@ -110,7 +113,7 @@ public:
       return n;
    }
 
-private:
+ private:
    struct Slot : SlotBase {
       Slot(Handler f, Signal const* sig) : fn(std::move(f)), signal(sig) {}
       void disconnect() override {
@@ -144,7 +147,14 @@ private:
       }
    }
    void compact_() const {
-      std::erase_if(slots_, [](Ptr<Slot> const& s) { return !s->live; });
+      // The dead slots leave the vector before they are released. Releasing a slot releases its
+      // handler and whatever that owns, which may disconnect another slot of this signal (back
+      // into remove_) or destroy this signal's owner; neither may happen inside the erase.
+      std::vector<Ptr<Slot>> live, dead;
+      for (auto& s : slots_) {
+         (s->live ? live : dead).push_back(std::move(s));
+      }
+      slots_.swap(live);
       dirty_ = false;
    }
 
@@ -156,7 +166,7 @@ private:
 // The connections of one state machine. Destroying or resetting it disconnects them all, so a
 // state machine that holds its reactors as members can never be called after its destruction.
 class Reactor {
-public:
+ public:
    Reactor() = default;
    Reactor(Reactor const&) = delete;
    Reactor& operator=(Reactor const&) = delete;
@@ -181,7 +191,7 @@ public:
    }
    bool empty() const { return conns_.empty(); }
 
-private:
+ private:
    std::vector<Connection> conns_;
 };
 

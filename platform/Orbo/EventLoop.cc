@@ -21,6 +21,7 @@ EventLoop::EventLoop(Kivo::Ptr<TaskScheduler> scheduler) : scheduler_(std::move(
 EventLoop::~EventLoop() {
    if (signalFd_ >= 0) {
       close(signalFd_);
+      pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);  // deliver them normally again
    }
    close(epollFd_);
 }
@@ -44,8 +45,8 @@ void EventLoop::fdDel(int fd) {
 
 void EventLoop::signalIs(int signo, Handler onSignal) {
    sigaddset(&signals_, signo);
-   if (pthread_sigmask(SIG_BLOCK, &signals_, nullptr) != 0) {
-      throw Kivo::ErrnoException(errno, "pthread_sigmask");
+   if (int const rc = pthread_sigmask(SIG_BLOCK, &signals_, nullptr); rc != 0) {
+      throw Kivo::ErrnoException(rc, "pthread_sigmask");
    }
    int const fd = signalfd(signalFd_, &signals_, SFD_NONBLOCK | SFD_CLOEXEC);
    if (fd < 0) {

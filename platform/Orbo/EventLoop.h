@@ -12,7 +12,7 @@
 namespace Orbo {
 
 class EventLoop {
-public:
+ public:
    using Handler = std::function<void()>;
 
    // Throws Kivo::ErrnoException when epoll cannot be created.
@@ -35,7 +35,7 @@ public:
    void runOnce(double maxWait);
    void stop() { stopped_ = true; }
 
-private:
+ private:
    void handleSignals_();
 
    Kivo::Ptr<TaskScheduler> scheduler_;

@@ -1,5 +1,6 @@
 #include "Orbo/TaskScheduler.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace Orbo {
@@ -13,9 +14,18 @@ Task::Task(Kivo::Ptr<TaskScheduler> scheduler, TaskPriority priority, Kivo::Stri
    KIVO_ASSERT(scheduler_);
 }
 
-Task::~Task() { scheduler_->unschedule_(this); }
+Task::~Task() {
+   scheduler_->unschedule_(this);
+}
 
 void Task::scheduleTask() {
+   if (state_ == State::ready) {
+      return;
+   }
+   // Timers that already fell due are made ready first, in the order they fell due; otherwise
+   // this task would overtake them within its priority until the next pass picked them up. If
+   // this task's own timer is among them, that run is the one it keeps.
+   scheduler_->promoteDueTimers_(Kivo::currentTime());
    if (state_ == State::ready) {
       return;
    }
@@ -34,9 +44,13 @@ void Task::scheduleTaskLowestDelay(double seconds) {
    timerPos_ = scheduler_->timers_.emplace(due, this);
 }
 
-void Task::stopTimerTask() { scheduler_->unschedule_(this); }
+void Task::stopTimerTask() {
+   scheduler_->unschedule_(this);
+}
 
-bool Task::running() const { return scheduler_->current_ == this; }
+bool Task::running() const {
+   return scheduler_->current_ == this;
+}
 
 TaskScheduler::~TaskScheduler() {
    // Tasks hold a reference to their scheduler, so none can be pending here.
@@ -49,7 +63,7 @@ void TaskScheduler::makeReady_(Task* t) {
    t->state_ = Task::State::ready;
    t->due_ = Kivo::currentTime();
    // A task made ready during a pass waits for the next one.
-   t->pass_ = current_ ? pass_ + 1 : pass_;
+   t->pass_ = inPass_ ? pass_ + 1 : pass_;
    ++readyCount_;
 }
 
@@ -87,6 +101,11 @@ std::size_t TaskScheduler::runPass() {
    ++pass_;
    std::uint64_t const thisPass = pass_;
    std::size_t ran = 0;
+   inPass_ = true;
+   struct EndPass {
+      bool& inPass;
+      ~EndPass() { inPass = false; }
+   } endPass{inPass_};
    for (;;) {
       // Highest priority first; within a priority, the order the tasks became ready.
       Task* next = nullptr;
@@ -149,7 +168,7 @@ bool TaskScheduler::runFor(Kivo::ManualClock& clock, double seconds, std::size_t
       }
       clock.nowIs(std::max(next, clock.now()));
    }
-   clock.nowIs(target);
+   clock.nowIs(std::max(target, clock.now()));  // a handler may have moved it further
    return true;
 }
 

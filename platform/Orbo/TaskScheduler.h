@@ -29,7 +29,7 @@ using TaskPriority = int;  // larger runs first
 class TaskScheduler;
 
 class Task : public Kivo::Object {
-public:
+ public:
    using Handler = std::function<void()>;
 
    Task(Kivo::Ptr<TaskScheduler> scheduler, TaskPriority priority, Kivo::String name,
@@ -53,7 +53,7 @@ public:
    // True while this task's handler is running.
    bool running() const;
 
-private:
+ private:
    friend class TaskScheduler;
    enum class State { idle, timer, ready };
 
@@ -71,7 +71,7 @@ private:
 using TimerTask = Task;
 
 class TaskScheduler : public Kivo::Object {
-public:
+ public:
    TaskScheduler() = default;
    ~TaskScheduler() override;
 
@@ -101,7 +101,7 @@ public:
    // Total tasks run; for tests and statistics.
    std::uint64_t tasksRun() const { return tasksRun_; }
 
-private:
+ private:
    friend class Task;
    void makeReady_(Task* t);
    void unschedule_(Task* t);
@@ -113,6 +113,9 @@ private:
    std::uint64_t pass_ = 0;
    std::uint64_t tasksRun_ = 0;
    Task* current_ = nullptr;
+   // A pass is under way; unlike current_ this also covers the moments between two handlers,
+   // when releasing the task that just ran may run destructors that schedule other tasks.
+   bool inPass_ = false;
    double currentStart_ = 0;
    double timeSlice_ = 0.01;
 };

@@ -4,6 +4,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "Kivo/Kivo.h"
 
@@ -56,10 +58,12 @@ void enable(std::string_view name, int level) {
 }
 
 bool enableFromSpec(std::string_view spec) {
+   // The whole string is parsed before any of it is applied, so a malformed one changes nothing.
+   // An empty item anywhere, a trailing one included, is malformed.
+   std::vector<std::pair<std::string_view, int>> items;
    while (!spec.empty()) {
       auto comma = spec.find(',');
       std::string_view item = spec.substr(0, comma);
-      spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
       if (item.empty()) {
          return false;
       }
@@ -76,7 +80,25 @@ bool enableFromSpec(std::string_view spec) {
       if (item.empty()) {
          return false;
       }
-      enable(item, level);
+      items.emplace_back(item, level);
+      if (comma == std::string_view::npos) {
+         break;
+      }
+      spec = spec.substr(comma + 1);
+      if (spec.empty()) {
+         return false;
+      }
+   }
+   // "*" goes first wherever it stands: in "Fac1/4,*/2" it sets the facilities not named.
+   for (auto const& [name, level] : items) {
+      if (name == "*") {
+         enable(name, level);
+      }
+   }
+   for (auto const& [name, level] : items) {
+      if (name != "*") {
+         enable(name, level);
+      }
    }
    return true;
 }
@@ -89,8 +111,13 @@ void sinkIs(Sink sink) {
 
 void write(Facility const& fac, int level, std::string_view line) {
    Registry& r = registry();
-   if (r.sink) {
-      r.sink(fac, level, line);
+   Sink sink;
+   {
+      std::lock_guard lock(r.mutex);
+      sink = r.sink;  // a copy: the sink may replace itself while it runs
+   }
+   if (sink) {
+      sink(fac, level, line);
       return;
    }
    std::fprintf(stderr, "%.6f %s %d %.*s\n", Kivo::currentTime(), fac.name().c_str(), level,

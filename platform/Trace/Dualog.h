@@ -13,17 +13,19 @@
 
 namespace Dualog {
 
-constexpr int off() { return -1; }
+constexpr int off() {
+   return -1;
+}
 
 class Facility {
-public:
+ public:
    explicit Facility(std::string name) : name_(std::move(name)) {}
    std::string const& name() const { return name_; }
    int level() const { return level_.load(std::memory_order_relaxed); }
    void levelIs(int l) { level_.store(l, std::memory_order_relaxed); }
    bool on(int lvl) const { return lvl <= level(); }
 
-private:
+ private:
    std::string name_;
    std::atomic<int> level_{off()};
 };

@@ -27,8 +27,12 @@ Ring& ring() {
 
 }  // namespace
 
-bool enabled() { return ring().on; }
-void enabledIs(bool on) { ring().on = on; }
+bool enabled() {
+   return ring().on;
+}
+void enabledIs(bool on) {
+   ring().on = on;
+}
 
 void record(std::string_view line) {
    Ring& r = ring();

@@ -11,8 +11,12 @@
 
 namespace Snaplog {
 
-constexpr std::size_t ringLines() { return 4096; }
-constexpr std::size_t lineCapacity() { return 200; }
+constexpr std::size_t ringLines() {
+   return 4096;
+}
+constexpr std::size_t lineCapacity() {
+   return 200;
+}
 
 bool enabled();
 void enabledIs(bool on);

@@ -23,7 +23,7 @@ namespace Trace {
 class Line {
    static constexpr std::size_t capacity_ = 1024;
 
-public:
+ public:
    static constexpr std::size_t capacity() { return capacity_; }
 
    Line& operator<<(std::string_view s) {
@@ -49,9 +49,9 @@ public:
    }
    // Anything else that can be streamed (addresses, ids, enumerations with names).
    template <class T>
-      requires(!std::integral<T> && !std::convertible_to<T, std::string_view> &&
-               requires(std::ostream& os, T const& t) { os << t; })
-   Line& operator<<(T const& v) {
+   requires(!std::integral<T> && !std::convertible_to<T, std::string_view> &&
+            requires(std::ostream & os, T const& t) { os << t; }) Line&
+   operator<<(T const& v) {
       std::ostringstream os;
       os << v;
       return *this << os.str();
@@ -67,7 +67,7 @@ public:
    }
    void commitFast() const { Snaplog::record(view()); }
 
-private:
+ private:
    char buf_[capacity_];
    std::size_t n_ = 0;
 };
@@ -78,20 +78,20 @@ inline bool on(Dualog::Facility const& fac, int level) {
 
 }  // namespace Trace
 
-#define KTRACE(fac, level, expr)                      \
-   do {                                               \
-      if (::Trace::on((fac), (level))) {              \
-         ::Trace::Line kivoTraceLine_;                \
-         kivoTraceLine_ << expr;                      \
-         kivoTraceLine_.commit((fac), (level));       \
-      }                                               \
+#define KTRACE(fac, level, expr)                \
+   do {                                         \
+      if (::Trace::on((fac), (level))) {        \
+         ::Trace::Line kivoTraceLine_;          \
+         kivoTraceLine_ << expr;                \
+         kivoTraceLine_.commit((fac), (level)); \
+      }                                         \
    } while (0)
 
-#define KTRACE_FAST(expr)                             \
-   do {                                               \
-      if (::Snaplog::enabled()) {                     \
-         ::Trace::Line kivoTraceLine_;                \
-         kivoTraceLine_ << expr;                      \
-         kivoTraceLine_.commitFast();                 \
-      }                                               \
+#define KTRACE_FAST(expr)              \
+   do {                                \
+      if (::Snaplog::enabled()) {      \
+         ::Trace::Line kivoTraceLine_; \
+         kivoTraceLine_ << expr;       \
+         kivoTraceLine_.commitFast();  \
+      }                                \
    } while (0)
