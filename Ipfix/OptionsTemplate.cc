@@ -93,17 +93,20 @@ std::uint32_t writeFieldSpecifier(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_
 }
 
 std::uint32_t writeOptionsTemplateRecord(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
-                                         OptionsTemplate const& ot) {
+                                         OptionsTemplate const& ot, FieldWriter const& writeField) {
+   auto write = [&](Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const& e) {
+      offset = writeField ? writeField(pkt, offset, e) : writeFieldSpecifier(pkt, offset, *e);
+   };
    Pelto::OptionsTemplateHeader hdr(pkt, offset);
    hdr.templateIdIs(ot.templateId());
    hdr.fieldCountIs(static_cast<std::uint16_t>(ot.scopeFields() + ot.fields()));
    hdr.scopeFieldCountIs(static_cast<std::uint16_t>(ot.scopeFields()));
    offset += sizeof(Pelto::OptionsTemplateHeaderWire);
    for (auto const& [pos, e] : ot.scopeField()) {
-      offset = writeFieldSpecifier(pkt, offset, *e);
+      write(e);
    }
    for (auto const& [pos, e] : ot.field()) {
-      offset = writeFieldSpecifier(pkt, offset, *e);
+      write(e);
    }
    return offset;
 }

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "HwFlowTracking/FtTemplateEntry.h"
 #include "Ipfix/FlowTrackingTypes.h"
@@ -104,9 +105,14 @@ std::uint32_t getTemplateEntryLength(Kivo::Ptr<OptionsTemplate const> const& tem
 // REQUIRES: the specifier lies inside the packet's data.
 std::uint32_t writeFieldSpecifier(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
                                   HwFlowTracking::FtTemplateEntry const& entry);
-// Writes the whole options template record at `offset`; returns the offset after it.
+// Writes the whole options template record at `offset`: the header, then each scope field and
+// each field through `writeField` (writeFieldSpecifier unless the caller wants to do more per
+// field). Returns the offset after the record.
 // REQUIRES: getTemplateEntryLength(ot) octets of room at `offset`.
+using FieldWriter = std::function<std::uint32_t(
+    Kivo::Ptr<Pelto::Pkt> const&, std::uint32_t, Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const&)>;
 std::uint32_t writeOptionsTemplateRecord(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
-                                         OptionsTemplate const& ot);
+                                         OptionsTemplate const& ot,
+                                         FieldWriter const& writeField = {});
 
 }  // namespace FlowTracking

@@ -29,7 +29,9 @@ double RealClock::now() const {
    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
-Clock& clock() { return *clockSlot(); }
+Clock& clock() {
+   return *clockSlot();
+}
 
 void clockIs(Ptr<Clock> c) {
    KIVO_ASSERT(c);
@@ -41,7 +43,9 @@ ScopedManualClock::ScopedManualClock(double start)
    clockIs(clock_);
 }
 
-ScopedManualClock::~ScopedManualClock() { clockIs(previous_); }
+ScopedManualClock::~ScopedManualClock() {
+   clockIs(previous_);
+}
 
 void assertFail(char const* text, char const* file, int line) noexcept {
    std::fprintf(stderr, "ASSERTION FAILED: %s\n  at %s:%d\n", text, file, line);

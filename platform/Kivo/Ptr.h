@@ -22,7 +22,7 @@
 namespace Kivo {
 
 class Object {
-public:
+ public:
    Object() = default;
    Object(Object const&) : refs_(0) {}
    Object& operator=(Object const&) { return *this; }
@@ -46,9 +46,11 @@ public:
       }
 #endif
    }
-   std::uint32_t refCount() const noexcept { return refs_; }
+   std::uint32_t refCount() const noexcept {
+      return refs_;
+   }
 
-private:
+ private:
 #ifdef KIVO_THREAD_SAFE_PTR
    mutable std::atomic<std::uint32_t> refs_{0};
 #else
@@ -58,7 +60,7 @@ private:
 
 template <class T>
 class Ptr {
-public:
+ public:
    using element_type = T;
 
    Ptr() noexcept = default;
@@ -96,7 +98,7 @@ public:
    friend bool operator==(Ptr const& a, Ptr const& b) noexcept { return a.p_ == b.p_; }
    friend bool operator==(Ptr const& a, std::nullptr_t) noexcept { return a.p_ == nullptr; }
 
-private:
+ private:
    T* p_ = nullptr;
 };
 
@@ -122,7 +124,5 @@ Ptr<T> ptrDynamicCast(Ptr<U> const& p) noexcept {
 
 template <class T>
 struct std::hash<Kivo::Ptr<T>> {
-   std::size_t operator()(Kivo::Ptr<T> const& p) const noexcept {
-      return std::hash<T*>()(p.get());
-   }
+   std::size_t operator()(Kivo::Ptr<T> const& p) const noexcept { return std::hash<T*>()(p.get()); }
 };

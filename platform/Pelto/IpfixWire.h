@@ -68,24 +68,24 @@ static_assert(sizeof(EnterpriseFieldSpecifierWire) == 8);
 // Common part of the views: a wire struct W at `offset` of `pkt`'s data.
 template <class W>
 class WireView : public Kivo::Object {
-public:
+ public:
    WireView(Kivo::Ptr<Pkt> pkt, std::size_t offset) : pkt_(std::move(pkt)), offset_(offset) {}
    Kivo::Ptr<Pkt> const& pkt() const { return pkt_; }
    std::size_t offset() const { return offset_; }
 
-protected:
+ protected:
    W* wire() const {
       KIVO_ASSERT(offset_ + sizeof(W) <= pkt_->bytes());
       return reinterpret_cast<W*>(pkt_->data() + offset_);
    }
 
-private:
+ private:
    Kivo::Ptr<Pkt> pkt_;
    std::size_t offset_;
 };
 
 class MessageHeader : public WireView<MessageHeaderWire> {
-public:
+ public:
    using WireView::WireView;
    std::uint16_t version() const { return wire()->version.get(); }
    void versionIs(std::uint16_t v) { wire()->version.set(v); }
@@ -100,7 +100,7 @@ public:
 };
 
 class SetHeader : public WireView<SetHeaderWire> {
-public:
+ public:
    using WireView::WireView;
    std::uint16_t setId() const { return wire()->setId.get(); }
    void setIdIs(std::uint16_t v) { wire()->setId.set(v); }
@@ -109,7 +109,7 @@ public:
 };
 
 class TemplateHeader : public WireView<TemplateHeaderWire> {
-public:
+ public:
    using WireView::WireView;
    std::uint16_t templateId() const { return wire()->templateId.get(); }
    void templateIdIs(std::uint16_t v) { wire()->templateId.set(v); }
@@ -118,7 +118,7 @@ public:
 };
 
 class OptionsTemplateHeader : public WireView<OptionsTemplateHeaderWire> {
-public:
+ public:
    using WireView::WireView;
    std::uint16_t templateId() const { return wire()->templateId.get(); }
    void templateIdIs(std::uint16_t v) { wire()->templateId.set(v); }
@@ -131,7 +131,7 @@ public:
 // A field specifier: 4 octets, or 8 with the enterprise bit set and the enterprise number after.
 // The enterprise bit is fixed when the view is made; elementIdIs writes it with the id.
 class FieldSpecifier : public WireView<FieldSpecifierWire> {
-public:
+ public:
    FieldSpecifier(Kivo::Ptr<Pkt> pkt, std::size_t offset, bool enterprise)
        : WireView(std::move(pkt), offset), enterprise_(enterprise) {
       KIVO_ASSERT(offset + size() <= this->pkt()->bytes());
@@ -155,7 +155,7 @@ public:
       reinterpret_cast<EnterpriseFieldSpecifierWire*>(spec())->enterpriseNumber.set(n);
    }
 
-private:
+ private:
    FieldSpecifierWire* spec() const { return wire(); }
    bool enterprise_;
 };

@@ -15,7 +15,7 @@
 namespace Pelto {
 
 class Pkt : public Kivo::Object {
-public:
+ public:
    // An empty packet of `capacity` octets whose data starts `headroom` octets into the buffer.
    explicit Pkt(std::size_t capacity, std::size_t headroom = 0);
 
@@ -43,7 +43,7 @@ public:
    // Lower-case hex of the data, 16 octets a line, each line prefixed with its offset.
    std::string hexdump() const;
 
-private:
+ private:
    std::unique_ptr<std::uint8_t[]> buf_;
    std::size_t capacity_;
    std::size_t head_;
