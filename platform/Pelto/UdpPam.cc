@@ -1,0 +1,305 @@
+#include "Pelto/UdpPam.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "Trace/Trace.h"
+
+namespace Pelto {
+
+namespace {
+
+constexpr std::size_t maxNetNsBytes = 150;
+constexpr char const* netNsDir = "/var/run/netns/";
+constexpr char const* threadNetNs = "/proc/thread-self/ns/net";
+
+Dualog::Facility& fac() {
+   static Dualog::Facility& f = Dualog::facility("UdpPam");
+   return f;
+}
+
+// Owns a descriptor until it is released; closes it otherwise.
+class FdGuard {
+ public:
+   explicit FdGuard(int fd) : fd_(fd) {}
+   ~FdGuard() {
+      if (fd_ >= 0) {
+         ::close(fd_);
+      }
+   }
+   FdGuard(FdGuard const&) = delete;
+   FdGuard& operator=(FdGuard const&) = delete;
+   int get() const { return fd_; }
+   int release() { return std::exchange(fd_, -1); }
+
+ private:
+   int fd_;
+};
+
+[[noreturn]] void throwErrno(int err, Kivo::String const& module, Kivo::String const& step) {
+   throw Kivo::ErrnoException(err, module + ": " + step);
+}
+
+char const* familyName(int family) {
+   return family == AF_INET6 ? "AF_INET6" : "AF_INET";
+}
+
+void intOptIs(int fd, int level, int opt, int value, Kivo::String const& module,
+              char const* optName) {
+   if (setsockopt(fd, level, opt, &value, sizeof(value)) != 0) {
+      throwErrno(errno, module,
+                 Kivo::String("setsockopt ") + optName + " " + std::to_string(value));
+   }
+}
+
+int newSocket(int family) {
+   return ::socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+// Creates a socket inside the named namespace. The calling thread enters the namespace only for
+// the socket() call; the socket keeps the namespace for its whole life.
+int newSocketInNetNs(int family, Kivo::String const& ns, Kivo::String const& module) {
+   Kivo::String const path = netNsDir + ns;
+   FdGuard target(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+   if (target.get() < 0) {
+      throwErrno(errno, module, "open " + path);
+   }
+   FdGuard home(::open(threadNetNs, O_RDONLY | O_CLOEXEC));
+   if (home.get() < 0) {
+      throwErrno(errno, module, Kivo::String("open ") + threadNetNs);
+   }
+   if (setns(target.get(), CLONE_NEWNET) != 0) {
+      throwErrno(errno, module, "setns " + path);
+   }
+   int const fd = newSocket(family);
+   int const err = errno;
+   // A thread stuck in a foreign namespace would silently put every later socket there.
+   bool const backHome = setns(home.get(), CLONE_NEWNET) == 0;
+   KIVO_ASSERT(backHome);
+   if (fd < 0) {
+      throwErrno(err, module, Kivo::String("socket ") + familyName(family) + " in " + path);
+   }
+   return fd;
+}
+
+// The local port of a socket; 0 when the system has not given it one yet.
+bool localPort(int fd, std::uint16_t* port) {
+   sockaddr_storage ss{};
+   socklen_t len = sizeof(ss);
+   if (getsockname(fd, reinterpret_cast<sockaddr*>(&ss), &len) != 0) {
+      return false;
+   }
+   *port = ss.ss_family == AF_INET6 ? ntohs(reinterpret_cast<sockaddr_in6 const*>(&ss)->sin6_port)
+                                    : ntohs(reinterpret_cast<sockaddr_in const*>(&ss)->sin_port);
+   return true;
+}
+
+}  // namespace
+
+UdpPam::~UdpPam() {
+   close_();
+}
+
+void UdpPam::netNsIs(Kivo::String const& ns) {
+   if (ns.size() > maxNetNsBytes) {
+      throw Kivo::RangeException("Pelto::NamespaceName::value::bytes > 150 not allowed");
+   }
+   netNs_ = ns;
+}
+
+void UdpPam::txPrioIs(IpTrafficControl p) {
+   txPrio_ = p;
+   if (fd_ < 0) {
+      return;
+   }
+   int const v = static_cast<int>(p);
+   if (setsockopt(fd_, SOL_SOCKET, SO_PRIORITY, &v, sizeof(v)) != 0) {
+      int const err = errno;
+      KTRACE(fac(), 2, name_ << ": setting priority " << v << " failed: " << std::strerror(err));
+   }
+}
+
+void UdpPam::txTosIs(std::uint8_t tos) {
+   // Applied to the socket before the next send.
+   txTos_ = tos;
+}
+
+void UdpPam::modeIs(Mode m) {
+   close_();
+   mode_ = Mode::closed;
+   if (m == Mode::closed) {
+      return;
+   }
+   mode_ = m;
+   try {
+      open_();
+   } catch (...) {
+      mode_ = Mode::closed;
+      throw;
+   }
+}
+
+void UdpPam::open_() {
+   int const family = ipv6En_ ? AF_INET6 : AF_INET;
+   int fd = -1;
+   if (netNs_.empty()) {
+      fd = newSocket(family);
+      if (fd < 0) {
+         throwErrno(errno, name_, Kivo::String("socket ") + familyName(family));
+      }
+   } else {
+      fd = newSocketInNetNs(family, netNs_, name_);
+   }
+   FdGuard sock(fd);
+
+   intOptIs(fd, SOL_SOCKET, SO_PRIORITY, static_cast<int>(txPrio_), name_, "SO_PRIORITY");
+   if (ipv6En_) {
+      intOptIs(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1, name_, "IPV6_V6ONLY");
+      intOptIs(fd, IPPROTO_IPV6, IPV6_TCLASS, txTos_, name_, "IPV6_TCLASS");
+   } else {
+      intOptIs(fd, IPPROTO_IP, IP_TOS, txTos_, name_, "IP_TOS");
+   }
+
+   std::uint16_t port = 0;
+   if (mode_ == Mode::bound) {
+      int rc = 0;
+      Kivo::String where;
+      if (ipv6En_) {
+         Ip6AndPort const local(rxIp6Addr_, rxPortWanted_);
+         sockaddr_in6 const sa = local.toSockaddr();
+         rc = bind(fd, reinterpret_cast<sockaddr const*>(&sa), sizeof(sa));
+         where = local.toString();
+      } else {
+         IpAndPort const local(rxIpAddr_, rxPortWanted_);
+         sockaddr_in const sa = local.toSockaddr();
+         rc = bind(fd, reinterpret_cast<sockaddr const*>(&sa), sizeof(sa));
+         where = local.toString();
+      }
+      if (rc != 0) {
+         throwErrno(errno, name_, "bind " + where);
+      }
+      if (!localPort(fd, &port)) {
+         throwErrno(errno, name_, "getsockname");
+      }
+   }
+
+   fd_ = sock.release();
+   fdV6_ = ipv6En_;
+   appliedTos_ = txTos_;
+   rxPort_ = port;
+   KTRACE(fac(), 4,
+          "Created Pam: " << name_ << ", fd: " << fd_ << ", mode: " << static_cast<int>(mode_)
+                          << ", netNs: '" << netNs_ << "', port: " << rxPort_);
+}
+
+void UdpPam::close_() {
+   if (fd_ >= 0) {
+      KTRACE(fac(), 4, "Closed Pam: " << name_ << ", fd: " << fd_);
+      ::close(fd_);
+   }
+   fd_ = -1;
+   rxPort_ = 0;
+}
+
+void UdpPam::applyTos_() {
+   int const v = txTos_;
+   int const rc = fdV6_ ? setsockopt(fd_, IPPROTO_IPV6, IPV6_TCLASS, &v, sizeof(v))
+                        : setsockopt(fd_, IPPROTO_IP, IP_TOS, &v, sizeof(v));
+   if (rc != 0) {
+      // Left unapplied, so the next send tries again; this packet goes with the old value.
+      int const err = errno;
+      KTRACE(fac(), 2, name_ << ": setting tos " << v << " failed: " << std::strerror(err));
+      return;
+   }
+   appliedTos_ = txTos_;
+}
+
+void UdpPam::learnPort_() {
+   std::uint16_t port = 0;
+   if (!localPort(fd_, &port)) {
+      int const err = errno;
+      KTRACE(fac(), 2, name_ << ": getsockname failed: " << std::strerror(err));
+      return;
+   }
+   rxPort_ = port;
+}
+
+void UdpPam::txFailed_(int err) {
+   ++txErrors_;
+   lastTxErrno_ = err;
+   KTRACE(fac(), 2, name_ << ": txPkt failed: " << std::strerror(err));
+}
+
+void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
+   KIVO_ASSERT(pkt);
+   if (fd_ < 0) {
+      txFailed_(EBADF);
+      return;
+   }
+   if (txTos_ != appliedTos_) {
+      applyTos_();
+   }
+
+   iovec iov{const_cast<std::uint8_t*>(pkt->data()), pkt->bytes()};
+   msghdr msg{};
+   msg.msg_iov = &iov;
+   msg.msg_iovlen = 1;
+   union {
+      sockaddr_in v4;
+      sockaddr_in6 v6;
+   } dst;
+   alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
+
+   if (fdV6_) {
+      dst.v6 = Ip6AndPort(txDst6_, txPort_).toSockaddr();
+      msg.msg_name = &dst.v6;
+      msg.msg_namelen = sizeof(dst.v6);
+      if (!txSrc6_.isZero()) {
+         msg.msg_control = control;
+         msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
+         cmsghdr* c = CMSG_FIRSTHDR(&msg);
+         c->cmsg_level = IPPROTO_IPV6;
+         c->cmsg_type = IPV6_PKTINFO;
+         c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+         in6_pktinfo info{};
+         info.ipi6_addr = txSrc6_.toIn6Addr();
+         std::memcpy(CMSG_DATA(c), &info, sizeof(info));
+      }
+   } else {
+      dst.v4 = IpAndPort(txDst4_, txPort_).toSockaddr();
+      msg.msg_name = &dst.v4;
+      msg.msg_namelen = sizeof(dst.v4);
+      if (!txSrc4_.isZero()) {
+         msg.msg_control = control;
+         msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
+         cmsghdr* c = CMSG_FIRSTHDR(&msg);
+         c->cmsg_level = IPPROTO_IP;
+         c->cmsg_type = IP_PKTINFO;
+         c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+         in_pktinfo const info{0, txSrc4_.toInAddr(), {}};  // any interface, this source
+         std::memcpy(CMSG_DATA(c), &info, sizeof(info));
+      }
+   }
+
+   ssize_t const n = sendmsg(fd_, &msg, 0);
+   if (n < 0) {
+      // EAGAIN included: a full send buffer drops the packet rather than blocking the sender.
+      txFailed_(errno);
+      return;
+   }
+   ++txPkts_;
+   txBytes_ += static_cast<std::uint64_t>(n);
+   if (mode_ == Mode::open && rxPort_ == 0) {
+      learnPort_();
+   }
+}
+
+}  // namespace Pelto

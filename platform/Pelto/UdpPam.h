@@ -1,0 +1,124 @@
+// Pelto::UdpPam: a UDP packet access module, one socket of one address family.
+//
+// Configure it, then open it with modeIs():
+//   Mode::open   an unbound socket; the kernel picks the local port on the first send, and
+//                rxPort() reports it from then on;
+//   Mode::bound  a socket bound to rxIpAddr / rxIp6Addr and rxPort (port 0: the system picks);
+//                rxPort() reports the bound port at once;
+//   Mode::closed closes the socket.
+// Settings made while open (namespace, family, bind address) apply at the next open.
+//
+// A module in a network namespace other than the default one creates its socket inside
+// /var/run/netns/<netNs> and the calling thread returns to its own namespace right after; the
+// socket stays in the namespace it was created in.
+//
+// Sending: the transmit fields (source, destination, port, type of service) stay as last set, so a
+// sender always sets all of them before txPktIs(). The source address is applied per packet
+// (IP_PKTINFO / IPV6_PKTINFO), so it must be an address of the socket's namespace. A failed send
+// is traced and counted (txErrors(), lastTxErrno()), never thrown.
+//
+// Opening errors (socket, namespace, bind) throw Kivo::ErrnoException and leave the module closed.
+#pragma once
+
+#include <cstdint>
+
+#include "Kivo/Kivo.h"
+#include "Pelto/Address.h"
+#include "Pelto/Pkt.h"
+
+namespace Pelto {
+
+// Socket priority (SO_PRIORITY), i.e. the traffic-control band of sent packets.
+enum class IpTrafficControl : std::uint8_t {
+   bestEffort = 0,
+   filler = 1,
+   bulk = 2,
+   interactiveBulk = 4,
+   interactive = 6,
+   control = 7,
+};
+
+class UdpPam : public Kivo::Object {
+ public:
+   enum class Mode : std::uint8_t { closed = 0, open = 1, bound = 3 };
+
+   explicit UdpPam(Kivo::String name) : name_(std::move(name)) {}
+   ~UdpPam() override;
+
+   Kivo::String const& name() const { return name_; }
+
+   // Network namespace name ("" for the default namespace). At most 150 bytes; longer throws
+   // Kivo::RangeException "Pelto::NamespaceName::value::bytes > 150 not allowed".
+   void netNsIs(Kivo::String const& ns);
+   Kivo::String const& netNs() const { return netNs_; }
+   void ipv6EnIs(bool v) { ipv6En_ = v; }
+   bool ipv6En() const { return ipv6En_; }
+   void txPrioIs(IpTrafficControl p);
+   IpTrafficControl txPrio() const { return txPrio_; }
+
+   // Bind address and port for Mode::bound (port 0: the system picks one).
+   void rxIpAddrIs(IpAddr a) { rxIpAddr_ = a; }
+   void rxIp6AddrIs(Ip6Addr const& a) { rxIp6Addr_ = a; }
+   void rxPortIs(std::uint16_t p) { rxPortWanted_ = p; }
+   // The socket's actual local port: the bound port, or the port the kernel picked on the first
+   // send of an unbound socket; 0 while unknown or closed.
+   std::uint16_t rxPort() const { return rxPort_; }
+
+   // Opens, rebinds or closes the socket. Any call with a mode other than closed opens a fresh
+   // socket, the current one included, so settings made meanwhile take effect. Throws
+   // Kivo::ErrnoException when opening fails.
+   void modeIs(Mode m);
+   Mode mode() const { return mode_; }
+   int fd() const { return fd_; }
+
+   void txSrcIpAddrIs(IpAddr a) { txSrc4_ = a; }
+   void txSrcIp6AddrIs(Ip6Addr const& a) { txSrc6_ = a; }
+   void txDstIpAddrIs(IpAddr a) { txDst4_ = a; }
+   void txDstIp6AddrIs(Ip6Addr const& a) { txDst6_ = a; }
+   void txPortIs(std::uint16_t p) { txPort_ = p; }
+   // The IPv4 type of service / IPv6 traffic class byte.
+   void txTosIs(std::uint8_t tos);
+   std::uint8_t txTos() const { return txTos_; }
+
+   // Sends the packet's data as one datagram with the current transmit fields.
+   void txPktIs(Kivo::Ptr<Pkt> const& pkt);
+
+   std::uint64_t txPkts() const { return txPkts_; }
+   std::uint64_t txBytes() const { return txBytes_; }
+   std::uint64_t txErrors() const { return txErrors_; }
+   int lastTxErrno() const { return lastTxErrno_; }
+
+ private:
+   void open_();
+   void close_();
+   void applyTos_();
+   void learnPort_();
+   void txFailed_(int err);
+
+   Kivo::String name_;
+   Kivo::String netNs_;
+   bool ipv6En_ = false;
+   IpTrafficControl txPrio_ = IpTrafficControl::bestEffort;
+   IpAddr rxIpAddr_;
+   Ip6Addr rxIp6Addr_;
+   std::uint16_t rxPortWanted_ = 0;
+   std::uint16_t rxPort_ = 0;
+   Mode mode_ = Mode::closed;
+   int fd_ = -1;
+   bool fdV6_ = false;  // the family fd_ was opened with; ipv6En() may have changed since
+
+   IpAddr txSrc4_;
+   Ip6Addr txSrc6_;
+   IpAddr txDst4_;
+   Ip6Addr txDst6_;
+   std::uint16_t txPort_ = 0;
+   std::uint8_t txTos_ = 0;
+   std::uint8_t appliedTos_ = 0;
+
+   std::uint64_t txPkts_ = 0;
+   std::uint64_t txBytes_ = 0;
+   std::uint64_t txErrors_ = 0;
+   int lastTxErrno_ = 0;
+};
+
+}  // namespace Pelto
