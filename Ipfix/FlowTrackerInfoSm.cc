@@ -1,0 +1,326 @@
+#include "Ipfix/FlowTrackerInfoSm.h"
+
+#include <cstdio>
+#include <sstream>
+
+#include "Trace/Trace.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Dualog::Facility& fac(char const* name) {
+   return Dualog::facility(name);
+}
+
+// VRF names are bounded; the packet access module lives in the VRF's network namespace.
+constexpr std::size_t vrfNameMaxLength = 100;
+
+Kivo::String netNsForVrf(Kivo::String const& vrf) {
+   if (vrf.size() > vrfNameMaxLength) {
+      throw Kivo::RangeException("L3::VrfName::value::bytes > L3::VrfName::maxLength not allowed");
+   }
+   if (vrf.empty() || vrf == "default") {
+      return {};
+   }
+   return "ns-" + vrf;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// ExporterInfoSm
+
+ExporterInfoSm::ExporterInfoSm(FlowTrackingType ftrType, Kivo::String ftName, Kivo::String expName,
+                               Kivo::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig,
+                               Kivo::Ptr<ExporterInfo> expInfo,
+                               Kivo::Ptr<Orbo::TaskScheduler> scheduler,
+                               Kivo::Ptr<Ipfix::AgentInfo const> agentInfo)
+    : ftrType_(ftrType),
+      ftName_(std::move(ftName)),
+      expName_(std::move(expName)),
+      hwExpConfig_(std::move(hwExpConfig)),
+      expInfo_(std::move(expInfo)),
+      scheduler_(std::move(scheduler)),
+      agentInfo_(std::move(agentInfo)) {
+   auto collector = [this](Kivo::String const& name) { handleCollector(name); };
+   reactor_.watch(hwExpConfig_->onCollector4(), collector);
+   reactor_.watch(hwExpConfig_->onCollector6(), collector);
+   reactor_.watch(hwExpConfig_->onExporter4Resolved(), [this] { handlePam4Management(); });
+   reactor_.watch(hwExpConfig_->onExporter6Resolved(), [this] { handlePam6Management(); });
+   auto pam = [this] { handlePam(); };
+   reactor_.watch(expInfo_->onUdpPam4(), pam);
+   reactor_.watch(expInfo_->onUdpPam6(), pam);
+   reactor_.watch(expInfo_->onRxPort4(), pam);
+   reactor_.watch(expInfo_->onRxPort6(), pam);
+   handleInitialized();
+}
+
+ExporterInfoSm::~ExporterInfoSm() {
+   handleDestroyed();
+}
+
+void ExporterInfoSm::handleInitialized() {
+   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleInitialized for " << traceId());
+   handlePam4Management();
+   handlePam6Management();
+   initialized_ = true;
+}
+
+void ExporterInfoSm::handleCollector(Kivo::String const& name) {
+   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleCollector for " << traceId());
+   if (hwExpConfig_->collector4(name) || hwExpConfig_->collector6(name)) {
+      if (Kivo::Ptr<CollectorInfo> ci = expInfo_->collInfo(name)) {
+         KTRACE(fac("ExporterInfoSm"), 5,
+                "Using existing collectorInfo for " << name << ", seqNo: " << ci->ipfixMsgSeqNo());
+      } else {
+         KTRACE(fac("ExporterInfoSm"), 5, "Initiated sequence number for " << name);
+         expInfo_->collInfoIs(name);
+      }
+      return;
+   }
+   KTRACE(fac("ExporterInfoSm"), 5, "Deleted sequence number for " << name);
+   expInfo_->collInfoDel(name);
+}
+
+void ExporterInfoSm::handleCollector4() {
+   for (auto const& name : hwExpConfig_->collector4Coll().keys()) {
+      handleCollector(name);
+   }
+}
+
+void ExporterInfoSm::handleCollector6() {
+   for (auto const& name : hwExpConfig_->collector6Coll().keys()) {
+      handleCollector(name);
+   }
+}
+
+void ExporterInfoSm::handlePam4Management() {
+   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handlePam4Management for " << traceId());
+   if (hwExpConfig_->exporter4Resolved()) {
+      handleCollector4();
+      createPam4();
+   } else {
+      deletePam4();
+   }
+}
+
+void ExporterInfoSm::handlePam6Management() {
+   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handlePam6Management for " << traceId());
+   if (hwExpConfig_->exporter6Resolved()) {
+      handleCollector6();
+      createPam6();
+   } else {
+      deletePam6();
+   }
+}
+
+Kivo::Ptr<Pelto::UdpPam> ExporterInfoSm::createPam_p(bool ipv6) {
+   Kivo::String const name = (ipv6 ? "udpPam6-" : "udpPam4-") + ftName_ + "-" + expName_;
+   auto pam = Kivo::make<Pelto::UdpPam>(name);
+   try {
+      Kivo::String const ns = netNsForVrf(hwExpConfig_->vrfName());
+      if (!ns.empty()) {
+         pam->netNsIs(ns);
+      }
+      pam->ipv6EnIs(ipv6);
+      pam->txPrioIs(Pelto::IpTrafficControl::bulk);
+      pam->modeIs(Pelto::UdpPam::Mode::open);
+   } catch (Kivo::ErrnoException const& e) {
+      KTRACE(fac("ExporterInfoSm"), 1, "Caught ErrnoException: " << e.what());
+      throw;
+   }
+   KTRACE(fac("ExporterInfoSm"), 3,
+          "Created Pam: " << name << ", txPrio: " << static_cast<int>(pam->txPrio())
+                          << ", fd: " << pam->fd());
+   return pam;
+}
+
+// A learned port belongs to the socket it was learned from: it is forgotten before that socket
+// is replaced or closed, so the exporter is never published ready with another socket's port.
+
+void ExporterInfoSm::createPam4() {
+   Kivo::Ptr<Pelto::UdpPam> pam = createPam_p(false);
+   expInfo_->rxPort4Is(0);
+   expInfo_->udpPam4Is(pam);
+}
+
+void ExporterInfoSm::createPam6() {
+   Kivo::Ptr<Pelto::UdpPam> pam = createPam_p(true);
+   expInfo_->rxPort6Is(0);
+   expInfo_->udpPam6Is(pam);
+}
+
+void ExporterInfoSm::deletePam4() {
+   if (Kivo::Ptr<Pelto::UdpPam> pam = expInfo_->udpPam4()) {
+      expInfo_->rxPort4Is(0);
+      pam->modeIs(Pelto::UdpPam::Mode::closed);
+      expInfo_->udpPam4Is(nullptr);
+   }
+}
+
+void ExporterInfoSm::deletePam6() {
+   if (Kivo::Ptr<Pelto::UdpPam> pam = expInfo_->udpPam6()) {
+      expInfo_->rxPort6Is(0);
+      pam->modeIs(Pelto::UdpPam::Mode::closed);
+      expInfo_->udpPam6Is(nullptr);
+   }
+}
+
+void ExporterInfoSm::handlePam() {
+   bool const multiThreaded = agentInfo_ && agentInfo_->multiThreaded();
+   KTRACE(fac("ExporterInfoSm"), 5,
+          "ExporterInfoSm::handlePam for "
+              << traceId() << ": exporter4Resolved: " << hwExpConfig_->exporter4Resolved()
+              << ", rxPort4: " << expInfo_->rxPort4() << ", pam4 exists: "
+              << static_cast<bool>(expInfo_->udpPam4()) << ", rxPort6: " << expInfo_->rxPort6()
+              << ", pam6 exists: " << static_cast<bool>(expInfo_->udpPam6())
+              << ", multiThreaded: " << multiThreaded);
+   if (multiThreaded) {
+      return;
+   }
+   if (expInfo_->udpPam4() && expInfo_->rxPort4() != 0) {
+      hwExpConfig_->rxPort4Is(expInfo_->rxPort4());
+      hwExpConfig_->exporter4ReadyIs(true);
+   } else {
+      hwExpConfig_->exporter4ReadyIs(false);
+      hwExpConfig_->rxPort4Is(0);
+   }
+   if (expInfo_->udpPam6() && expInfo_->rxPort6() != 0) {
+      hwExpConfig_->rxPort6Is(expInfo_->rxPort6());
+      hwExpConfig_->exporter6ReadyIs(true);
+   } else {
+      hwExpConfig_->exporter6ReadyIs(false);
+      hwExpConfig_->rxPort6Is(0);
+   }
+}
+
+void ExporterInfoSm::handleDestroyed() {
+   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleDestroyed for " << traceId());
+   deletePam4();
+   deletePam6();
+   expInfo_->collInfoDelAll();
+   hwExpConfig_->rxPort4Is(0);
+   hwExpConfig_->exporter4ReadyIs(false);
+   hwExpConfig_->rxPort6Is(0);
+   hwExpConfig_->exporter6ReadyIs(false);
+}
+
+// ---------------------------------------------------------------------------------------------
+// FlowTrackerInfoSm
+
+FlowTrackerInfoSm::FlowTrackerInfoSm(FlowTrackingType ftrType, Kivo::String ftName,
+                                     Kivo::Ptr<HwFlowTracking::FtConfig> hwFtConfig,
+                                     Kivo::Ptr<FlowTrackerInfo> ftInfo,
+                                     Kivo::Ptr<Orbo::TaskScheduler> scheduler,
+                                     Kivo::Ptr<Ipfix::AgentInfo const> agentInfo)
+    : ftrType_(ftrType),
+      ftName_(std::move(ftName)),
+      hwFtConfig_(std::move(hwFtConfig)),
+      ftInfo_(std::move(ftInfo)),
+      scheduler_(std::move(scheduler)),
+      agentInfo_(std::move(agentInfo)) {
+   reactor_.watch(hwFtConfig_->onExpConfig(),
+                  [this](Kivo::String const& name) { handleHwExpConfig(name); });
+   handleInitialized();
+}
+
+void FlowTrackerInfoSm::handleInitialized() {
+   KTRACE(fac("FlowTrackerInfoSm"), 5, "FlowTrackerInfoSm::handleInitialized for " << ftName_);
+   for (auto const& name : hwFtConfig_->expConfigColl().keys()) {
+      handleHwExpConfig(name);
+   }
+   initialized_ = true;
+}
+
+Kivo::Ptr<ExporterInfoSm> FlowTrackerInfoSm::expInfoSmIs(
+    Kivo::String const& expName, Kivo::Ptr<HwFlowTracking::ExporterConfig> const& cfg,
+    Kivo::Ptr<ExporterInfo> const& info) {
+   if (Kivo::Ptr<ExporterInfoSm> sm = expInfoSm_.get(expName)) {
+      return sm;
+   }
+   return expInfoSm_.put(expName, Kivo::make<ExporterInfoSm>(ftrType_, ftName_, expName, cfg, info,
+                                                             scheduler_, agentInfo_));
+}
+
+void FlowTrackerInfoSm::handleHwExpConfig(Kivo::String const& expName) {
+   KTRACE(fac("FlowTrackerInfoSm"), 5, "FlowTrackerInfoSm::handleHwExpConfig for " << ftName_);
+   if (Kivo::Ptr<HwFlowTracking::ExporterConfig> cfg = hwFtConfig_->expConfig(expName)) {
+      expInfoSmIs(expName, cfg, ftInfo_->expInfoIs(expName));
+      KTRACE(fac("FlowTrackerInfoSm"), 4, "Created ExporterInfoSm for " << expName);
+      return;
+   }
+   expInfoSmDel(expName);
+   ftInfo_->expInfoDel(expName);
+   KTRACE(fac("FlowTrackerInfoSm"), 4, "Deleted ExporterInfoSm for " << expName);
+}
+
+// ---------------------------------------------------------------------------------------------
+// FlowTrackingInfoSm
+
+FlowTrackingInfoSm::FlowTrackingInfoSm(Kivo::Ptr<Orbo::TaskSchedulerRoot> scheduler,
+                                       Kivo::Ptr<HwFlowTracking::Config> hwConfig,
+                                       Kivo::Ptr<FlowTrackingInfo> flowTrackingInfo,
+                                       Kivo::Ptr<Ipfix::AgentInfo const> agentInfo)
+    : scheduler_(std::move(scheduler)),
+      hwConfig_(std::move(hwConfig)),
+      flowTrackingInfo_(std::move(flowTrackingInfo)),
+      agentInfo_(std::move(agentInfo)) {
+   reactor_.watch(hwConfig_->onFtConfig(),
+                  [this](Kivo::String const& name) { handleHwFtConfig(name); });
+   handleInitialized();
+}
+
+FlowTrackingInfoSm::~FlowTrackingInfoSm() {
+   // Trackers go before the records they maintain, as when they are unconfigured.
+   reactor_.reset();
+   for (auto const& name : ftInfoSm_.keys()) {
+      ftInfoSmDel(name);
+      flowTrackingInfo_->ftInfoDel(name);
+   }
+}
+
+void FlowTrackingInfoSm::handleInitialized() {
+   KTRACE(fac("FlowTrackingInfoSm"), 5, "FlowTrackingInfoSm::handleInitialized");
+   for (auto const& name : hwConfig_->ftConfigColl().keys()) {
+      handleHwFtConfig(name);
+   }
+   initialized_ = true;
+}
+
+void FlowTrackingInfoSm::handleHwFtConfig(Kivo::String const& ftName) {
+   KTRACE(fac("FlowTrackingInfoSm"), 5, "FlowTrackingInfoSm::handleHwFtConfig for " << ftName);
+   if (Kivo::Ptr<HwFlowTracking::FtConfig> cfg = hwConfig_->ftConfig(ftName)) {
+      Kivo::Ptr<FlowTrackerInfo> info = flowTrackingInfo_->ftInfoIs(ftName);
+      if (!ftInfoSm_.has(ftName)) {
+         ftInfoSm_.put(ftName, Kivo::make<FlowTrackerInfoSm>(flowTrackingInfo_->ftrType(), ftName,
+                                                             cfg, info, scheduler_, agentInfo_));
+      }
+      KTRACE(fac("FlowTrackingInfoSm"), 4, "Created FlowTrackerInfoSm for " << ftName);
+      return;
+   }
+   ftInfoSmDel(ftName);
+   flowTrackingInfo_->ftInfoDel(ftName);
+   KTRACE(fac("FlowTrackingInfoSm"), 4, "Deleted FlowTrackerInfoSm for " << ftName);
+}
+
+Kivo::String formatLogMessage(LogMessage const& msg, std::string_view family, std::string_view exp,
+                              std::string_view vrf, std::string_view ftrType,
+                              std::string_view tracker) {
+   // The formats hold exactly five "%s" and nothing else that printf would read.
+   std::string_view const args[] = {family, exp, vrf, ftrType, tracker};
+   Kivo::String out;
+   std::size_t next = 0;
+   for (std::size_t i = 0; i < msg.format.size(); ++i) {
+      if (msg.format[i] == '%' && i + 1 < msg.format.size() && msg.format[i + 1] == 's' &&
+          next < std::size(args)) {
+         out += args[next++];
+         ++i;
+      } else {
+         out += msg.format[i];
+      }
+   }
+   return out;
+}
+
+}  // namespace FlowTracking

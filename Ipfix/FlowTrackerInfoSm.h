@@ -1,0 +1,215 @@
+// The tracking, tracker, exporter and collector information tree, and the state machines that keep
+// it in step with the hardware flow-tracking configuration.
+//
+//   FlowTrackingInfoSm ─▶ FlowTrackerInfoSm (per tracker) ─▶ ExporterInfoSm (per exporter)
+//   FlowTrackingInfo   ─▶ FlowTrackerInfo                 ─▶ ExporterInfo ─▶ CollectorInfo
+//
+// Each level creates the next when the configuration names it, and removes the state machine
+// before the record it maintains. An ExporterInfo owns the exporter's UDP packet access modules
+// (one per address family, open while that family's source is resolved) and the ports they got;
+// a CollectorInfo holds the collector's IPFIX sequence number, which survives changes of the
+// collector's address and family and restarts at 0 only when the collector is removed.
+//
+// ExporterInfoSm publishes each family's readiness back to the exporter configuration: a family is
+// ready when its module is open and its local port is known (learned by the template sender after
+// its first send). The port is written before "ready" and withdrawn after it, so an observer of
+// the configuration never sees "ready" with a stale or zero port.
+#pragma once
+
+#include <string_view>
+
+#include "HwFlowTracking/HwFlowTracking.h"
+#include "Ipfix/Ipfix.h"
+#include "Kivo/Entity.h"
+#include "Orbo/TaskScheduler.h"
+#include "Pelto/UdpPam.h"
+
+namespace FlowTracking {
+
+class CollectorInfo : public Kivo::Object {
+ public:
+   explicit CollectorInfo(Kivo::String name) : name_(std::move(name)) {}
+   Kivo::String const& name() const { return name_; }
+
+   // Sequence number of the next message to this collector.
+   KIVO_ATTR(Ipfix::IpfixMsgSeqNo, ipfixMsgSeqNo, IpfixMsgSeqNo);
+   // Whether the options templates have been sent to this collector.
+   KIVO_ATTR(bool, optTemplateSent, OptTemplateSent);
+
+ public:
+   // Adds `delta` modulo 2^32 and returns the new value; a zero delta notifies nobody.
+   Ipfix::IpfixMsgSeqNo ipfixMsgSeqNoInc(Ipfix::IpfixMsgSeqNo delta) {
+      Ipfix::IpfixMsgSeqNo const next = ipfixMsgSeqNo() + delta;
+      ipfixMsgSeqNoIs(next);
+      return next;
+   }
+
+ private:
+   Kivo::String name_;
+};
+
+class ExporterInfo : public Kivo::Object {
+ public:
+   explicit ExporterInfo(Kivo::String name) : name_(std::move(name)) {}
+   Kivo::String const& name() const { return name_; }
+
+   KIVO_ATTR(Kivo::Ptr<Pelto::UdpPam>, udpPam4, UdpPam4);
+   KIVO_ATTR(Kivo::Ptr<Pelto::UdpPam>, udpPam6, UdpPam6);
+   KIVO_ATTR(std::uint16_t, rxPort4, RxPort4);
+   KIVO_ATTR(std::uint16_t, rxPort6, RxPort6);
+   // IPv4 and IPv6 collectors share this collection.
+   KIVO_ENTITIES(Kivo::String, CollectorInfo, collInfo, CollInfo);
+
+ private:
+   Kivo::String name_;
+};
+
+class FlowTrackerInfo : public Kivo::Object {
+ public:
+   explicit FlowTrackerInfo(Kivo::String name) : name_(std::move(name)) {}
+   Kivo::String const& name() const { return name_; }
+   KIVO_ENTITIES(Kivo::String, ExporterInfo, expInfo, ExpInfo);
+
+ private:
+   Kivo::String name_;
+};
+
+class FlowTrackingInfo : public Kivo::Object {
+ public:
+   explicit FlowTrackingInfo(FlowTrackingType ftrType) : ftrType_(ftrType) {}
+   FlowTrackingType ftrType() const { return ftrType_; }
+   KIVO_ENTITIES(Kivo::String, FlowTrackerInfo, ftInfo, FtInfo);
+
+ private:
+   FlowTrackingType ftrType_;
+};
+
+// Keeps one exporter's packet access modules, collector records and readiness.
+class ExporterInfoSm : public Kivo::Object {
+ public:
+   // Throws Kivo::ErrnoException when a packet access module cannot be opened, and
+   // Kivo::RangeException for a VRF name over 100 bytes.
+   ExporterInfoSm(FlowTrackingType ftrType, Kivo::String ftName, Kivo::String expName,
+                  Kivo::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig,
+                  Kivo::Ptr<ExporterInfo> expInfo, Kivo::Ptr<Orbo::TaskScheduler> scheduler,
+                  Kivo::Ptr<Ipfix::AgentInfo const> agentInfo);
+   ~ExporterInfoSm() override;
+
+   Kivo::String traceId() const { return ftName_ + " for " + expName_; }
+   bool initialized() const { return initialized_; }
+
+   void handleInitialized();
+   void handleCollector(Kivo::String const& name);
+   void handleCollector4();
+   void handleCollector6();
+   void handlePam4Management();
+   void handlePam6Management();
+   void handlePam();
+   void handleDestroyed();
+
+   void createPam4();
+   void createPam6();
+   void deletePam4();
+   void deletePam6();
+
+ private:
+   Kivo::Ptr<Pelto::UdpPam> createPam_p(bool ipv6);
+
+   FlowTrackingType ftrType_;
+   Kivo::String ftName_;
+   Kivo::String expName_;
+   Kivo::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig_;
+   Kivo::Ptr<ExporterInfo> expInfo_;
+   Kivo::Ptr<Orbo::TaskScheduler> scheduler_;
+   Kivo::Ptr<Ipfix::AgentInfo const> agentInfo_;
+   bool initialized_ = false;
+   Kivo::Reactor reactor_;
+};
+
+class FlowTrackerInfoSm : public Kivo::Object {
+ public:
+   FlowTrackerInfoSm(FlowTrackingType ftrType, Kivo::String ftName,
+                     Kivo::Ptr<HwFlowTracking::FtConfig> hwFtConfig,
+                     Kivo::Ptr<FlowTrackerInfo> ftInfo, Kivo::Ptr<Orbo::TaskScheduler> scheduler,
+                     Kivo::Ptr<Ipfix::AgentInfo const> agentInfo);
+
+   bool initialized() const { return initialized_; }
+   void handleInitialized();
+   void handleHwExpConfig(Kivo::String const& expName);
+
+   Kivo::Ptr<ExporterInfoSm> expInfoSm(Kivo::String const& expName) const {
+      return expInfoSm_.get(expName);
+   }
+   Kivo::Ptr<ExporterInfoSm> expInfoSmIs(Kivo::String const& expName,
+                                         Kivo::Ptr<HwFlowTracking::ExporterConfig> const& cfg,
+                                         Kivo::Ptr<ExporterInfo> const& info);
+   void expInfoSmDel(Kivo::String const& expName) { expInfoSm_.del(expName); }
+   void expInfoSmDelAll() { expInfoSm_.delAll(); }
+
+ private:
+   FlowTrackingType ftrType_;
+   Kivo::String ftName_;
+   Kivo::Ptr<HwFlowTracking::FtConfig> hwFtConfig_;
+   Kivo::Ptr<FlowTrackerInfo> ftInfo_;
+   Kivo::Ptr<Orbo::TaskScheduler> scheduler_;
+   Kivo::Ptr<Ipfix::AgentInfo const> agentInfo_;
+   Kivo::Coll<Kivo::String, ExporterInfoSm> expInfoSm_;
+   bool initialized_ = false;
+   Kivo::Reactor reactor_;
+};
+
+class FlowTrackingInfoSm : public Kivo::Object {
+ public:
+   FlowTrackingInfoSm(Kivo::Ptr<Orbo::TaskSchedulerRoot> scheduler,
+                      Kivo::Ptr<HwFlowTracking::Config> hwConfig,
+                      Kivo::Ptr<FlowTrackingInfo> flowTrackingInfo,
+                      Kivo::Ptr<Ipfix::AgentInfo const> agentInfo);
+   ~FlowTrackingInfoSm() override;
+
+   bool initialized() const { return initialized_; }
+   void handleInitialized();
+   void handleHwFtConfig(Kivo::String const& ftName);
+
+   Kivo::Ptr<FlowTrackerInfoSm> ftInfoSm(Kivo::String const& ftName) const {
+      return ftInfoSm_.get(ftName);
+   }
+   void ftInfoSmDel(Kivo::String const& ftName) { ftInfoSm_.del(ftName); }
+   void ftInfoSmDelAll() { ftInfoSm_.delAll(); }
+
+ private:
+   Kivo::Ptr<Orbo::TaskSchedulerRoot> scheduler_;
+   Kivo::Ptr<HwFlowTracking::Config> hwConfig_;
+   Kivo::Ptr<FlowTrackingInfo> flowTrackingInfo_;
+   Kivo::Ptr<Ipfix::AgentInfo const> agentInfo_;
+   Kivo::Coll<Kivo::String, FlowTrackerInfoSm> ftInfoSm_;
+   bool initialized_ = false;
+   Kivo::Reactor reactor_;
+};
+
+// Log messages the agent emits when an exporter becomes ready or stops being ready. The format
+// takes, in order: the address family ("IPv4"/"IPv6"), the exporter, the VRF, the flow tracking
+// type and the tracker.
+struct LogMessage {
+   std::string_view name;
+   int severity;
+   std::string_view format;
+   std::string_view explanation;
+   std::string_view recommendedAction;
+};
+
+inline constexpr LogMessage flowTrackingExporterActive{
+    "FLOWTRACKING_EXPORTER_ACTIVE", 6, "%s exporter %s in VRF %s, in %s flow tracker %s is active.",
+    "This exporter is ready to export packets.", "none required"};
+inline constexpr LogMessage flowTrackingExporterInactive{
+    "FLOWTRACKING_EXPORTER_INACTIVE", 6,
+    "%s exporter %s in VRF %s, in %s flow tracker %s is inactive.",
+    "This exporter is not ready to export packets.",
+    "Ensure that both the local interface, and at least one collector, have been configured, and "
+    "that both have valid IP addresses."};
+
+// The message text with its five arguments filled in.
+Kivo::String formatLogMessage(LogMessage const& msg, std::string_view family, std::string_view exp,
+                              std::string_view vrf, std::string_view ftrType,
+                              std::string_view tracker);
+
+}  // namespace FlowTracking
