@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+#include "Ipfix/CollectorStats.h"
+
+#include <chrono>
+
+#include "support/DeathText.h"
+
+using namespace Mirra::Ipfix;
+
+namespace {
+
+CollectorStatisticsKey key(std::string_view tracker = "t1", std::string_view exporter = "e1") {
+   return {tracker, exporter,
+           CollectorInfo::fromIpAndPort(*Pelto::IpAndPort::parse("192.0.2.10:4739"))};
+}
+
+CollectorSetStatisticsEntry set(std::uint16_t id, std::uint64_t flows = 0) {
+   return {id, flows, 0};
+}
+
+}  // namespace
+
+TEST(CollectorStats, NewEntryIsZeroWithNoSetEntries) {
+   CollectorStatisticsEntry const e(key());
+   EXPECT_EQ(e.exportedMessageTotalCount, 0u);
+   EXPECT_EQ(e.lastClearedTime, 0.0);
+   EXPECT_EQ(e.nextIdx, 255);
+   EXPECT_EQ(e.setEntryCount, 0);
+   EXPECT_EQ(e.key, key());
+}
+
+TEST(CollectorStats, DeletedSlotIsReusedFirstAndCountStays) {
+   CollectorStatisticsEntry e(key());
+   for (std::uint16_t id : {256, 257, 258, 259, 260}) {
+      e.setEntryIs(set(id, id));
+   }
+   EXPECT_EQ(e.setEntryCount, 5);
+   EXPECT_EQ(e.setEntryDel(SetId(259)).exportedFlowRecordCount, 259u);
+   EXPECT_EQ(e.nextIdx, 3);
+   e.setEntryIs(set(2, 1));
+   EXPECT_EQ(e.indexForSetId(SetId(2)), 3);
+   EXPECT_EQ(e.setEntryCount, 5);
+   // With nextIdx taken again, a free slot below the count comes next, then appending.
+   e.setEntryDel(SetId(257));
+   e.setEntryDel(SetId(256));  // nextIdx is now 0
+   e.setEntryIs(set(300));
+   EXPECT_EQ(e.indexForSetId(SetId(300)), 0);
+   e.setEntryIs(set(301));
+   EXPECT_EQ(e.indexForSetId(SetId(301)), 1);
+   e.setEntryIs(set(302));
+   EXPECT_EQ(e.indexForSetId(SetId(302)), 5);
+   EXPECT_EQ(e.setEntryCount, 6);
+}
+
+TEST(CollectorStats, UnknownSetIdReadsAsZeroAndChangesNothing) {
+   CollectorStatisticsEntry e(key());
+   e.setEntryIs(set(3, 7));
+   CollectorStatisticsEntry const before = e;
+   EXPECT_EQ(e.setEntry(SetId(256)), CollectorSetStatisticsEntry());
+   EXPECT_EQ(e.setEntryDel(SetId(256)), CollectorSetStatisticsEntry());
+   EXPECT_EQ(e, before);
+}
+
+TEST(CollectorStats, TwentyThirdSetIdIsARangeError) {
+   CollectorStatisticsEntry e(key());
+   for (std::uint16_t id = 256; id < 256 + 22; ++id) {
+      e.setEntryIs(set(id));
+   }
+   EXPECT_THROW(
+       {
+          try {
+             e.setEntryIs(set(1000));
+          } catch (Kivo::RangeException const& ex) {
+             EXPECT_STREQ(ex.what(),
+                          "Mirra::Ipfix::SetIndex::value < Mirra::Ipfix::SetIndex::min or > "
+                          "Mirra::Ipfix::SetIndex::max not allowed");
+             throw;
+          }
+       },
+       Kivo::RangeException);
+   e.setEntryIs(set(256, 9));  // an existing id still updates in place
+   EXPECT_EQ(e.setEntry(SetId(256)).exportedFlowRecordCount, 9u);
+   EXPECT_THROW(StringIndex(128), Kivo::RangeException);
+   EXPECT_EQ(StringIndex(127).value, 127);
+}
+
+TEST(CollectorStats, KeyHashOnFixedVectorsAndEquality) {
+   // The hash is shared with reader processes, so its values must not drift. The vectors were
+   // computed by a separate implementation of the algorithm (FNV-1a names, one-at-a-time mix).
+   EXPECT_EQ(key().hash(), key().hash());
+   EXPECT_NE(key("t1", "e1").hash(), key("t1", "e2").hash());
+   EXPECT_NE(key("t1", "e1").hash(), key("e1", "t1").hash());
+   CollectorStatisticsKey v6(
+       "t1", "e1", CollectorInfo::fromIp6AndPort(*Pelto::Ip6AndPort::parse("[::1]:4739")));
+   EXPECT_NE(v6.hash(), key().hash());
+   struct Vector {
+      CollectorStatisticsKey k;
+      std::uint32_t hash;
+   };
+   Vector const vectors[] = {
+       {CollectorStatisticsKey("", "", CollectorInfo{}), 0xf23a58fdu},
+       {key(), 0xd96d5775u},
+       {v6, 0xbc558c82u},
+   };
+   for (auto const& v : vectors) {
+      EXPECT_EQ(v.k.hash(), v.hash) << std::hex << v.k.hash() << " " << v.k;
+   }
+}
+
+TEST(CollectorStats, TextForms) {
+   CollectorStatisticsEntry e(key("it's", "e1"));
+   e.exportedMessageTotalCount = 3;
+   e.setEntryIs({256, 10, 0});
+   e.setEntryIs({2, 0, 4});
+   EXPECT_EQ(e.key.toString(),
+             "Value('Mirra::Ipfix::CollectorStatisticsKey', ** {'collector': "
+             "Value('Mirra::Ipfix::CollectorInfo', ** {'addr': 192.0.2.10, 'port': 4739}), "
+             "'trackerStorage': 'it\\'s', 'exporterStorage': 'e1'})");
+   EXPECT_EQ(e.setEntryStorage[1].toString(),
+             "Value('Mirra::Ipfix::CollectorSetStatisticsEntry', ** {'setId': 2, "
+             "'exportedFlowRecordCount': 0, 'exportedTemplateCount': 4})");
+   EXPECT_EQ(e.mirraString(),
+             "msgs: 3, flows: 0, octets: 0, last message: 0.000000, template: 0.000000, data: "
+             "0.000000, options data: 0.000000, cleared: 0.000000, set256: (flows: 10, "
+             "templates: 0), set2: (flows: 0, templates: 4)");
+   EXPECT_NE(e.toString().find("'nextIdx': 255, 'setEntryStorage': [Value("), std::string::npos);
+}
+
+using CollectorStatsDeathTest = ::testing::Test;
+
+TEST_F(CollectorStatsDeathTest, InvalidSetIdsAndLongNamesStop) {
+   std::string const setIdText =
+       "value() == Pelto::IpfixConst::optionsTemplateSetId() || value() == "
+       "Pelto::IpfixConst::templateSetId()";
+   for (std::uint16_t bad : {0, 1, 4, 255}) {
+      EXPECT_DEATH(SetId{bad}, testsupport::deathText(setIdText)) << bad;
+   }
+   for (std::uint16_t good : {2, 3, 256, 65535}) {
+      EXPECT_EQ(SetId(good).value(), good);
+   }
+   EXPECT_NO_FATAL_FAILURE(key(std::string(128, 'x')));
+   EXPECT_DEATH(key(std::string(129, 'x')), testsupport::deathText("sz <= StringIndex::max() + 1"));
+}
+
+// A reader process follows the table while the agent writes it: every entry it reads is whole
+// (the total of flow records is the sum over the set entries) and it ends with the final values.
+TEST(CollectorStatsTable, ForkedReaderSeesWholeEntriesAndTheFinalValues) {
+   std::string const name = "/ipfix-test-collstats-" + std::to_string(getpid());
+   auto table = Kivo::make<CollectorStatistics>(name);
+   constexpr int keys = 8;
+   constexpr int updates = 100000;
+   auto keyOf = [](int i) { return key("t1", "e" + std::to_string(i)); };
+   for (int i = 0; i < keys; ++i) {
+      table->statsIs(CollectorStatisticsEntry(keyOf(i)));
+   }
+   pid_t const child = fork();
+   ASSERT_GE(child, 0);
+   if (child == 0) {
+      int status = 0;
+      try {
+         CollectorStatisticsReader reader(name);
+         auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+         bool done = false;
+         while (!done && std::chrono::steady_clock::now() < deadline) {
+            auto const all = reader.allStats();
+            done = all.size() == keys;
+            for (auto const& e : all) {
+               std::uint64_t sum = 0;
+               for (std::uint8_t s = 0; s < e.setEntryCount; ++s) {
+                  sum += e.setEntryStorage[s].exportedFlowRecordCount;
+               }
+               if (sum != e.exportedFlowRecordTotalCount) {
+                  status = 1;  // torn entry
+               }
+               done &= e.exportedMessageTotalCount == updates / keys;
+            }
+         }
+         status = status ? status : (done ? 0 : 2);
+      } catch (...) {
+         status = 3;
+      }
+      _exit(status);
+   }
+   for (int u = 0; u < updates; ++u) {
+      auto e = *table->stats(keyOf(u % keys));
+      std::uint16_t const setId = static_cast<std::uint16_t>(256 + u % 5);
+      auto set = e.setEntry(SetId(setId));
+      set.setId = setId;
+      set.exportedFlowRecordCount += static_cast<std::uint64_t>(u % 7 + 1);
+      e.setEntryIs(set);
+      e.exportedFlowRecordTotalCount += static_cast<std::uint64_t>(u % 7 + 1);
+      e.exportedMessageTotalCount += 1;
+      ASSERT_TRUE(table->statsIs(e));
+   }
+   int status = -1;
+   ASSERT_EQ(waitpid(child, &status, 0), child);
+   ASSERT_TRUE(WIFEXITED(status));
+   EXPECT_EQ(WEXITSTATUS(status), 0) << "1: torn entry, 2: final values not seen, 3: error";
+}
