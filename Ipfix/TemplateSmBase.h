@@ -1,0 +1,122 @@
+// TemplateExporterSmBase: sends one template message of one (tracker, exporter) to every collector
+// of the exporter: when the template becomes ready, when a collector gains or changes its address,
+// and every template interval.
+//
+// A subclass builds the template records into a packet from getPkt() (back to back, lengths
+// recorded with templateLenIs) and calls finishMessage(), which puts the message and set headers
+// in front and sends. The message is built once per change and sent as is to every collector,
+// restamped per send with the export time and that collector's current sequence number; template
+// messages never advance sequence numbers. Each send is counted in the collector statistics, and
+// after it the module's local port is stored in the exporter info, which makes the exporter ready.
+//
+// Subclasses provide taskPrefix(), headerSetId() and may override updateCollectorOnTx(). They call
+// handleStartup() from their own handleInitialized(). A removed exporter leaves no statistics
+// entries behind (handleDel runs on destruction).
+#pragma once
+
+#include <map>
+
+#include "HwFlowTracking/HwFlowTracking.h"
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackingTypes.h"
+#include "Kivo/Entity.h"
+#include "Orbo/TaskScheduler.h"
+#include "Pelto/Pkt.h"
+
+namespace FlowTracking {
+
+class TemplateExporterSmBase : public Kivo::Object {
+ public:
+   TemplateExporterSmBase(Kivo::String expName, Kivo::String ftName, FtId ftId,
+                          Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig,
+                          Kivo::Ptr<ExporterInfo> expInfo,
+                          Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats,
+                          Kivo::Ptr<Orbo::TaskScheduler> taskScheduler);
+   ~TemplateExporterSmBase() override;
+
+   Kivo::String const& expName() const { return expName_; }
+   Kivo::String const& ftName() const { return ftName_; }
+   FtId ftId() const { return ftId_; }
+   Kivo::String traceId() const { return ftName_ + " for " + expName_; }
+
+   Kivo::Ptr<Pelto::Pkt> const& templatePkt() const { return templatePkt_; }
+   void templatePktIs(Kivo::Ptr<Pelto::Pkt> p) { templatePkt_ = std::move(p); }
+   std::uint16_t templatePktMsgLen() const { return templatePktMsgLen_; }
+   std::uint16_t templatePktTemplateCount() const { return templatePktTemplateCount_; }
+   void templatePktTemplateCountIs(std::uint16_t n) { templatePktTemplateCount_ = n; }
+   std::uint32_t templateTxCount() const { return templateTxCount_; }
+   Kivo::Ptr<Orbo::Task> const& periodicTemplateTxTask() const { return periodicTemplateTxTask_; }
+   std::map<TemplateId, std::uint32_t> const& templateLen() const { return templateLen_; }
+   void templateLenIs(TemplateId id, std::uint32_t len) { templateLen_[id] = len; }
+   void templateLenDelAll() { templateLen_.clear(); }
+   std::uint32_t exportTimeU32(Kivo::String const& collector) const;
+
+   // Setting it runs handleTemplateReady() when it changes.
+   KIVO_ATTR(bool, templateReady, TemplateReady);
+
+ public:
+   // An empty packet with room for any template message and for the headers in front of it.
+   Kivo::Ptr<Pelto::Pkt> getPkt() const;
+   // Completes the message from the records in templatePkt() and sends it where sending is due.
+   // REQUIRES: templatePkt() holds exactly the records whose lengths templateLen() records.
+   void finishMessage();
+
+   void handleStartup();
+   void handleTemplateReady();
+   void handleTemplateInterval();
+   void handlePeriodicTemplateTx();
+   void handleCollectorIpAndPort(Kivo::String const& name);
+   void handleCollectorIp6AndPort(Kivo::String const& name);
+   void handleDel();
+
+   // Name prefix of the periodic task, and the set id of the template set.
+   virtual Kivo::String taskPrefix() const;
+   virtual std::uint16_t headerSetId() const;
+   // Called after each send to a collector.
+   virtual void updateCollectorOnTx(Kivo::String const& collector);
+
+ protected:
+   Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& hwExpConfig() const {
+      return hwExpConfig_;
+   }
+   Kivo::Ptr<ExporterInfo> const& expInfo() const { return expInfo_; }
+   Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler() const { return taskScheduler_; }
+
+ private:
+   void addIpfixHeaders_p();
+   void maybeTxTemplate_p();
+   void maybeTxTemplate4_p();
+   void maybeTxTemplate6_p();
+   void doTxTemplate4_p(Pelto::IpAndPort const& dst, Kivo::String const& collector);
+   void doTxTemplate6_p(Pelto::Ip6AndPort const& dst, Kivo::String const& collector);
+   void updateMsgHeader_p(Kivo::String const& collector);
+   void updateStats(Mirra::Ipfix::CollectorInfo const& collector);
+   void schedulePeriodicTemplateTx_p();
+   void stopPeriodicTemplateTx_p();
+   void mirrorCollector4_p(Kivo::String const& name);
+   void mirrorCollector6_p(Kivo::String const& name);
+
+   Kivo::String expName_;
+   Kivo::String ftName_;
+   FtId ftId_;
+   Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig_;
+   Kivo::Ptr<ExporterInfo> expInfo_;
+   Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats_;
+   Kivo::Ptr<Orbo::TaskScheduler> taskScheduler_;
+
+   Kivo::Ptr<Pelto::Pkt> templatePkt_;
+   std::uint16_t templatePktMsgLen_ = 0;
+   std::uint16_t templatePktTemplateCount_ = 0;
+   std::map<TemplateId, std::uint32_t> templateLen_;
+   std::map<Kivo::String, std::uint32_t> exportTimeU32_;
+   std::map<Kivo::String, Pelto::IpAndPort> collectorIpAndPort_;
+   std::map<Kivo::String, Pelto::Ip6AndPort> collectorIp6AndPort_;
+   std::uint32_t templateTxCount_ = 0;
+   Kivo::Ptr<Orbo::Task> periodicTemplateTxTask_;
+   bool sending4_p = false;
+   bool sending6_p = false;
+   Kivo::Reactor reactor_;
+};
+
+}  // namespace FlowTracking

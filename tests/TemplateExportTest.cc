@@ -1,0 +1,295 @@
+// Templates and options templates from the hardware status to real loopback collectors.
+#include <gtest/gtest.h>
+
+#include "Trace/Snaplog.h"
+#include "support/DeathText.h"
+#include "support/ExportFixture.h"
+#include "support/Pcap.h"
+#include "support/Tshark.h"
+
+using Ipfix::element;
+using testsupport::FieldSpec;
+using testsupport::Message;
+
+namespace {
+
+constexpr std::uint32_t pen = FlowTracking::Constants::enterpriseNumber();
+
+std::vector<std::uint16_t> setIds(std::vector<Message> const& msgs) {
+   std::vector<std::uint16_t> ids;
+   for (auto const& m : msgs) {
+      for (auto const& s : m.sets) {
+         ids.push_back(s.id);
+      }
+   }
+   return ids;
+}
+
+class TemplateExport : public testsupport::ExportFixture {
+ protected:
+   void SetUp() override {
+      addTemplate(300, {element("sourceIPv4Address"), element("destinationIPv4Address"),
+                        element("octetDeltaCount"), element("flowTrackingType")});
+      addTemplate(260, {element("sourceIPv6Address"), element("packetDeltaCount")});
+      start();
+   }
+};
+
+}  // namespace
+
+TEST_F(TemplateExport, EveryCollectorGetsBothTemplateSetsAtStart) {
+   for (auto* c : {&a, &b, &v6}) {
+      auto const msgs = c->messages(1000);
+      ASSERT_EQ(msgs.size(), 2u) << c->port();
+      // Data templates first: their exporter is created first.
+      EXPECT_EQ(setIds(msgs), (std::vector<std::uint16_t>{2, 3}));
+      for (auto const& m : msgs) {
+         EXPECT_EQ(m.observationDomainId, 7u);
+         EXPECT_EQ(m.sequenceNumber, 0u);
+         EXPECT_EQ(m.exportTime, static_cast<std::uint32_t>(clock->now()));
+      }
+      // Data templates in ascending id, the enterprise element with its number.
+      auto const data = msgs[0].templates();
+      ASSERT_EQ(data.size(), 2u);
+      EXPECT_EQ(data[0].id, 260);
+      EXPECT_EQ(data[1].id, 300);
+      EXPECT_EQ(data[1].fields,
+                (std::vector<FieldSpec>{
+                    {8, 4, false, 0}, {12, 4, false, 0}, {1, 8, false, 0}, {1001, 2, true, pen}}));
+   }
+   auto const e1 = templateSm->ftTemplateSm("t1")->ftExporterSm("e1");
+   EXPECT_EQ(e1->templateLen().at(300), 4u + 3 * 4 + 8);
+   EXPECT_EQ(e1->templateLen().at(260), 4u + 2 * 4);
+}
+
+TEST_F(TemplateExport, OptionsTemplatesAreTheFourTables) {
+   auto const t = a.messages(1000).at(1).templates();
+   ASSERT_EQ(t.size(), 4u);
+   struct Expected {
+      std::uint16_t id;
+      std::vector<std::uint16_t> elements;
+   };
+   // Written in name order: FlowKey, FlowTrackerTable, IntfTable, VrfTable.
+   Expected const expected[] = {
+       {258, {145, 173}},
+       {259, {149, 300, 36, 37, 304, 309, 310, 1001}},
+       {257, {10, 82}},
+       {256, {234, 236}},
+   };
+   for (std::size_t i = 0; i < 4; ++i) {
+      EXPECT_EQ(t[i].id, expected[i].id);
+      EXPECT_EQ(t[i].scopeFieldCount, 1);
+      std::vector<std::uint16_t> ids;
+      for (auto const& f : t[i].fields) {
+         ids.push_back(f.id);
+         EXPECT_EQ(f.enterprise, f.id == 1001);
+         EXPECT_EQ(f.enterpriseNumber, f.id == 1001 ? pen : 0u);
+      }
+      EXPECT_EQ(ids, expected[i].elements) << t[i].id;
+   }
+   EXPECT_TRUE(info->ftInfo("t1")->expInfo("e1")->collInfo("a")->optTemplateSent());
+}
+
+TEST_F(TemplateExport, ReadyPortsAreTheSourcePortsCollectorsSaw) {
+   auto const fromA = a.drain(1000);
+   auto const fromV6 = v6.drain(1000);
+   ASSERT_FALSE(fromA.empty());
+   ASSERT_FALSE(fromV6.empty());
+   EXPECT_TRUE(exporter("e1")->exporter4Ready());
+   EXPECT_TRUE(exporter("e1")->exporter6Ready());
+   EXPECT_EQ(exporter("e1")->rxPort4(), fromA[0].srcPort);
+   EXPECT_EQ(exporter("e1")->rxPort6(), fromV6[0].srcPort);
+   EXPECT_EQ(fromA[0].srcAddr, "127.0.0.1");
+   EXPECT_EQ(fromA[0].tos, 10 << 2);
+   // e2 has no IPv6 collector: nothing has been sent on its IPv6 module yet.
+   EXPECT_FALSE(exporter("e2")->exporter6Ready());
+}
+
+TEST_F(TemplateExport, SentAgainEveryTemplateInterval) {
+   a.drain(1000);
+   ASSERT_TRUE(scheduler->runFor(*clock, 29.5));
+   EXPECT_TRUE(a.drain().empty());
+   ASSERT_TRUE(scheduler->runFor(*clock, 0.5));
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+
+   // 1500 ms truncates to 1 s; 999 ms truncates to 0 s, which repeats on every pass.
+   b.drain(1000);
+   exporter("e2")->templateIntervalIs(1500);
+   EXPECT_EQ(b.messages(1000).size(), 2u);  // a new interval sends at once
+   ASSERT_TRUE(scheduler->runFor(*clock, 1.0));
+   EXPECT_EQ(b.messages(1000).size(), 2u);
+   exporter("e2")->templateIntervalIs(999);
+   b.drain(1000);
+   for (int pass = 0; pass < 3; ++pass) {
+      scheduler->runPass();
+   }
+   EXPECT_EQ(b.messages(1000).size(), 3u * 2);
+}
+
+TEST_F(TemplateExport, NewCollectorGetsTemplatesAtOnce) {
+   testsupport::LoopbackCollector c;
+   exporter("e1")->collector4Is("c", c.ipAndPort());
+   EXPECT_EQ(setIds(c.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   // Its sequence number is its own, starting at 0.
+   EXPECT_EQ(info->ftInfo("t1")->expInfo("e1")->collInfo("c")->ipfixMsgSeqNo().value, 0u);
+}
+
+TEST_F(TemplateExport, TemplateChangesCoalesceIntoOneRebuild) {
+   a.drain(1000);
+   auto t300 = hwStatus->ftStatus("t1")->templateStatus(300);
+   t300->entryIs(4, element("ingressInterface"));
+   FlowTracking::updateFieldInfo(init->elementIdCollection(), t300->entries().get(4));
+   t300->genIdIs(2);
+   hwStatus->ftStatus("t1")->templateStatus(260)->genIdIs(5);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   auto const msgs = a.messages(1000);
+   ASSERT_EQ(msgs.size(), 1u);
+   EXPECT_EQ(msgs[0].sets.at(0).id, 2);
+   EXPECT_EQ(msgs[0].templates().at(1).fields.size(), 5u);
+}
+
+TEST_F(TemplateExport, NoTemplateInUseStopsDataTemplates) {
+   hwStatus->ftStatus("t1")->templateStatus(300)->inUseIs(false);
+   hwStatus->ftStatus("t1")->templateStatus(260)->inUseIs(false);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_FALSE(templateSm->ftTemplateSm("t1")->ftExporterSm("e1")->templateReady());
+   a.drain(1000);
+   ASSERT_TRUE(scheduler->runFor(*clock, 31));
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{3}));
+}
+
+TEST_F(TemplateExport, RemovedExporterStopsSendingAndLeavesNoStatistics) {
+   auto const keyA = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
+   auto const keyV6 = Mirra::Ipfix::CollectorInfo::fromIp6AndPort(v6.ip6AndPort());
+   ASSERT_TRUE(statsOf("e1", keyA));
+   ASSERT_TRUE(statsOf("e1", keyV6));
+   std::size_t const tasksBefore = scheduler->pendingTasks();
+   hwConfig->ftConfig("t1")->expConfigDel("e1");
+   EXPECT_FALSE(templateSm->ftTemplateSm("t1")->ftExporterSm("e1"));
+   EXPECT_FALSE(templateSm->ftTemplateSm("t1")->optTemplateExporterSm("e1"));
+   EXPECT_FALSE(statsOf("e1", keyA));
+   EXPECT_FALSE(statsOf("e1", keyV6));
+   EXPECT_LT(scheduler->pendingTasks(), tasksBefore);
+   a.drain(1000);
+   v6.drain(1000);
+   ASSERT_TRUE(scheduler->runFor(*clock, 120));
+   EXPECT_TRUE(a.drain().empty());
+   EXPECT_TRUE(v6.drain().empty());
+   EXPECT_FALSE(b.drain(1000).empty());  // the other exporter carries on
+}
+
+TEST_F(TemplateExport, EachSendIsCountedPerSetId) {
+   auto e = statsOf("e1", Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort()));
+   ASSERT_TRUE(e);
+   auto const msgs = a.drain(1000);
+   ASSERT_EQ(msgs.size(), 2u);
+   EXPECT_EQ(e->exportedMessageTotalCount, 2u);
+   EXPECT_EQ(e->exportedFlowRecordTotalCount, 0u);
+   EXPECT_EQ(e->exportedOctetTotalCount, msgs[0].payload.size() + msgs[1].payload.size());
+   EXPECT_EQ(e->setEntry(Mirra::Ipfix::SetId(2)).exportedTemplateCount, 2u);
+   EXPECT_EQ(e->setEntry(Mirra::Ipfix::SetId(3)).exportedTemplateCount, 4u);
+   EXPECT_EQ(e->lastTemplateSentTime, clock->now());
+   EXPECT_EQ(e->lastSentTime, clock->now());
+}
+
+TEST_F(TemplateExport, ClearCountersMatchesNamesAndSkipsTheClearTimeEntry) {
+   auto const ka = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
+   auto const kb = Mirra::Ipfix::CollectorInfo::fromIpAndPort(b.ipAndPort());
+   struct Case {
+      char const* tracker;
+      char const* exporter;
+      double time;
+      bool clearsA;
+      bool clearsB;
+   };
+   Case const cases[] = {
+       {"t1", "e1", 0, false, false},  // a request without a time is ignored
+       {"t1", "e2", 1, false, true},
+       {"other", "", 2, false, false},
+       {"", "", 3, true, true},
+   };
+   for (Case const& c : cases) {
+      ASSERT_TRUE(scheduler->runFor(*clock, 31));  // counts go up again
+      clock->advance(1);
+      configReq->clearCountersReqIs({c.tracker, c.exporter, {}, 0, c.time});
+      auto ea = statsOf("e1", ka);
+      auto eb = statsOf("e2", kb);
+      ASSERT_TRUE(ea && eb);
+      EXPECT_EQ(ea->exportedMessageTotalCount == 0, c.clearsA) << c.tracker << "/" << c.exporter;
+      EXPECT_EQ(eb->exportedMessageTotalCount == 0, c.clearsB) << c.tracker << "/" << c.exporter;
+      EXPECT_EQ(ea->lastClearedTime == clock->now(), c.clearsA);
+      // Written by the first request with a time, never reset by later ones.
+      EXPECT_EQ(collStats->stats({"", "", {}}).has_value(), &c != &cases[0]);
+   }
+   // The 'clear time' entry survives a clear of everything, stamped with the last clearing.
+   auto clearTime = collStats->stats({"", "", {}});
+   ASSERT_TRUE(clearTime);
+   EXPECT_EQ(clearTime->lastClearedTime, clock->now());
+}
+
+TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
+   if (!testsupport::tsharkAvailable()) {
+      GTEST_SKIP() << "tshark is not installed (scripts/setup installs it)";
+   }
+   std::vector<testsupport::Datagram> datagrams;
+   for (auto const& r : a.drain(1000)) {
+      datagrams.push_back({.payload = r.payload, .srcPort = r.srcPort, .dstPort = 4739});
+   }
+   ASSERT_EQ(datagrams.size(), 2u);
+   testsupport::TempFile capture("templates.pcap");
+   testsupport::writePcap(capture.path(), datagrams);
+   auto const r = testsupport::runTshark(
+       capture.path(), {"cflow.flowset_id", "cflow.template_id",
+                        "cflow.template_ipfix_scope_field_count", "cflow.template_ipfix_field_type",
+                        "cflow.template_ipfix_field_type_enterprise", "_ws.malformed"});
+   ASSERT_TRUE(r.ok()) << r.describe();
+   using V = testsupport::TsharkResult::Values;
+   EXPECT_EQ(r.at(0, "cflow.flowset_id"), V{"2"});
+   EXPECT_EQ(r.at(0, "cflow.template_id"), (V{"260", "300"}));
+   EXPECT_EQ(r.at(0, "cflow.template_ipfix_field_type"), (V{"27", "2", "8", "12", "1"}));
+   EXPECT_EQ(r.at(1, "cflow.flowset_id"), V{"3"});
+   EXPECT_EQ(r.at(1, "cflow.template_id"), (V{"258", "259", "257", "256"}));
+   EXPECT_EQ(r.at(1, "cflow.template_ipfix_scope_field_count"), (V{"1", "1", "1", "1"}));
+   EXPECT_EQ(
+       r.at(1, "cflow.template_ipfix_field_type"),
+       (V{"145", "173", "149", "300", "36", "37", "304", "309", "310", "10", "82", "234", "236"}));
+   EXPECT_EQ(r.all("cflow.template_ipfix_field_type_enterprise"), (V{"1001", "1001"}));
+   EXPECT_TRUE(r.all("_ws.malformed").empty());
+}
+
+using TemplateExporterDeathTest = ::testing::Test;
+
+TEST_F(TemplateExporterDeathTest, BaseWithoutSubclassOperationsStops) {
+   auto stats = Kivo::make<Mirra::Ipfix::CollectorStatistics>("/ipfix-test-death-" +
+                                                              std::to_string(getpid()));
+   auto base = Kivo::make<FlowTracking::TemplateExporterSmBase>(
+       "e", "t", 1, Kivo::make<HwFlowTracking::ExporterConfig>("e"),
+       Kivo::make<FlowTracking::ExporterInfo>("e"), stats, Kivo::make<Orbo::TaskScheduler>());
+   EXPECT_DEATH(base->taskPrefix(), testsupport::deathText("(!(\"taskPrefix\"))"));
+   EXPECT_DEATH(base->headerSetId(), testsupport::deathText("(!(\"headerSetId\"))"));
+}
+
+TEST_F(TemplateExport, OptionsTemplateVersionBumpsCoalesceIntoOneResend) {
+   a.drain(1000);
+   auto cfg = templateSm->optTemplateConfig();
+   cfg->versionInc(1);
+   cfg->versionInc(1);
+   cfg->versionInc(1);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{3}));
+}
+
+TEST_F(TemplateExport, EmptyOptionsTemplateConfigSendsNothing) {
+   Snaplog::clear();
+   auto empty = Kivo::make<FlowTracking::OptionsTemplateConfig>();
+   auto sm = FlowTracking::optionsTemplateExporterSmFactory("e1", "t1", 7, exporter("e1"),
+                                                            info->ftInfo("t1")->expInfo("e1"),
+                                                            collStats, scheduler, empty);
+   a.drain(1000);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_FALSE(sm->templateReady());
+   EXPECT_FALSE(sm->templatePkt());
+   EXPECT_TRUE(a.drain().empty());
+   auto const lines = Snaplog::lines();
+   EXPECT_NE(std::find(lines.begin(), lines.end(), "no options templates to send"), lines.end());
+}

@@ -1,0 +1,45 @@
+// A collector for end-to-end tests: a UDP socket on 127.0.0.1 or ::1 that the exporter sends to.
+// Receiving never blocks for long: every wait is bounded by a timeout.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Pelto/Address.h"
+#include "support/IpfixDecoder.h"
+
+namespace testsupport {
+
+struct Received {
+   Bytes payload;
+   std::string srcAddr;
+   std::uint16_t srcPort = 0;
+   int tos = -1;  // type of service / traffic class, -1 when not reported
+};
+
+class LoopbackCollector {
+ public:
+   // Binds an ephemeral port on the loopback address of the family. Throws on failure.
+   explicit LoopbackCollector(bool ipv6 = false);
+   ~LoopbackCollector();
+   LoopbackCollector(LoopbackCollector const&) = delete;
+   LoopbackCollector& operator=(LoopbackCollector const&) = delete;
+
+   std::uint16_t port() const { return port_; }
+   Pelto::IpAndPort ipAndPort() const;
+   Pelto::Ip6AndPort ip6AndPort() const;
+
+   // Every datagram already queued (waits up to `timeoutMs` for the first one).
+   std::vector<Received> drain(int timeoutMs = 0);
+   // Decodes every datagram queued; templates carry over between calls.
+   std::vector<Message> messages(int timeoutMs = 0);
+
+ private:
+   int fd_ = -1;
+   bool ipv6_;
+   std::uint16_t port_ = 0;
+   Decoder decoder_;
+};
+
+}  // namespace testsupport
