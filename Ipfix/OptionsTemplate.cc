@@ -83,13 +83,13 @@ std::uint32_t getTemplateEntryLength(Kivo::Ptr<OptionsTemplate const> const& tem
 
 std::uint32_t writeFieldSpecifier(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
                                   HwFlowTracking::FtTemplateEntry const& entry) {
-   Pelto::FieldSpecifier spec(pkt, offset, entry.enterpriseIe());
-   spec.elementIdIs(static_cast<std::uint16_t>(entry.fieldId()));
-   spec.fieldLenIs(entry.fieldLen());
+   Pelto::FieldSpecifier specifier(pkt, offset, entry.enterpriseIe());
+   specifier.elementIdIs(static_cast<std::uint16_t>(entry.fieldId()));
+   specifier.fieldLenIs(entry.fieldLen());
    if (entry.enterpriseIe()) {
-      spec.entNumIs(Constants::enterpriseNumber());
+      specifier.entNumIs(Constants::enterpriseNumber());
    }
-   return offset + static_cast<std::uint32_t>(spec.size());
+   return offset + static_cast<std::uint32_t>(specifier.size());
 }
 
 std::uint32_t writeOptionsTemplateRecord(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,

@@ -109,8 +109,8 @@ std::uint32_t writeFieldSpecifier(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_
 // each field through `writeField` (writeFieldSpecifier unless the caller wants to do more per
 // field). Returns the offset after the record.
 // REQUIRES: getTemplateEntryLength(ot) octets of room at `offset`.
-using FieldWriter = std::function<std::uint32_t(
-    Kivo::Ptr<Pelto::Pkt> const&, std::uint32_t, Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const&)>;
+using FieldWriter = std::function<std::uint32_t(Kivo::Ptr<Pelto::Pkt> const&, std::uint32_t,
+                                                Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const&)>;
 std::uint32_t writeOptionsTemplateRecord(Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
                                          OptionsTemplate const& ot,
                                          FieldWriter const& writeField = {});

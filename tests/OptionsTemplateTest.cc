@@ -69,7 +69,7 @@ TEST(OptionsTemplateEncoding, EnterpriseFieldAddsEightOctetsAndTheNumber) {
 TEST(OptionsTemplateEncoding, LengthsAndFlagsComeFromTheElementTable) {
    struct Case {
       RecordType field;
-      FieldSpec spec;
+      FieldSpec expected;
       std::uint32_t recordLen;
    };
    Case const cases[] = {
@@ -81,7 +81,7 @@ TEST(OptionsTemplateEncoding, LengthsAndFlagsComeFromTheElementTable) {
    for (Case const& c : cases) {
       auto ot = makeTemplate(300, {element("ingressVRFID")}, {c.field});
       EXPECT_EQ(FlowTracking::getTemplateEntryLength(ot), c.recordLen) << c.field;
-      EXPECT_EQ(roundTrip(ot).fields.at(1), c.spec) << c.field;
+      EXPECT_EQ(roundTrip(ot).fields.at(1), c.expected) << c.field;
    }
 }
 

@@ -60,7 +60,7 @@ struct FieldSpecifierWire {
 static_assert(sizeof(FieldSpecifierWire) == 4);
 
 struct EnterpriseFieldSpecifierWire {
-   FieldSpecifierWire spec;
+   FieldSpecifierWire head;
    Be32 enterpriseNumber;
 };
 static_assert(sizeof(EnterpriseFieldSpecifierWire) == 8);
@@ -142,21 +142,21 @@ class FieldSpecifier : public WireView<FieldSpecifierWire> {
    // REQUIRES: id < 0x8000 (bit 15 is the enterprise bit).
    void elementIdIs(std::uint16_t id) {
       KIVO_ASSERT(id < IpfixConst::enterpriseBit());
-      spec()->elementId.set(enterprise_ ? id | IpfixConst::enterpriseBit() : id);
+      specifier()->elementId.set(enterprise_ ? id | IpfixConst::enterpriseBit() : id);
    }
    std::uint16_t elementId() const {
-      return spec()->elementId.get() & ~IpfixConst::enterpriseBit() & 0xffff;
+      return specifier()->elementId.get() & ~IpfixConst::enterpriseBit() & 0xffff;
    }
-   void fieldLenIs(std::uint16_t len) { spec()->fieldLength.set(len); }
-   std::uint16_t fieldLen() const { return spec()->fieldLength.get(); }
+   void fieldLenIs(std::uint16_t len) { specifier()->fieldLength.set(len); }
+   std::uint16_t fieldLen() const { return specifier()->fieldLength.get(); }
    // REQUIRES: enterprise().
    void entNumIs(std::uint32_t n) {
       KIVO_ASSERT(enterprise_);
-      reinterpret_cast<EnterpriseFieldSpecifierWire*>(spec())->enterpriseNumber.set(n);
+      reinterpret_cast<EnterpriseFieldSpecifierWire*>(specifier())->enterpriseNumber.set(n);
    }
 
  private:
-   FieldSpecifierWire* spec() const { return wire(); }
+   FieldSpecifierWire* specifier() const { return wire(); }
    bool enterprise_;
 };
 

@@ -57,13 +57,13 @@ void enable(std::string_view name, int level) {
    facility(name).levelIs(level);
 }
 
-bool enableFromSpec(std::string_view spec) {
+bool enableFromSpec(std::string_view text) {
    // The whole string is parsed before any of it is applied, so a malformed one changes nothing.
    // An empty item anywhere, a trailing one included, is malformed.
    std::vector<std::pair<std::string_view, int>> items;
-   while (!spec.empty()) {
-      auto comma = spec.find(',');
-      std::string_view item = spec.substr(0, comma);
+   while (!text.empty()) {
+      auto comma = text.find(',');
+      std::string_view item = text.substr(0, comma);
       if (item.empty()) {
          return false;
       }
@@ -84,8 +84,8 @@ bool enableFromSpec(std::string_view spec) {
       if (comma == std::string_view::npos) {
          break;
       }
-      spec = spec.substr(comma + 1);
-      if (spec.empty()) {
+      text = text.substr(comma + 1);
+      if (text.empty()) {
          return false;
       }
    }

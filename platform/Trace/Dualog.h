@@ -37,8 +37,8 @@ Facility& defaultFacility();
 
 // Sets the level of one facility, or of every facility (present and future) for "*".
 void enable(std::string_view name, int level);
-// Parses "Fac1/4,Fac2/9,*/2" (level defaults to 9); returns false on a malformed spec.
-bool enableFromSpec(std::string_view spec);
+// Parses "Fac1/4,Fac2/9,*/2" (level defaults to 9); returns false on malformed text.
+bool enableFromSpec(std::string_view text);
 
 using Sink = std::function<void(Facility const&, int level, std::string_view line)>;
 // Replaces the output; an empty sink restores stderr.
