@@ -1,0 +1,202 @@
+#include "Ipfix/OptionsDataSourceFlowKeySm.h"
+
+#include <charconv>
+#include <string_view>
+
+#include "Pelto/Endian.h"
+#include "Trace/Trace.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Dualog::Facility& facility() {
+   static Dualog::Facility& f = Dualog::facility("FlowKeySm");
+   return f;
+}
+
+enum class AddressFamily { none, ipv4, ipv6 };
+
+// The address family that a field's element implies: source and destination addresses.
+AddressFamily addressFamily(Ipfix::RecordType fieldId) {
+   switch (static_cast<std::uint32_t>(fieldId)) {
+      case 8:   // sourceIPv4Address
+      case 12:  // destinationIPv4Address
+         return AddressFamily::ipv4;
+      case 27:  // sourceIPv6Address
+      case 28:  // destinationIPv6Address
+         return AddressFamily::ipv6;
+      default:
+         return AddressFamily::none;
+   }
+}
+
+// A bitmap in hexadecimal, formatted without allocating.
+class Hex {
+ public:
+   explicit Hex(std::uint64_t v) {
+      n_ = static_cast<std::size_t>(std::to_chars(buf_, buf_ + sizeof(buf_), v, 16).ptr - buf_);
+   }
+   std::string_view view() const { return {buf_, n_}; }
+
+ private:
+   char buf_[16];
+   std::size_t n_;
+};
+
+constexpr std::size_t recordLen = sizeof(std::uint16_t) + sizeof(std::uint64_t);
+
+}  // namespace
+
+FlowKeySm::FlowKeySm(Kivo::Ptr<OptionsDataSource> dataSource,
+                     Kivo::Ptr<OptionsDataUpdate> dataUpdate,
+                     Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus)
+    : dataSource_(std::move(dataSource)),
+      dataUpdate_(std::move(dataUpdate)),
+      hwFtStatus_(std::move(hwFtStatus)) {
+   reactor_.watch(hwFtStatus_->onTemplateStatus(),
+                  [this](TemplateId templateId) { handleTemplateStatus(templateId); });
+   setIdValIs(setId());
+   initializedIs(false);
+   handleInitialized();
+}
+
+FlowKeySm::~FlowKeySm() {
+   reactor_.reset();
+   templateStatusDelAll();
+   dataRecordDelAll();
+}
+
+TemplateId FlowKeySm::setId() {
+   return Constants::reservedTemplateId(StaticTemplateId::flowKey);
+}
+
+std::uint64_t FlowKeySm::flowKeyBit(std::uint32_t position) {
+   // Deliberately 32-bit and signed, then sign-extended: see the header.
+   std::int32_t const bit = std::int32_t{1} << (position % 32);
+   return static_cast<std::uint64_t>(static_cast<std::int64_t>(bit));
+}
+
+void FlowKeySm::templateStatusIs(
+    Kivo::Ptr<HwFlowTracking::TemplateStatus const> const& templateStatus) {
+   TemplateId const templateId = templateStatus->templateId();
+   Kivo::Reactor reactor;
+   reactor.watch(templateStatus->onGenId(), [this, templateId] { handleTemplate(templateId); });
+   templateStatus_.insert_or_assign(templateId, std::move(reactor));
+}
+
+DataRecordPtr FlowKeySm::dataRecord(TemplateId templateId) const {
+   auto it = dataRecord_.find(templateId);
+   return it == dataRecord_.end() ? nullptr : it->second;
+}
+
+void FlowKeySm::dataRecordIs(TemplateId templateId, DataRecordPtr const& record) {
+   dataRecord_[templateId] = record;
+}
+
+DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
+   Kivo::Ptr<HwFlowTracking::TemplateStatus const> const templateStatus =
+       hwFtStatus_->templateStatus(templateId);
+   if (!templateStatus) {
+      return nullptr;
+   }
+   std::uint64_t flowKey = 0;
+   AddressFamily af = AddressFamily::none;
+   // Entries are ordered by position.
+   for (auto const& [position, entry] : templateStatus->entries()) {
+      AddressFamily const fieldAf = addressFamily(entry->fieldId());
+      if (fieldAf != AddressFamily::none) {
+         if (af != AddressFamily::none && af != fieldAf) {
+            KTRACE(facility(), 6, "AF mismatch at field:" << position);
+            return nullptr;
+         }
+         af = fieldAf;
+      }
+      if (entry->flowKey()) {
+         KTRACE(facility(), 8,
+                "TemplateId:" << templateId << ", Field:" << position << " is flowKey");
+         flowKey |= flowKeyBit(position);
+      }
+   }
+   KTRACE(facility(), 7, "templateId:" << templateId << ", flowKey: 0x" << Hex(flowKey).view());
+   std::uint8_t buf[recordLen];
+   std::uint8_t* pos = Pelto::storeBe16(buf, templateId.value());
+   pos = Pelto::storeBe64(pos, flowKey);
+   return Kivo::make<DataRecord>(
+       Kivo::String(reinterpret_cast<char const*>(buf), static_cast<std::size_t>(pos - buf)));
+}
+
+void FlowKeySm::handleInitialized() {
+   initializedIs(true);
+   KTRACE(facility(), 5,
+          "FlowKeySm::handleInitialized for " << hwFtStatus_->name() << " template count:"
+                                              << hwFtStatus_->templateStatusColl().size());
+   dataSource_->dataRecordDelAll();
+   dataRecordDelAll();
+   templateStatusDelAll();
+   for (auto const& [templateId, templateStatus] : hwFtStatus_->templateStatusColl()) {
+      templateStatusIs(templateStatus);
+      if (DataRecordPtr const record = makeDataRecord(templateId)) {
+         dataSource_->dataRecordIs(record);
+         dataRecordIs(templateId, record);
+      }
+   }
+   // The exporters resend the whole table; nothing is posted as an update.
+   dataSource_->versionInc(1);
+}
+
+void FlowKeySm::handleTemplateStatus(TemplateId templateId) {
+   KTRACE(facility(), 5,
+          "FlowKeySm::handleTemplateStatus for " << hwFtStatus_->name() << " " << templateId);
+   if (Kivo::Ptr<HwFlowTracking::TemplateStatus const> const templateStatus =
+           hwFtStatus_->templateStatus(templateId)) {
+      templateStatusIs(templateStatus);
+      handleTemplate(templateId);
+      return;
+   }
+   handleTemplateDel(templateId);
+}
+
+void FlowKeySm::handleTemplateDel(TemplateId templateId) {
+   KTRACE(facility(), 5,
+          "FlowKeySm::handleTemplateDel for " << hwFtStatus_->name() << " " << templateId);
+   templateStatusDel(templateId);
+   handleTemplate(templateId);
+}
+
+void FlowKeySm::handleTemplate(TemplateId templateId) {
+   KTRACE(facility(), 5,
+          "FlowKeySm::handleTemplate for " << hwFtStatus_->name() << " " << templateId);
+   if (DataRecordPtr const old = dataRecord(templateId)) {
+      dataSource_->dataRecordDel(old);
+      dataRecordDel(templateId);
+   }
+   if (hwFtStatus_->templateStatus(templateId)) {
+      if (DataRecordPtr const record = makeDataRecord(templateId)) {
+         KTRACE(facility(), 6,
+                "templateId:" << templateId << ", flowKey: 0x"
+                              << Hex(Pelto::loadBe64(reinterpret_cast<std::uint8_t const*>(
+                                         record->data().data() + sizeof(std::uint16_t))))
+                                     .view()
+                              << ", record len:" << record->dataLen());
+         dataUpdate_->addUpdate(setIdVal(), record);
+         dataSource_->dataRecordIs(record);
+         dataRecordIs(templateId, record);
+      } else {
+         KTRACE(facility(), 6, "templateId:" << templateId << ", NO record (incomplete template)");
+      }
+   } else {
+      // A removal is not posted: the template only leaves the table.
+      KTRACE(facility(), 6, "templateId:" << templateId << ", not present");
+   }
+   KIVO_ASSERT(dataRecords() == dataSource()->dataRecords());
+   dataSource_->versionInc(1);
+}
+
+Kivo::Ptr<FlowKeySm> flowKeySmFactory(Kivo::Ptr<OptionsDataSource> const& dataSource,
+                                      Kivo::Ptr<OptionsDataUpdate> const& dataUpdate,
+                                      Kivo::Ptr<HwFlowTracking::FtStatus const> const& hwFtStatus) {
+   return Kivo::make<FlowKeySm>(dataSource, dataUpdate, hwFtStatus);
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,209 @@
+#include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
+
+#include <algorithm>
+#include <array>
+#include <ostream>
+
+#include "Pelto/Endian.h"
+#include "Trace/Trace.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Dualog::Facility& facility() {
+   static Dualog::Facility& f = Dualog::facility("FlowTrackerTableSm");
+   return f;
+}
+
+// Random n-out-of-N sampling (RFC 5477 selector algorithm 3), one packet out of the sample rate.
+constexpr std::uint16_t selectorAlgorithmRandomNOutOfN = 3;
+constexpr std::uint32_t samplingSize = 1;
+
+// Octets of the record besides the name.
+constexpr std::size_t fixedRecordLen = 4 + 1 + 2 + 2 + 2 + 4 + 4 + 2;
+static_assert(fixedRecordLen == 21);
+
+template <class BaseType>
+void addBigEndian(std::uint8_t** pos, std::uint8_t const* max, BaseType value) {
+   // clang-format off
+   KIVO_ASSERT(*pos + sizeof( BaseType ) <= max);
+   // clang-format on
+   if constexpr (sizeof(BaseType) == 4) {
+      *pos = Pelto::storeBe32(*pos, value);
+   } else if constexpr (sizeof(BaseType) == 2) {
+      *pos = Pelto::storeBe16(*pos, value);
+   } else {
+      static_assert(sizeof(BaseType) == 1);
+      *(*pos)++ = value;
+   }
+}
+
+}  // namespace
+
+void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint32_t value) {
+   addBigEndian(pos, max, value);
+}
+
+void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint16_t value) {
+   addBigEndian(pos, max, value);
+}
+
+void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint8_t value) {
+   addBigEndian(pos, max, value);
+}
+
+void addElement(std::uint8_t** pos, std::uint8_t const* max, Kivo::String const& value) {
+   std::size_t const elementLen = value.size();
+   // The short variable-length form: a single length octet, so at most 254 octets.
+   KIVO_ASSERT(elementLen < 255);
+   addElement(pos, max, static_cast<std::uint8_t>(elementLen));
+   KIVO_ASSERT(*pos + elementLen <= max);
+   std::size_t const rc = value.copy(reinterpret_cast<char*>(*pos), elementLen);
+   KIVO_ASSERT(rc == elementLen);
+   *pos += rc;
+}
+
+Kivo::String stringValue(FlowTrackerTableSm::Param p) {
+   switch (p) {
+      case FlowTrackerTableSm::Param::inactiveTimeout:
+         return "inactiveTimeout";
+      case FlowTrackerTableSm::Param::activeInterval:
+         return "activeInterval";
+      case FlowTrackerTableSm::Param::sampleRate:
+         return "sampleRate";
+   }
+   return std::to_string(static_cast<unsigned>(p));
+}
+
+std::ostream& operator<<(std::ostream& os, FlowTrackerTableSm::Param p) {
+   return os << stringValue(p);
+}
+
+FlowTrackerTableSm::FlowTrackerTableSm(Kivo::Ptr<OptionsDataSource> dataSource,
+                                       Kivo::Ptr<OptionsDataUpdate> dataUpdate,
+                                       Kivo::Ptr<HwFlowTracking::Status const> hwStatus,
+                                       Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig,
+                                       Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus,
+                                       FlowTrackingType ftrType,
+                                       Kivo::Ptr<Orbo::TaskScheduler> scheduler)
+    : dataSource_(std::move(dataSource)),
+      dataUpdate_(std::move(dataUpdate)),
+      hwStatus_(std::move(hwStatus)),
+      hwFtConfig_(std::move(hwFtConfig)),
+      hwFtStatus_(std::move(hwFtStatus)),
+      ftrType_(ftrType),
+      scheduler_(std::move(scheduler)) {
+   reactor_.watch(hwFtStatus_->onInactiveTimeout(),
+                  [this] { handleParamChange(Param::inactiveTimeout); });
+   reactor_.watch(hwFtStatus_->onActiveInterval(),
+                  [this] { handleParamChange(Param::activeInterval); });
+   reactor_.watch(hwStatus_->onSampleRate(), [this] { handleParamChange(Param::sampleRate); });
+   setIdValIs(setId());
+   updateDelayIs(defaultUpdateDelay());
+   updateTaskDel();
+   initializedIs(false);
+   handleInitialized();
+}
+
+FlowTrackerTableSm::~FlowTrackerTableSm() {
+   reactor_.reset();
+   updateTaskDel();
+}
+
+TemplateId FlowTrackerTableSm::setId() {
+   return Constants::reservedTemplateId(StaticTemplateId::flowTrackerTable);
+}
+
+void FlowTrackerTableSm::updateTaskIs(Kivo::Ptr<Orbo::TaskScheduler> const& scheduler,
+                                      Orbo::TaskPriority priority, Kivo::String const& name) {
+   updateTask_ = Kivo::make<Orbo::TimerTask>(scheduler, priority, name, [this] { doUpdate(); });
+}
+
+DataRecordPtr FlowTrackerTableSm::makeDataRecord() const {
+   FlowTracking::ActiveInterval const active = hwFtStatus_->activeInterval();
+   KIVO_ASSERT(active.seconds() < Kivo::maxU16());
+   auto const flowActiveTimeout = static_cast<std::uint16_t>(active.seconds());
+   FlowTracking::InactiveTimeout const inactive = hwFtStatus_->inactiveTimeout();
+   KIVO_ASSERT(inactive.seconds() < Kivo::maxU16());
+   auto const flowIdleTimeout = static_cast<std::uint16_t>(inactive.seconds());
+
+   FtId const observationDomainId = hwFtConfig_ ? hwFtConfig_->ftId() : 0;
+   Kivo::String const observationDomainName = hwFtConfig_ ? hwFtConfig_->name() : Kivo::String();
+   std::uint32_t const samplingPopulation = hwStatus_->sampleRate();
+   auto const flowTrackingType = static_cast<std::uint16_t>(ftrType_);
+
+   // Sized for the longest name the length octet allows; `max` ends this record.
+   std::array<std::uint8_t, fixedRecordLen + 254> buf;
+   std::uint8_t* pos = buf.data();
+   std::uint8_t const* const max =
+       buf.data() + fixedRecordLen + std::min<std::size_t>(observationDomainName.size(), 254);
+   addElement(&pos, max, observationDomainId);
+   addElement(&pos, max, observationDomainName);
+   addElement(&pos, max, flowActiveTimeout);
+   addElement(&pos, max, flowIdleTimeout);
+   addElement(&pos, max, selectorAlgorithmRandomNOutOfN);
+   addElement(&pos, max, samplingSize);
+   addElement(&pos, max, samplingPopulation);
+   addElement(&pos, max, flowTrackingType);
+   KIVO_ASSERT(pos == max);
+   KTRACE(facility(), 7,
+          "FlowTrackerTableSm::"
+              << "makeDataRecord"
+              << " for " << hwFtStatus_->name() << " observationDomainId:" << observationDomainId
+              << ", observationDomainName:" << observationDomainName << ", flowActiveTimeout:"
+              << flowActiveTimeout << ", flowIdleTimeout:" << flowIdleTimeout
+              << ", selectorAlgorithm:" << selectorAlgorithmRandomNOutOfN
+              << ", samplingSize:" << samplingSize << ", samplingPopulation:" << samplingPopulation
+              << ", flowTrackingType:" << flowTrackingType);
+   return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(buf.data()),
+                                              static_cast<std::size_t>(pos - buf.data())));
+}
+
+void FlowTrackerTableSm::handleInitialized() {
+   KTRACE(facility(), 5, "FlowTrackerTableSm::handleInitialized for " << hwFtStatus_->name());
+   updateTaskIs(scheduler_, 3, updateTaskName());
+   initializedIs(true);
+   DataRecordPtr const record = makeDataRecord();
+   KTRACE(facility(), 6, "record len:" << record->dataLen());
+   dataSource_->dataRecordDelAll();
+   dataSource_->dataRecordIs(record);
+   // The whole source is what an exporter sends first; nothing is posted as an update.
+   dataSource_->versionInc(1);
+}
+
+void FlowTrackerTableSm::handleParamChange(Param whatChanged) {
+   KTRACE(facility(), 5,
+          "FlowTrackerTableSm::handleParamChange for " << hwFtStatus_->name()
+                                                       << " param changed: " << whatChanged);
+   if (!updateTask_) {
+      return;
+   }
+   updateTask_->scheduleTaskLowestDelay(updateDelay());
+}
+
+void FlowTrackerTableSm::doUpdate() {
+   if (!initialized()) {
+      KTRACE(facility(), 5, "FlowTrackerTableSm::doUpdate(skipped) for " << hwFtStatus_->name());
+      return;
+   }
+   KTRACE(facility(), 5, "FlowTrackerTableSm::doUpdate for " << hwFtStatus_->name());
+   DataRecordPtr const record = makeDataRecord();
+   KTRACE(facility(), 6, "record len:" << record->dataLen());
+   dataUpdate_->addUpdate(setIdVal(), record);
+   dataSource_->dataRecordDelAll();
+   dataSource_->dataRecordIs(record);
+   dataSource_->versionInc(1);
+}
+
+Kivo::Ptr<FlowTrackerTableSm> flowTrackerTableSmFactory(
+    Kivo::Ptr<OptionsDataSource> const& dataSource, Kivo::Ptr<OptionsDataUpdate> const& dataUpdate,
+    Kivo::Ptr<HwFlowTracking::Status const> const& hwStatus,
+    Kivo::Ptr<HwFlowTracking::FtConfig const> const& hwFtConfig,
+    Kivo::Ptr<HwFlowTracking::FtStatus const> const& hwFtStatus, FlowTrackingType ftrType,
+    Kivo::Ptr<Orbo::TaskScheduler> const& scheduler) {
+   return Kivo::make<FlowTrackerTableSm>(dataSource, dataUpdate, hwStatus, hwFtConfig, hwFtStatus,
+                                         ftrType, scheduler);
+}
+
+}  // namespace FlowTracking

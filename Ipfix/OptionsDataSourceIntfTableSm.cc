@@ -1,0 +1,150 @@
+#include "Ipfix/OptionsDataSourceIntfTableSm.h"
+
+#include <array>
+#include <cstring>
+
+#include "Pelto/Endian.h"
+#include "Trace/Trace.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Dualog::Facility& facility() {
+   static Dualog::Facility& f = Dualog::facility("InterfaceTableSm");
+   return f;
+}
+
+using U8 = std::uint8_t;
+using U32 = std::uint32_t;
+
+// The longest record: index, length octet and a 254-octet name.
+constexpr std::size_t maxRecordLen = sizeof(U32) + sizeof(U8) + 254;
+
+}  // namespace
+
+Kivo::Ptr<IntfIndexMap> intfIndexMapFactory() {
+   return Kivo::make<IntfIndexMap>();
+}
+
+InterfaceTableSm::InterfaceTableSm(Kivo::Ptr<OptionsDataSource> dataSource,
+                                   Kivo::Ptr<OptionsDataUpdate> dataUpdate,
+                                   Kivo::Ptr<IntfIndexMap const> intfIndexMap)
+    : dataSource_(std::move(dataSource)),
+      dataUpdate_(std::move(dataUpdate)),
+      intfIndexMap_(std::move(intfIndexMap)) {
+   reactor_.watch(intfIndexMap_->onIntfIndex(),
+                  [this](Pelto::IntfId const& intfId) { handleIntfId(intfId); });
+   setIdValIs(setId());
+   initializedIs(false);
+   handleInitialized();
+}
+
+InterfaceTableSm::~InterfaceTableSm() {
+   reactor_.reset();
+   dataRecordDelAll();
+}
+
+TemplateId InterfaceTableSm::setId() {
+   return Constants::reservedTemplateId(StaticTemplateId::intfTable);
+}
+
+DataRecordPtr InterfaceTableSm::dataRecord(Pelto::IntfId const& intfId) const {
+   auto it = dataRecord_.find(intfId);
+   return it == dataRecord_.end() ? nullptr : it->second;
+}
+
+void InterfaceTableSm::dataRecordIs(Pelto::IntfId const& intfId, DataRecordPtr const& record) {
+   dataRecord_[intfId] = record;
+}
+
+void InterfaceTableSm::dataRecordDel(Pelto::IntfId const& intfId) {
+   dataRecord_.erase(intfId);
+}
+
+DataRecordPtr InterfaceTableSm::makeDataRecord(Kivo::String const& intfName,
+                                               std::uint32_t intfIndex) const {
+   std::size_t const intfNameLen = intfName.size();
+   KIVO_ASSERT(intfNameLen < 255);
+   // The record is laid out in place, then copied once into the data record. `max` ends the
+   // record, not the scratch buffer.
+   std::array<U8, maxRecordLen> buf;
+   U8* pos = buf.data();
+   U8 const* const max = buf.data() + sizeof(U32) + sizeof(U8) + intfNameLen;
+   // clang-format off
+   KIVO_ASSERT(pos + sizeof( U32 ) < max);
+   pos = Pelto::storeBe32(pos, intfIndex);
+   // The strict bound refuses an empty name: it leaves no octet after the length.
+   KIVO_ASSERT(pos + sizeof( U8 ) < max);
+   // clang-format on
+   *pos++ = static_cast<U8>(intfNameLen);
+   KIVO_ASSERT(pos + intfNameLen == max);
+   std::memcpy(pos, intfName.data(), intfNameLen);
+   pos += intfNameLen;
+   KIVO_ASSERT(pos == max);
+   return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(buf.data()),
+                                              static_cast<std::size_t>(max - buf.data())));
+}
+
+void InterfaceTableSm::handleInitialized() {
+   initializedIs(true);
+   KTRACE(facility(), 5,
+          "InterfaceTableSm::handleInitialized for " << dataSource_->sourceName() << " map count:"
+                                                     << intfIndexMap_->intfIndexColl().size());
+   dataSource_->dataRecordDelAll();
+   dataRecordDelAll();
+   for (auto const& [intfId, intfIndex] : intfIndexMap_->intfIndexColl()) {
+      DataRecordPtr const record = makeDataRecord(intfId.stringValue(), intfIndex);
+      dataSource_->dataRecordIs(record);
+      dataRecordIs(intfId, record);
+   }
+   // Indexes the hardware reports for traffic that has no ordinary interface.
+   struct Reserved {
+      std::string_view name;
+      std::uint32_t index;
+   };
+   Reserved const reserved[] = {
+       {IntfIndexMap::multicastIntfName(), IntfIndexMap::multicastIntfIndex()},
+       {IntfIndexMap::discardIntfName(), IntfIndexMap::discardIntfIndex()},
+       {IntfIndexMap::cpuIntfName(), IntfIndexMap::cpuIntfIndex()},
+       {IntfIndexMap::unknownIntfName(), IntfIndexMap::unknownIntfIndex()},
+   };
+   static_assert(std::size(reserved) == IntfIndexMap::numReservedIntfs());
+   for (Reserved const& r : reserved) {
+      dataSource_->dataRecordIs(makeDataRecord(Kivo::String(r.name), r.index));
+   }
+   // The exporters resend the whole table; nothing is posted as an update.
+   dataSource_->versionInc(1);
+}
+
+void InterfaceTableSm::handleIntfId(Pelto::IntfId const& intfId) {
+   KTRACE(facility(), 5,
+          "InterfaceTableSm::handleIntfId for " << dataSource_->sourceName() << " " << intfId);
+   KIVO_ASSERT(initialized());
+   if (DataRecordPtr const old = dataRecord(intfId)) {
+      dataSource_->dataRecordDel(old);
+      dataRecordDel(intfId);
+   }
+   if (std::uint32_t const* intfIndex = intfIndexMap_->intfIndex(intfId)) {
+      DataRecordPtr const record = makeDataRecord(intfId.stringValue(), *intfIndex);
+      KTRACE(facility(), 6, "intfId: " << intfId << ", index: " << *intfIndex);
+      dataUpdate_->addUpdate(setIdVal(), record);
+      dataSource_->dataRecordIs(record);
+      dataRecordIs(intfId, record);
+   } else {
+      // A removal is not posted: the interface only leaves the full table.
+      KTRACE(facility(), 6, "intfId: " << intfId << ", index not present. ");
+   }
+   // clang-format off
+   KIVO_ASSERT(( dataRecords() + intfIndexMap()->numReservedIntfs() ) == dataSource()->dataRecords());
+   // clang-format on
+   dataSource_->versionInc(1);
+}
+
+Kivo::Ptr<InterfaceTableSm> interfaceTableSmFactory(
+    Kivo::Ptr<OptionsDataSource> const& dataSource, Kivo::Ptr<OptionsDataUpdate> const& dataUpdate,
+    Kivo::Ptr<IntfIndexMap const> const& intfIndexMap) {
+   return Kivo::make<InterfaceTableSm>(dataSource, dataUpdate, intfIndexMap);
+}
+
+}  // namespace FlowTracking
