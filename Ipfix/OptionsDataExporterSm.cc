@@ -1,0 +1,506 @@
+#include "Ipfix/OptionsDataExporterSm.h"
+
+#include "Ipfix/FlowTrackerPktTxUtil.h"
+#include "Trace/Trace.h"
+
+namespace FlowTracking {
+
+using Pelto::IpAddr;
+
+namespace {
+
+Dualog::Facility& facility() {
+   static Dualog::Facility& f = Dualog::facility("OptionsDataExporterSm");
+   return f;
+}
+
+// Room a message leaves for the IPv6 and UDP headers under the MTU.
+constexpr std::uint32_t ipAndUdpHeaders = 48;
+constexpr std::uint32_t defaultActiveIntervalMs = 300000;
+
+}  // namespace
+
+#define TRACE_ODE(level, expr) \
+   KTRACE(facility(), level, "OptionsDataExporterSm " << traceId() << ": " << expr)
+
+// ---------------------------------------------------------------------------------------------
+// Message building
+
+void BuilderWrapper::startMsg() {
+   builder_->startMsg();
+   msgWrap_ = Kivo::make<MessageWrapper>();
+}
+
+std::uint32_t BuilderWrapper::addSetRecord(TemplateId setId, DataRecordPtr const& record) {
+   std::uint32_t const consumed = builder_->addSetRecord(setId, record);
+   if (consumed > 0) {
+      msgWrap_->setRecordIs(setId)->countInc(1);
+   }
+   return consumed;
+}
+
+Kivo::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
+   msgWrap_->messageIs(builder_->finalizeMsg());
+   return std::move(msgWrap_);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Collector
+
+void Collector::sendMessage(ExporterInfo const& expInfo,
+                            HwFlowTracking::ExporterConfig const& hwExpConfig,
+                            MessageWrapper const& msgWrap) {
+   Message& msg = *msgWrap.message();
+   // The header carries the count of data records sent before this message.
+   Ipfix::IpfixMsgSeqNo const seqNo = collInfo_->ipfixMsgSeqNo();
+   Kivo::Ptr<Pelto::Pkt> const pkt = msg.pkt(seqNo.value);
+   collInfo_->ipfixMsgSeqNoInc({msg.recordCount()});
+   if (isV4()) {
+      IpAddr const src = hwExpConfig.srcIp4();
+      KIVO_ASSERT(src != IpAddr::ipAddrZero());
+      KTRACE(facility(), 8, "TX IPv4 " << name_ << " seqNo " << seqNo);
+      sendPkt4(pkt, expInfo.udpPam4(), src, dst4_, hwExpConfig.dscp());
+   } else {
+      Pelto::Ip6Addr const src = hwExpConfig.srcIp6();
+      KIVO_ASSERT(!src.isZero());
+      KTRACE(facility(), 8, "TX IPv6 " << name_ << " seqNo " << seqNo);
+      sendPkt6(pkt, expInfo.udpPam6(), src, dst6_, hwExpConfig.dscp());
+   }
+   updateStats(msgWrap);
+}
+
+void Collector::updateStats(MessageWrapper const& msgWrap) {
+   auto const info = isV4() ? Mirra::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
+                            : Mirra::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
+   Mirra::Ipfix::CollectorStatisticsKey const key(exporter_->ftName(), exporter_->expName(), info);
+   auto& stats = exporter_->collStats();
+   Mirra::Ipfix::CollectorStatisticsEntry e =
+       stats.stats(key).value_or(Mirra::Ipfix::CollectorStatisticsEntry(key));
+   Message const& msg = *msgWrap.message();
+   double const now = Kivo::currentTime();
+   e.exportedMessageTotalCount += 1;
+   e.exportedFlowRecordTotalCount += msg.recordCount();
+   e.exportedOctetTotalCount += msg.pkt()->bytes();
+   e.lastSentTime = now;
+   e.lastOptionsDataSentTime = now;
+   for (auto const& [setId, rec] : msgWrap.setRecord()) {
+      Mirra::Ipfix::SetId const id(setId);
+      Mirra::Ipfix::CollectorSetStatisticsEntry set = e.setEntry(id);
+      set.setId = id.value();
+      set.exportedFlowRecordCount += rec->count();
+      e.setEntryIs(set);
+   }
+   KTRACE(facility(), 9, "Collector::updateStats stats: " << e.mirraString());
+   stats.statsIs(e);
+}
+
+// ---------------------------------------------------------------------------------------------
+// OptionsDataExporterSm
+
+OptionsDataExporterSm::OptionsDataExporterSm(
+    Kivo::String expName, Kivo::String ftName, FtId ftId,
+    Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig,
+    Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig, Kivo::Ptr<ExporterInfo> expInfo,
+    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats,
+    Kivo::Ptr<OptionsDataContainer const> dataContainer,
+    Kivo::Ptr<Orbo::TaskScheduler> taskScheduler)
+    : expName_(std::move(expName)),
+      ftName_(std::move(ftName)),
+      ftId_(ftId),
+      hwFtConfig_(std::move(hwFtConfig)),
+      hwExpConfig_(std::move(hwExpConfig)),
+      expInfo_(std::move(expInfo)),
+      collStats_(std::move(collStats)),
+      dataContainer_(std::move(dataContainer)),
+      taskScheduler_(std::move(taskScheduler)) {
+   handleInitialized();
+}
+
+OptionsDataExporterSm::~OptionsDataExporterSm() {
+   reactor_.reset();
+   collInfo_.clear();
+   txPeriodicTask_ = nullptr;
+   updateTask_ = nullptr;
+   collectorUpdateTask_ = nullptr;
+}
+
+Kivo::Ptr<Collector> OptionsDataExporterSm::collector(Kivo::String const& name) const {
+   auto it = collector_.find(name);
+   return it == collector_.end() ? nullptr : it->second;
+}
+
+std::uint16_t OptionsDataExporterSm::maxMsgSize() const {
+   std::uint32_t const mtu = hwExpConfig_ ? hwExpConfig_->ipfixMtu() : 0;
+   return static_cast<std::uint16_t>(mtu > ipAndUdpHeaders ? mtu - ipAndUdpHeaders : 0);
+}
+
+bool OptionsDataExporterSm::v4Ready() const {
+   return expInfo_->udpPam4() && hwExpConfig_ && !hwExpConfig_->srcIp4().isZero() &&
+          !collector4_.empty();
+}
+
+bool OptionsDataExporterSm::v6Ready() const {
+   // Unlike IPv4, a missing exporter configuration does not make IPv6 unready; only a present
+   // one with no IPv6 source does. Kept as it is on purpose.
+   return expInfo_->udpPam6() && !collector6_.empty() &&
+          !(hwExpConfig_ && hwExpConfig_->srcIp6().isZero());
+}
+
+void OptionsDataExporterSm::handleInitialized() {
+   TRACE_ODE(5, "handleInitialized");
+   collectorUpdateTask_ = Kivo::make<Orbo::Task>(
+       taskScheduler_, 3, "optionsDataExporterCollectorUpdate-" + expName_ + "-" + ftName_,
+       [this] { processCollectorQueue(); });
+   updateTask_ = Kivo::make<Orbo::Task>(taskScheduler_, 3,
+                                        "optionsDataExporterUpdate-" + expName_ + "-" + ftName_,
+                                        [this] { flushUpdateQueue(); });
+   txPeriodicTask_ = Kivo::make<Orbo::Task>(
+       taskScheduler_, 3, "optionsDataExporterPeriodicTx-" + expName_ + "-" + ftName_,
+       [this] { maybeBeginPeriodicTransmission(); });
+
+   for (auto const& [scope, update] : dataContainer_->update()) {
+      reactor_.watch(update->onVersion(), [this, s = scope] { handleUpdateData(s); });
+   }
+   for (auto const& [scope, coll] : dataContainer_->data()) {
+      reactor_.watch(coll->onSource(), [this](Kivo::String const&) { handleSourceChange(); });
+      for (auto const& [name, source] : coll->sources()) {
+         reactor_.watch(source->onVersion(), [this] { msgCacheValid_ = false; });
+      }
+   }
+   reactor_.watch(expInfo_->onCollInfo(), [this](Kivo::String const& name) {
+      watchCollInfo_p(name);
+      handleCollector(name);
+   });
+   for (auto const& name : expInfo_->collInfoColl().keys()) {
+      watchCollInfo_p(name);
+   }
+   // Readiness follows the modules: a new module may make a family ready.
+   reactor_.watch(expInfo_->onUdpPam4(), [this] { maybeSchedulePeriodic(); });
+   reactor_.watch(expInfo_->onUdpPam6(), [this] { maybeSchedulePeriodic(); });
+   if (hwExpConfig_) {
+      reactor_.watch(hwExpConfig_->onIpfixMtu(), [this] { msgCacheValid_ = false; });
+      reactor_.watch(hwExpConfig_->onSrcIp4(), [this] { handleSrc4(); });
+      reactor_.watch(hwExpConfig_->onSrcIp6(), [this] { handleSrc6(); });
+      auto coll = [this](Kivo::String const& name) { handleCollector(name); };
+      reactor_.watch(hwExpConfig_->onCollector4(), coll);
+      reactor_.watch(hwExpConfig_->onCollector6(), coll);
+   }
+   if (hwFtConfig_) {
+      reactor_.watch(hwFtConfig_->onActiveInterval(), [this] { maybeSchedulePeriodic(); });
+   }
+   initialized_ = true;
+   for (auto const& name : expInfo_->collInfoColl().keys()) {
+      handleCollector(name);
+   }
+   if (v4Ready() || v6Ready()) {
+      maybeBeginPeriodicTransmission();
+   }
+}
+
+void OptionsDataExporterSm::watchCollInfo_p(Kivo::String const& name) {
+   collInfo_.erase(name);
+   if (Kivo::Ptr<CollectorInfo> ci = expInfo_->collInfo(name)) {
+      collInfo_[name].watch(ci->onOptTemplateSent(), [this, name] { handleCollector(name); });
+   }
+}
+
+void OptionsDataExporterSm::handleSourceChange() {
+   if (initialized_) {
+      KIVO_ASSERT(!"data source changed after init!");
+   }
+}
+
+void OptionsDataExporterSm::maybeSchedulePeriodic() {
+   if (!v4Ready() && !v6Ready()) {
+      TRACE_ODE(6, "unschedule periodic transmission");
+      txPeriodicTask_->stopTimerTask();
+      return;
+   }
+   // No tracker configuration, or no interval in it, means the default interval: an interval of
+   // zero would resend every table on every pass of the scheduler.
+   ActiveInterval interval = hwFtConfig_ ? hwFtConfig_->activeInterval() : ActiveInterval{};
+   if (interval.ms == 0) {
+      interval = ActiveInterval{defaultActiveIntervalMs};
+   }
+   double const seconds = interval.seconds();
+   TRACE_ODE(6, "schedule periodic transmission " << seconds);
+   txPeriodicTask_->scheduleTaskLowestDelay(seconds);
+}
+
+void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
+   if (!initialized_) {
+      return;
+   }
+   if (processing_) {
+      TRACE_ODE(5, "processing, do not start new periodic transmission");
+      return;
+   }
+   if (!v4Ready() && !v6Ready()) {
+      TRACE_ODE(5, "tx not ready, do not start new periodic transmission");
+      return;
+   }
+   TRACE_ODE(5, "starting new periodic transmission");
+   maybeBuildMsgCache();
+   abortUpdates();
+   processing_ = true;
+   sendDataTables();
+}
+
+void OptionsDataExporterSm::maybeBuildMsgCache() {
+   KIVO_ASSERT(initialized());
+   KIVO_ASSERT(!processing());
+   TRACE_ODE(7, "msgCacheValid: " << msgCacheValid_ << ", entries: " << msgCache_.size());
+   if (msgCacheValid_) {
+      return;
+   }
+   msgCache_.clear();
+   ++msgCacheBuildCount_;
+   BuilderWrapper builder(maxMsgSize(), ftId_);
+   builder.startMsg();
+   for (auto const& [scope, coll] : dataContainer_->data()) {
+      for (auto const& [name, source] : coll->sources()) {
+         for (DataRecordPtr const& record : source->dataRecord()) {
+            std::uint32_t consumed = builder.addSetRecord(source->dataSetId(), record);
+            if (consumed == 0) {
+               msgCache_.push_back(builder.finalizeMsg());
+               builder.startMsg();
+               consumed = builder.addSetRecord(source->dataSetId(), record);
+               KIVO_ASSERT(consumed > 0);
+            }
+         }
+      }
+   }
+   if (!builder.empty()) {
+      msgCache_.push_back(builder.finalizeMsg());
+   }
+   msgCacheValid_ = true;
+}
+
+void OptionsDataExporterSm::sendDataTables() {
+   if (!initialized_ || !processing_) {
+      return;
+   }
+   TRACE_ODE(6, "msgCache count: " << msgCache_.size());
+   for (auto const& msg : msgCache_) {
+      sendMessageToCollectors(*msg);
+   }
+   // Collectors waiting for a catch-up of their own have just had everything.
+   std::erase_if(collectorUpdate_, [this](Kivo::String const& name) {
+      auto const c = collector(name);
+      return c && (c->isV4() ? v4Ready() : v6Ready());
+   });
+   processing_ = false;
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper const& msgWrap) {
+   bool const v4 = v4Ready();
+   bool const v6 = v6Ready();
+   TRACE_ODE(7, "collectors:" << collector_.size() << "(IPv4:" << collector4_.size()
+                              << ", IPv6:" << collector6_.size() << ")");
+   if (v4) {
+      for (auto const& name : collector4_) {
+         collector_.at(name)->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
+      }
+   }
+   if (v6 && hwExpConfig_) {
+      for (auto const& name : collector6_) {
+         collector_.at(name)->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
+      }
+   }
+}
+
+void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
+   KIVO_ASSERT(initialized());
+   Kivo::Ptr<OptionsDataUpdate> const u = dataContainer_->update().get(scope);
+   if (!u || !u->record()) {
+      return;
+   }
+   updateQueueBytes_ += u->record()->dataLen();
+   auto& queue = update_[u->setId()];
+   if (!queue) {
+      queue = Kivo::make<UpdateSetQueue>(u->setId());
+   }
+   queue->recordEnq(u->record());
+   std::uint32_t const hdrLen =
+       MessageBuilder::calcOverhead(static_cast<std::uint32_t>(update_.size()));
+   if (hdrLen + updateQueueBytes_ < maxMsgSize()) {
+      TRACE_ODE(7, "coalescing, updateQueueBytes: " << updateQueueBytes_);
+      updateTask_->scheduleTaskLowestDelay(updateDataCoalesceTime_);
+   } else {
+      TRACE_ODE(
+          6, "schedule immediate, updateQueueBytes: " << updateQueueBytes_ << ", hdrLen: " << hdrLen
+                                                      << ", IPFIX max msg size: " << maxMsgSize());
+      updateTask_->scheduleTask();
+   }
+}
+
+void OptionsDataExporterSm::flushUpdateQueue() {
+   if (!initialized_ || updateQueueBytes_ == 0) {
+      return;
+   }
+   TRACE_ODE(6, "queue bytes: " << updateQueueBytes_);
+   BuilderWrapper builder(maxMsgSize(), ftId_);
+   builder.startMsg();
+   bool yielded = false;
+   while (!update_.empty() && !yielded) {
+      auto it = update_.begin();
+      UpdateSetQueue& queue = *it->second;
+      while (queue.records() > 0) {
+         DataRecordPtr const record = queue.recordFront();
+         std::uint32_t consumed = builder.addSetRecord(queue.setId(), record);
+         if (consumed == 0) {
+            sendMessageToCollectors(*builder.finalizeMsg());
+            builder.startMsg();
+            consumed = builder.addSetRecord(queue.setId(), record);
+            KIVO_ASSERT(consumed > 0);
+         }
+         queue.recordDeq();
+         updateQueueBytes_ -= record->dataLen();
+         if (taskScheduler_->taskShouldYield()) {
+            yielded = true;
+            break;
+         }
+      }
+      if (queue.records() == 0) {
+         update_.erase(it);
+      }
+   }
+   if (!builder.empty()) {
+      sendMessageToCollectors(*builder.finalizeMsg());
+   }
+   if (updateQueueBytes_ != 0) {
+      updateTask_->scheduleTask();
+   }
+}
+
+void OptionsDataExporterSm::abortUpdates() {
+   TRACE_ODE(6, "queue bytes: " << updateQueueBytes_);
+   updateTask_->stopTimerTask();
+   update_.clear();
+   updateQueueBytes_ = 0;
+}
+
+void OptionsDataExporterSm::dropCollector_p(Kivo::String const& name,
+                                            std::set<Kivo::String>& family) {
+   if (family.erase(name)) {
+      collector_.erase(name);
+   }
+}
+
+bool OptionsDataExporterSm::handleCollector4(Kivo::String const& name) {
+   Kivo::Ptr<CollectorInfo> const ci = expInfo_->collInfo(name);
+   Pelto::IpAndPort const* dst = hwExpConfig_ ? hwExpConfig_->collector4(name) : nullptr;
+   Kivo::Ptr<Collector> const existing = collector(name);
+   TRACE_ODE(6, "handleCollector4 " << name << ", exists:" << static_cast<bool>(existing)
+                                    << ", collInfo:" << static_cast<bool>(ci)
+                                    << ", dst:" << (dst ? dst->toString() : "none")
+                                    << ", templateSent:" << (ci && ci->optTemplateSent()));
+   if (!dst || dst->isZero() || !ci || !ci->optTemplateSent()) {
+      dropCollector_p(name, collector4_);
+      return false;
+   }
+   if (existing && existing->collInfo() == ci && existing->dst4() == *dst &&
+       existing->dst6() == Pelto::Ip6AndPort()) {
+      return false;
+   }
+   if (existing) {
+      TRACE_ODE(6, "stale v4 collector " << name);
+   }
+   dropCollector_p(name, collector4_);
+   dropCollector_p(name, collector6_);
+   collector_[name] = Kivo::make<Collector>(name, ci, *dst, Pelto::Ip6AndPort(), this);
+   collector4_.insert(name);
+   return true;
+}
+
+bool OptionsDataExporterSm::handleCollector6(Kivo::String const& name) {
+   Kivo::Ptr<CollectorInfo> const ci = expInfo_->collInfo(name);
+   Pelto::Ip6AndPort const* dst = hwExpConfig_ ? hwExpConfig_->collector6(name) : nullptr;
+   Kivo::Ptr<Collector> const existing = collector(name);
+   TRACE_ODE(6, "handleCollector6 " << name << ", exists:" << static_cast<bool>(existing)
+                                    << ", collInfo:" << static_cast<bool>(ci)
+                                    << ", dst:" << (dst ? dst->toString() : "none")
+                                    << ", templateSent:" << (ci && ci->optTemplateSent()));
+   if (!dst || dst->isZero() || !ci || !ci->optTemplateSent()) {
+      dropCollector_p(name, collector6_);
+      return false;
+   }
+   if (existing && existing->collInfo() == ci && existing->dst6() == *dst &&
+       existing->dst4() == Pelto::IpAndPort()) {
+      return false;
+   }
+   if (existing) {
+      TRACE_ODE(6, "stale v6 collector " << name);
+   }
+   dropCollector_p(name, collector4_);
+   dropCollector_p(name, collector6_);
+   collector_[name] = Kivo::make<Collector>(name, ci, Pelto::IpAndPort(), *dst, this);
+   collector6_.insert(name);
+   return true;
+}
+
+void OptionsDataExporterSm::handleCollector(Kivo::String const& name) {
+   if (!initialized_) {
+      return;
+   }
+   bool const fresh4 = handleCollector4(name);
+   bool const fresh6 = handleCollector6(name);
+   if (fresh4 || fresh6) {
+      collectorUpdate_.insert(name);
+      collectorUpdateTask_->scheduleTask();
+   }
+   if (!v4Ready() && !v6Ready()) {
+      maybeSchedulePeriodic();  // nobody left: stop the periodic transmission
+   }
+}
+
+void OptionsDataExporterSm::processCollectorQueue() {
+   if (!initialized_ || collectorUpdate_.empty()) {
+      return;
+   }
+   for (auto const& name : collectorUpdate_) {
+      Kivo::Ptr<Collector> const c = collector(name);
+      if (!c || (c->isV4() ? !v4Ready() : !v6Ready())) {
+         continue;
+      }
+      maybeBuildMsgCache();
+      for (auto const& msg : msgCache_) {
+         c->sendMessage(*expInfo_, *hwExpConfig_, *msg);
+      }
+   }
+   collectorUpdate_.clear();
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::handleSrc4() {
+   TRACE_ODE(5, "src: " << hwExpConfig_->srcIp4());
+   maybeSchedulePeriodic();
+   for (auto const& [name, dst] : hwExpConfig_->collector4Coll()) {
+      dropCollector_p(name, collector4_);  // re-sent in full from the new source
+      handleCollector(name);
+   }
+}
+
+void OptionsDataExporterSm::handleSrc6() {
+   TRACE_ODE(5, "src: " << hwExpConfig_->srcIp6());
+   maybeSchedulePeriodic();
+   for (auto const& [name, dst] : hwExpConfig_->collector6Coll()) {
+      dropCollector_p(name, collector6_);
+      handleCollector(name);
+   }
+}
+
+Kivo::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
+    Kivo::String const& expName, Kivo::String const& ftName, FtId ftId,
+    Kivo::Ptr<HwFlowTracking::FtConfig const> const& hwFtConfig,
+    Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& hwExpConfig,
+    Kivo::Ptr<ExporterInfo> const& expInfo,
+    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats,
+    Kivo::Ptr<OptionsDataContainer const> const& dataContainer,
+    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler) {
+   return Kivo::make<OptionsDataExporterSm>(expName, ftName, ftId, hwFtConfig, hwExpConfig, expInfo,
+                                            collStats, dataContainer, taskScheduler);
+}
+
+}  // namespace FlowTracking

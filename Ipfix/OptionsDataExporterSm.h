@@ -1,0 +1,228 @@
+// OptionsDataExporterSm: sends one tracker's options data to the collectors of one exporter.
+//
+// Three jobs:
+//  - full transmission: every table, from a cache of finished messages that is rebuilt only when
+//    a source's version (or the exporter's MTU) changes, to every usable collector, every active
+//    interval of the tracker;
+//  - catch-up: a collector becomes usable once its options templates have been sent to it, and
+//    then receives the whole cache at once, ahead of the next periodic round;
+//  - updates: single changed records posted by the sources are queued per set id and flushed
+//    after updateDataCoalesceTime, or at once when they already fill a message. A full
+//    transmission makes every queued update redundant and drops them.
+// Each message advances each receiving collector's sequence number by its number of data records
+// (the header carries the number before the message) and is counted in the statistics table.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <set>
+
+#include "HwFlowTracking/HwFlowTracking.h"
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/MessageBuilder.h"
+#include "Ipfix/OptionsDataExporter.h"
+#include "Orbo/TaskScheduler.h"
+
+namespace FlowTracking {
+
+// How long single updates wait for company before they are sent: long enough to put a burst of
+// interface changes (a line card coming up) into a few full messages, short enough that a
+// collector learns a renamed interface promptly.
+constexpr double defaultUpdateDataCoalesceTime() {
+   return 1.0;
+}
+
+class OptionsDataExporterSm;
+
+// The data records of one set id in one message.
+class SetRecord : public Kivo::Object {
+ public:
+   explicit SetRecord(TemplateId setId) : setId_(setId) {}
+   TemplateId setId() const { return setId_; }
+   std::uint64_t count() const { return count_; }
+   void countInc(std::uint64_t n) { count_ += n; }
+   void countIs(std::uint64_t n) { count_ = n; }
+
+ private:
+   TemplateId setId_;
+   std::uint64_t count_ = 0;
+};
+
+// A finished message and how many records of each set id it holds.
+class MessageWrapper : public Kivo::Object {
+ public:
+   Kivo::Ptr<Message> const& message() const { return message_; }
+   void messageIs(Kivo::Ptr<Message> m) { message_ = std::move(m); }
+   Kivo::Ptr<SetRecord> setRecordIs(TemplateId id) { return setRecord_.is(id); }
+   void setRecordDel(TemplateId id) { setRecord_.del(id); }
+   void setRecordDelAll() { setRecord_.delAll(); }
+   Kivo::Coll<TemplateId, SetRecord> const& setRecord() const { return setRecord_; }
+
+ private:
+   Kivo::Ptr<Message> message_;
+   Kivo::Coll<TemplateId, SetRecord> setRecord_;
+};
+
+// Builds a run of messages, counting records per set id.
+class BuilderWrapper : public Kivo::Object {
+ public:
+   BuilderWrapper(std::uint16_t maxSize, std::uint32_t observationDomainId)
+       : builder_(messageBuilderFactory(maxSize, observationDomainId)) {}
+   void startMsg();
+   // Octets consumed; 0 when the record does not fit in this message.
+   std::uint32_t addSetRecord(TemplateId setId, DataRecordPtr const& record);
+   // REQUIRES: at least one record since startMsg().
+   Kivo::Ptr<MessageWrapper> finalizeMsg();
+   bool empty() const { return builder_->recordCount() == 0; }
+
+ private:
+   Kivo::Ptr<MessageBuilder> builder_;
+   Kivo::Ptr<MessageWrapper> msgWrap_;
+};
+
+// Queued update records of one set id, oldest first.
+class UpdateSetQueue : public Kivo::Object {
+ public:
+   explicit UpdateSetQueue(TemplateId setId) : setId_(setId) {}
+   TemplateId setId() const { return setId_; }
+   void recordEnq(DataRecordPtr r) { record_.push_back(std::move(r)); }
+   void recordDeq() { record_.pop_front(); }
+   DataRecordPtr const& recordFront() const { return record_.front(); }
+   DataRecordPtr const& recordBack() const { return record_.back(); }
+   void recordDelAll() { record_.clear(); }
+   std::size_t records() const { return record_.size(); }
+
+ private:
+   TemplateId setId_;
+   std::deque<DataRecordPtr> record_;
+};
+
+// One usable collector: its options templates have been sent and it has a destination.
+class Collector : public Kivo::Object {
+ public:
+   Collector(Kivo::String name, Kivo::Ptr<CollectorInfo> collInfo, Pelto::IpAndPort dst4,
+             Pelto::Ip6AndPort dst6, OptionsDataExporterSm* exporter)
+       : name_(std::move(name)),
+         collInfo_(std::move(collInfo)),
+         dst4_(dst4),
+         dst6_(dst6),
+         exporter_(exporter) {}
+   Kivo::String const& name() const { return name_; }
+   Kivo::Ptr<CollectorInfo> const& collInfo() const { return collInfo_; }
+   Pelto::IpAndPort const& dst4() const { return dst4_; }
+   Pelto::Ip6AndPort const& dst6() const { return dst6_; }
+   bool isV4() const { return dst4_.port() != 0; }
+
+   // Stamps the message with this collector's sequence number, sends it from the configured
+   // source of the collector's family, advances the sequence number and counts the message.
+   void sendMessage(ExporterInfo const& expInfo, HwFlowTracking::ExporterConfig const& hwExpConfig,
+                    MessageWrapper const& msgWrap);
+   void updateStats(MessageWrapper const& msgWrap);
+
+ private:
+   Kivo::String name_;
+   Kivo::Ptr<CollectorInfo> collInfo_;
+   Pelto::IpAndPort dst4_;
+   Pelto::Ip6AndPort dst6_;
+   OptionsDataExporterSm* exporter_;  // owns this collector
+};
+
+class OptionsDataExporterSm : public Kivo::Object {
+ public:
+   OptionsDataExporterSm(Kivo::String expName, Kivo::String ftName, FtId ftId,
+                         Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig,
+                         Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig,
+                         Kivo::Ptr<ExporterInfo> expInfo,
+                         Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats,
+                         Kivo::Ptr<OptionsDataContainer const> dataContainer,
+                         Kivo::Ptr<Orbo::TaskScheduler> taskScheduler);
+   ~OptionsDataExporterSm() override;
+
+   Kivo::String traceId() const { return expName_ + " for " + ftName_; }
+   Kivo::String const& expName() const { return expName_; }
+   Kivo::String const& ftName() const { return ftName_; }
+   Mirra::Ipfix::CollectorStatistics& collStats() const { return *collStats_; }
+
+   bool initialized() const { return initialized_; }
+   bool processing() const { return processing_; }
+   bool msgCacheValid() const { return msgCacheValid_; }
+   std::uint32_t msgCacheBuildCount() const { return msgCacheBuildCount_; }
+   std::size_t msgCacheCount() const { return msgCache_.size(); }
+   std::uint32_t updateQueueBytes() const { return updateQueueBytes_; }
+   std::size_t updateQueues() const { return update_.size(); }
+   double updateDataCoalesceTime() const { return updateDataCoalesceTime_; }
+   void updateDataCoalesceTimeIs(double seconds) { updateDataCoalesceTime_ = seconds; }
+   Kivo::Ptr<Collector> collector(Kivo::String const& name) const;
+   std::set<Kivo::String> const& collector4() const { return collector4_; }
+   std::set<Kivo::String> const& collector6() const { return collector6_; }
+   Kivo::Ptr<Orbo::Task> const& txPeriodicTask() const { return txPeriodicTask_; }
+   Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
+
+   // Largest message: the exporter's MTU less room for an IPv6 and a UDP header.
+   std::uint16_t maxMsgSize() const;
+   bool v4Ready() const;
+   bool v6Ready() const;
+   bool txReady() const { return v4Ready() || v6Ready(); }
+
+   void handleInitialized();
+   void handleUpdateData(OptionsDataScope scope);
+   void handleSourceChange();
+   void handleCollector(Kivo::String const& name);
+   bool handleCollector4(Kivo::String const& name);
+   bool handleCollector6(Kivo::String const& name);
+   void handleSrc4();
+   void handleSrc6();
+
+   void maybeBeginPeriodicTransmission();
+   void maybeSchedulePeriodic();
+   void maybeBuildMsgCache();
+   void sendDataTables();
+   void sendMessageToCollectors(MessageWrapper const& msgWrap);
+   void flushUpdateQueue();
+   void abortUpdates();
+   void processCollectorQueue();
+
+ private:
+   void watchCollInfo_p(Kivo::String const& name);
+   void dropCollector_p(Kivo::String const& name, std::set<Kivo::String>& family);
+
+   Kivo::String expName_;
+   Kivo::String ftName_;
+   FtId ftId_;
+   Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig_;
+   Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig_;
+   Kivo::Ptr<ExporterInfo> expInfo_;
+   Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats_;
+   Kivo::Ptr<OptionsDataContainer const> dataContainer_;
+   Kivo::Ptr<Orbo::TaskScheduler> taskScheduler_;
+
+   bool initialized_ = false;
+   bool processing_ = false;
+   std::deque<Kivo::Ptr<MessageWrapper>> msgCache_;
+   bool msgCacheValid_ = false;
+   std::uint32_t msgCacheBuildCount_ = 0;
+   std::map<TemplateId, Kivo::Ptr<UpdateSetQueue>> update_;
+   std::uint32_t updateQueueBytes_ = 0;
+   double updateDataCoalesceTime_ = defaultUpdateDataCoalesceTime();
+   std::map<Kivo::String, Kivo::Ptr<Collector>> collector_;
+   std::set<Kivo::String> collector4_;
+   std::set<Kivo::String> collector6_;
+   std::set<Kivo::String> collectorUpdate_;
+   std::map<Kivo::String, Kivo::Reactor> collInfo_;  // one per collector information
+   Kivo::Ptr<Orbo::Task> txPeriodicTask_;
+   Kivo::Ptr<Orbo::Task> updateTask_;
+   Kivo::Ptr<Orbo::Task> collectorUpdateTask_;
+   Kivo::Reactor reactor_;
+};
+
+Kivo::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
+    Kivo::String const& expName, Kivo::String const& ftName, FtId ftId,
+    Kivo::Ptr<HwFlowTracking::FtConfig const> const& hwFtConfig,
+    Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& hwExpConfig,
+    Kivo::Ptr<ExporterInfo> const& expInfo,
+    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats,
+    Kivo::Ptr<OptionsDataContainer const> const& dataContainer,
+    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler);
+
+}  // namespace FlowTracking

@@ -1,0 +1,173 @@
+// The whole options data path: interface, VRF and hardware inputs, through the sources and the
+// managers, to real loopback collectors.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "Ipfix/OptionsDataManagerSm.h"
+#include "support/ExportFixture.h"
+#include "support/Pcap.h"
+#include "support/Tshark.h"
+
+using namespace FlowTracking;
+using Ipfix::element;
+using testsupport::fieldText;
+using testsupport::fieldValue;
+
+namespace {
+
+constexpr TemplateId vrfSet = Constants::reservedTemplateId(StaticTemplateId::vrfTable);
+constexpr TemplateId intfSet = Constants::reservedTemplateId(StaticTemplateId::intfTable);
+constexpr TemplateId flowKeySet = Constants::reservedTemplateId(StaticTemplateId::flowKey);
+constexpr TemplateId trackerSet = Constants::reservedTemplateId(StaticTemplateId::flowTrackerTable);
+
+// Every data record a collector decoded, by set id.
+using Tables = std::map<std::uint16_t, std::vector<testsupport::DataRecord>>;
+
+Tables tables(std::vector<testsupport::Message> const& msgs) {
+   Tables t;
+   for (auto const& m : msgs) {
+      for (auto const& s : m.sets) {
+         t[s.id].insert(t[s.id].end(), s.records.begin(), s.records.end());
+      }
+   }
+   return t;
+}
+
+class OptionsDataPath : public testsupport::ExportFixture {
+ protected:
+   void SetUp() override {
+      intfIndexMap->intfIndexIs(Pelto::IntfId("Ethernet1"), 5);
+      intfIndexMap->intfIndexIs(Pelto::IntfId("Ethernet2"), 6);
+      vrfs->vrfNameIs(1, "red");
+      vrfs->vrfNameIs(2, "blue");
+      auto ftStatus = hwStatus->ftStatus("t1");
+      ftStatus->activeIntervalIs({300000});
+      ftStatus->inactiveTimeoutIs({15000});
+      hwStatus->sampleRateIs(1000);
+      auto t300 = addTemplate(300, {element("sourceIPv4Address"), element("destinationIPv4Address"),
+                                    element("octetDeltaCount")});
+      t300->entries().get(0)->flowKeyIs(true);
+      t300->entries().get(1)->flowKeyIs(true);
+      addTemplate(260, {element("sourceIPv6Address"), element("packetDeltaCount")});
+      start();
+      manager = optionsDataManagerSmFactory(hwConfig, hwStatus, info, intfIndexMap, vrfs, collStats,
+                                            scheduler);
+      ASSERT_TRUE(scheduler->runUntilIdle());
+   }
+   void TearDown() override { manager = nullptr; }
+
+   Kivo::Ptr<IntfIndexMap> intfIndexMap = intfIndexMapFactory();
+   Kivo::Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
+   Kivo::Ptr<OptionsDataManagerSm> manager;
+};
+
+}  // namespace
+
+TEST_F(OptionsDataPath, EveryTableReachesEveryCollector) {
+   for (auto* c : {&a, &b, &v6}) {
+      Tables t = tables(c->messages(1000));
+      std::map<std::uint64_t, std::string> intfs;
+      for (auto const& r : t[intfSet]) {
+         intfs[fieldValue(r.fields[0])] = fieldText(r.fields[1]);
+      }
+      EXPECT_EQ(intfs, (std::map<std::uint64_t, std::string>{{0, "unknown"},
+                                                             {5, "Ethernet1"},
+                                                             {6, "Ethernet2"},
+                                                             {0x3fffffff, "CPU"},
+                                                             {0x40000000, "discard"},
+                                                             {0x80000000, "multicast"}}));
+      std::map<std::uint64_t, std::string> vrfNames;
+      for (auto const& r : t[vrfSet]) {
+         vrfNames[fieldValue(r.fields[0])] = fieldText(r.fields[1]);
+      }
+      EXPECT_EQ(vrfNames,
+                (std::map<std::uint64_t, std::string>{{1, "red"}, {2, "blue"}, {0xffffff, ""}}));
+      ASSERT_EQ(t[trackerSet].size(), 1u);
+      auto const& row = t[trackerSet][0].fields;
+      EXPECT_EQ(fieldValue(row[0]), 7u);
+      EXPECT_EQ(fieldText(row[1]), "t1");
+      EXPECT_EQ(fieldValue(row[2]), 300u);
+      EXPECT_EQ(fieldValue(row[3]), 15u);
+      EXPECT_EQ(fieldValue(row[4]), 3u);
+      EXPECT_EQ(fieldValue(row[5]), 1u);
+      EXPECT_EQ(fieldValue(row[6]), 1000u);
+      std::map<std::uint64_t, std::uint64_t> keys;
+      for (auto const& r : t[flowKeySet]) {
+         keys[fieldValue(r.fields[0])] = fieldValue(r.fields[1]);
+      }
+      EXPECT_EQ(keys, (std::map<std::uint64_t, std::uint64_t>{{260, 0}, {300, 0x3}}));
+   }
+}
+
+TEST_F(OptionsDataPath, InterfaceRenameIsOneCoalescedUpdate) {
+   a.messages(1000);
+   intfIndexMap->intfIndexDel(Pelto::IntfId("Ethernet2"));
+   intfIndexMap->intfIndexIs(Pelto::IntfId("Ethernet2-renamed"), 6);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_TRUE(a.drain().empty());  // coalescing
+   ASSERT_TRUE(scheduler->runFor(*clock, defaultUpdateDataCoalesceTime()));
+   auto const msgs = a.messages(1000);
+   ASSERT_EQ(msgs.size(), 1u);
+   Tables t = tables(msgs);
+   ASSERT_EQ(t[intfSet].size(), 1u);
+   EXPECT_EQ(fieldValue(t[intfSet][0].fields[0]), 6u);
+   EXPECT_EQ(fieldText(t[intfSet][0].fields[1]), "Ethernet2-renamed");
+}
+
+TEST_F(OptionsDataPath, RemovedTrackerLeavesNoTasksStatisticsOrData) {
+   EXPECT_GT(collStats->statsCount(), 0u);
+   hwConfig->ftConfigDel("t1");
+   EXPECT_FALSE(manager->ftManagerSm("t1"));
+   EXPECT_FALSE(manager->dataContainer("t1"));
+   EXPECT_FALSE(manager->dataAll()->trackerData("t1"));
+   EXPECT_EQ(collStats->statsCount(), 0u);
+   EXPECT_EQ(scheduler->pendingTasks(), 0u);
+   // Configured again, it is served again from scratch.
+   auto ft = hwConfig->ftConfigIs("t1");
+   ft->ftIdIs(7);
+   auto e = ft->expConfigIs("e9");
+   e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
+   e->ipfixMtuIs(1500);
+   e->templateIntervalIs(30000);
+   e->collector4Is("a", a.ipAndPort());
+   e->exporter4ResolvedIs(true);
+   a.drain(1000);
+   ASSERT_TRUE(scheduler->runUntilIdle());  // no active interval: the default, not every pass
+   ASSERT_TRUE(manager->ftManagerSm("t1"));
+   EXPECT_TRUE(manager->ftManagerSm("t1")->exporterSm("e9"));
+   EXPECT_FALSE(tables(a.messages(1000))[intfSet].empty());
+}
+
+TEST_F(OptionsDataPath, TsharkReadsTheOptionsData) {
+   if (!testsupport::tsharkAvailable()) {
+      GTEST_SKIP() << "tshark is not installed (scripts/setup installs it)";
+   }
+   // From the start again, so that the capture holds the templates before the data.
+   testsupport::LoopbackCollector c;
+   exporter("e2")->collector4Is("c", c.ipAndPort());
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   std::vector<testsupport::Datagram> datagrams;
+   for (auto const& r : c.drain(1000)) {
+      datagrams.push_back({.payload = r.payload, .srcPort = r.srcPort});
+   }
+   ASSERT_GE(datagrams.size(), 3u);
+   testsupport::TempFile capture("options-data.pcap");
+   testsupport::writePcap(capture.path(), datagrams);
+   auto const r = testsupport::runTshark(
+       capture.path(), {"cflow.if_name", "cflow.vrfname", "cflow.observation_domain_name",
+                        "cflow.sampling_population", "_ws.malformed", "_ws.expert.message"});
+   ASSERT_TRUE(r.ok()) << r.describe();
+   auto names = r.all("cflow.if_name");
+   std::sort(names.begin(), names.end());
+   EXPECT_EQ(names, (testsupport::TsharkResult::Values{"CPU", "Ethernet1", "Ethernet2", "discard",
+                                                       "multicast", "unknown"}));
+   auto vrfNames = r.all("cflow.vrfname");
+   std::sort(vrfNames.begin(), vrfNames.end());
+   // The fixed record's empty name is decoded but not printed.
+   EXPECT_EQ(vrfNames, (testsupport::TsharkResult::Values{"blue", "red"}));
+   EXPECT_EQ(r.all("cflow.observation_domain_name"), testsupport::TsharkResult::Values{"t1"});
+   EXPECT_EQ(r.all("cflow.sampling_population"), testsupport::TsharkResult::Values{"1000"});
+   EXPECT_TRUE(r.all("_ws.malformed").empty()) << r.describe();
+   EXPECT_TRUE(r.all("_ws.expert.message").empty()) << r.describe();
+}
