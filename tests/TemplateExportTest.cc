@@ -241,7 +241,8 @@ TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
    auto const r = testsupport::runTshark(
        capture.path(), {"cflow.flowset_id", "cflow.template_id",
                         "cflow.template_ipfix_scope_field_count", "cflow.template_ipfix_field_type",
-                        "cflow.template_ipfix_field_type_enterprise", "_ws.malformed"});
+                        "cflow.template_ipfix_field_type_enterprise",
+                        "cflow.template_ipfix_field_pen", "_ws.malformed"});
    ASSERT_TRUE(r.ok()) << r.describe();
    using V = testsupport::TsharkResult::Values;
    EXPECT_EQ(r.at(0, "cflow.flowset_id"), V{"2"});
@@ -254,6 +255,7 @@ TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
        r.at(1, "cflow.template_ipfix_field_type"),
        (V{"145", "173", "149", "300", "36", "37", "304", "309", "310", "10", "82", "234", "236"}));
    EXPECT_EQ(r.all("cflow.template_ipfix_field_type_enterprise"), (V{"1001", "1001"}));
+   EXPECT_EQ(r.all("cflow.template_ipfix_field_pen"), (V{"32473", "32473"}));
    EXPECT_TRUE(r.all("_ws.malformed").empty());
 }
 
