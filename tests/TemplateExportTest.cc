@@ -239,10 +239,10 @@ TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
    testsupport::TempFile capture("templates.pcap");
    testsupport::writePcap(capture.path(), datagrams);
    auto const r = testsupport::runTshark(
-       capture.path(), {"cflow.flowset_id", "cflow.template_id",
-                        "cflow.template_ipfix_scope_field_count", "cflow.template_ipfix_field_type",
-                        "cflow.template_ipfix_field_type_enterprise",
-                        "cflow.template_ipfix_field_pen", "_ws.malformed"});
+       capture.path(),
+       {"cflow.flowset_id", "cflow.template_id", "cflow.template_ipfix_scope_field_count",
+        "cflow.template_ipfix_field_type", "cflow.template_ipfix_field_type_enterprise",
+        "cflow.template_ipfix_field_pen", "_ws.malformed"});
    ASSERT_TRUE(r.ok()) << r.describe();
    using V = testsupport::TsharkResult::Values;
    EXPECT_EQ(r.at(0, "cflow.flowset_id"), V{"2"});

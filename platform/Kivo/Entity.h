@@ -39,50 +39,44 @@
    }                                    \
    KIVO_ATTR(Type, name, Name)
 
-#define KIVO_VALUES(Key, Type, name, Name)                  \
- public:                                                    \
-   Type const* name(Key const& k) const {                   \
-      return name##_.find(k);                               \
-   }                                                        \
-   void name##Is(Key const& k, Type v) {                    \
-      name##_.is(k, std::move(v));                          \
-   }                                                        \
-   void name##Del(Key const& k) {                           \
-      name##_.del(k);                                       \
-   }                                                        \
-   void name##DelAll() {                                    \
-      name##_.delAll();                                     \
-   }                                                        \
-   ::Kivo::ValueColl<Key, Type> const& name##Coll() const { \
-      return name##_;                                       \
-   }                                                        \
-   ::Kivo::Signal<Key> const& on##Name() const {            \
-      return name##_.signal();                              \
-   }                                                        \
-                                                            \
- private:                                                   \
-   ::Kivo::ValueColl<Key, Type> name##_
+// The operations both kinds of collection share, for the macros below.
+#define KIVO_COLL_COMMON_(Key, CollType, name, Name) \
+ public:                                             \
+   void name##Del(Key const& k) {                    \
+      name##_.del(k);                                \
+   }                                                 \
+   void name##DelAll() {                             \
+      name##_.delAll();                              \
+   }                                                 \
+   CollType const& name##Coll() const {              \
+      return name##_;                                \
+   }                                                 \
+   ::Kivo::Signal<Key> const& on##Name() const {     \
+      return name##_.signal();                       \
+   }                                                 \
+                                                     \
+ private:                                            \
+   CollType name##_
 
-#define KIVO_ENTITIES(Key, Type, name, Name)           \
- public:                                               \
-   ::Kivo::Ptr<Type> name(Key const& k) const {        \
-      return name##_.get(k);                           \
-   }                                                   \
-   ::Kivo::Ptr<Type> name##Is(Key const& k) {          \
-      return name##_.is(k);                            \
-   }                                                   \
-   void name##Del(Key const& k) {                      \
-      name##_.del(k);                                  \
-   }                                                   \
-   void name##DelAll() {                               \
-      name##_.delAll();                                \
-   }                                                   \
-   ::Kivo::Coll<Key, Type> const& name##Coll() const { \
-      return name##_;                                  \
-   }                                                   \
-   ::Kivo::Signal<Key> const& on##Name() const {       \
-      return name##_.signal();                         \
-   }                                                   \
-                                                       \
- private:                                              \
-   ::Kivo::Coll<Key, Type> name##_
+#define KIVO_VALUES(Key, Type, name, Name) \
+ public:                                   \
+   Type const* name(Key const& k) const {  \
+      return name##_.find(k);              \
+   }                                       \
+   void name##Is(Key const& k, Type v) {   \
+      name##_.is(k, std::move(v));         \
+   }                                       \
+   KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::ValueColl<Key, Type>), name, Name)
+
+#define KIVO_ENTITIES(Key, Type, name, Name)    \
+ public:                                        \
+   ::Kivo::Ptr<Type> name(Key const& k) const { \
+      return name##_.get(k);                    \
+   }                                            \
+   ::Kivo::Ptr<Type> name##Is(Key const& k) {   \
+      return name##_.is(k);                     \
+   }                                            \
+   KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::Coll<Key, Type>), name, Name)
+
+// Passes a template type with commas through one macro argument.
+#define KIVO_COMMA_TYPE_(...) __VA_ARGS__
