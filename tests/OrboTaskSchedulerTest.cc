@@ -3,20 +3,16 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
-#include <memory>
-#include <string>
-#include <vector>
+#include <set>
 
 #include "Orbo/EventLoop.h"
 #include "Orbo/TaskScheduler.h"
 
 using namespace Orbo;
-using Kivo::make;
-using Kivo::Ptr;
+using namespace Kivo;
 using Log = std::vector<std::string>;
-
-namespace {
 
 struct OrboTaskScheduler : ::testing::Test {
    Kivo::ScopedManualClock clock;
@@ -25,33 +21,31 @@ struct OrboTaskScheduler : ::testing::Test {
    Log log;
 
    // A task that logs its name, then does `then`.
-   Ptr<Task> task(
-       std::string name, TaskPriority prio = 0, std::function<void()> then = [] {}) {
-      return make<Task>(sched, prio, name, [this, name, then] { log.push_back(name), then(); });
+   Ptr<Task> task(std::string name, TaskPriority prio = 0, std::function<void()> then = {}) {
+      return make<Task>(sched, prio, name,
+                        [=, this] { log.push_back(name), then ? then() : void(); });
    }
    void stamp() { log.back() += "@" + std::to_string(int(clock->now() - t0)); }
 };
 
-}  // namespace
-
-// A task scheduled during a pass, itself or one of higher priority, waits for the next pass.
+// A task scheduled during a pass, itself or one of higher priority, waits for the next pass. A
+// task is running() only inside its own handler.
 TEST_F(OrboTaskScheduler, TaskScheduledDuringAPassRunsInTheNextPass) {
    Ptr<Task> high = task("high", 9), self;
    int selfRuns = 0;
    self = task("self", 0, [&] {
+      EXPECT_TRUE(self->running() && !high->running());
       high->scheduleTask();
       if (++selfRuns < 3) {
          self->scheduleTask();
       }
    });
-   self->scheduleTask();
-   self->scheduleTask();
-   EXPECT_EQ(sched->runPass(), 1u);
-   EXPECT_EQ(sched->runPass(), 2u);
-   EXPECT_EQ(log, (Log{"self", "high", "self"}));
-   EXPECT_EQ(sched->runPass(), 2u);
-   EXPECT_EQ(sched->runPass(), 1u);
-   EXPECT_EQ(sched->runPass(), 0u);
+   self->scheduleTask(), self->scheduleTask();
+   for (std::size_t ran : {1, 2, 2, 1, 0}) {
+      EXPECT_EQ(sched->runPass(), ran);
+   }
+   EXPECT_EQ(log, (Log{"self", "high", "self", "high", "self", "high"}));
+   EXPECT_FALSE(self->running() || high->running());
 }
 
 // Higher priority first; within a priority, the order the tasks fell due, including a timer that
@@ -62,32 +56,24 @@ TEST_F(OrboTaskScheduler, PriorityThenTheOrderTasksFellDue) {
    clock->advance(2);
    std::vector<Ptr<Task>> tasks;
    for (auto [name, prio] : {std::pair{"l1", 0}, {"h1", 5}, {"l2", 0}, {"m", 2}, {"h2", 5}}) {
-      tasks.push_back(task(name, prio));
-      tasks.back()->scheduleTask();
+      tasks.push_back(task(name, prio)), tasks.back()->scheduleTask();
    }
    EXPECT_EQ(sched->runPass(), 6u);
    EXPECT_EQ(log, (Log{"h1", "h2", "m", "timer", "l1", "l2"}));
 }
 
+// Pending: < 0 ready, 0 idle, > 0 a timer that far ahead.
 TEST_F(OrboTaskScheduler, ScheduleTaskLowestDelayKeepsTheEarlierRun) {
-   struct Case {
-      double pending;  // < 0: ready; 0: idle; > 0: a timer that far ahead
-      double request, due;
-   } const cases[] = {{0, 3, 3}, {5, 10, 5}, {10, 5, 5}, {-1, 5, 0}};
-   for (auto const& c : cases) {
-      SCOPED_TRACE("pending " + std::to_string(c.pending) + ", asked " + std::to_string(c.request));
-      clock->nowIs(t0);
-      log.clear();
+   for (auto [pending, request, due] :
+        {std::array{0., 3., 3.}, {5., 10., 5.}, {10., 5., 5.}, {-1., 5., 0.}}) {
+      SCOPED_TRACE("pending " + std::to_string(pending) + ", asked " + std::to_string(request));
+      clock->nowIs(t0), log.clear();
       Ptr<Task> t = task("t");
-      if (c.pending < 0) {
-         t->scheduleTask();
-      } else if (c.pending > 0) {
-         t->scheduleTaskLowestDelay(c.pending);
-      }
-      t->scheduleTaskLowestDelay(c.request);
-      EXPECT_EQ(t->dueTime(), t0 + c.due);
-      EXPECT_EQ(sched->hasDueWork(), c.due == 0);
-      EXPECT_TRUE(sched->runFor(*clock, c.due));
+      pending<0 ? t->scheduleTask() : pending> 0 ? t->scheduleTaskLowestDelay(pending) : void();
+      t->scheduleTaskLowestDelay(request);
+      EXPECT_EQ(t->dueTime(), t0 + due);
+      EXPECT_EQ(sched->hasDueWork(), due == 0);
+      EXPECT_TRUE(sched->runFor(*clock, due));
       EXPECT_EQ(log, Log{"t"});
    }
 }
@@ -102,9 +88,7 @@ TEST_F(OrboTaskScheduler, StopOrDropCancelsAPendingRun) {
       Ptr<Task> first =
           task("first", 1, [&] { drop ? void(victim = nullptr) : victim->stopTimerTask(); });
       timer->scheduleTaskLowestDelay(1);
-      for (Task* t : {ready.get(), victim.get(), first.get()}) {
-         t->scheduleTask();
-      }
+      ready->scheduleTask(), victim->scheduleTask(), first->scheduleTask();
       for (Ptr<Task>* t : {&timer, &ready}) {
          drop ? void(*t = nullptr) : (*t)->stopTimerTask();
       }
@@ -114,39 +98,24 @@ TEST_F(OrboTaskScheduler, StopOrDropCancelsAPendingRun) {
    }
 }
 
-// The handler asks for another run, then drops the last Ptr to the owner of its task: the task
-// lives until the handler returns, and the run it asked for goes with it. Releasing the task
-// releases its handler's captures, which here schedule another task: that waits for the next pass.
+// The handler asks for another run, then drops its task's owner: the task lives until the handler
+// returns, the run goes with it, and its released captures schedule a task for the next pass.
 TEST_F(OrboTaskScheduler, HandlerDropsTheLastReferenceToItsOwner) {
-   struct Owner : Kivo::Object {
-      Ptr<Task> t;
-   };
    Ptr<Task> later = task("later");
    auto onRelease = std::shared_ptr<void>(nullptr, [&](void*) { later->scheduleTask(); });
-   auto owner = make<Owner>();
-   owner->t = task("t", 0, [&, onRelease] {
-      owner->t->scheduleTaskLowestDelay(1);
+   auto owner = std::make_shared<Ptr<Task>>();
+   *owner = task("t", 0, [&, onRelease] {
+      (*owner)->scheduleTaskLowestDelay(1);
       owner = nullptr;
       log.push_back("after drop");
    });
    onRelease = nullptr;
-   owner->t->scheduleTask();
+   (*owner)->scheduleTask();
    EXPECT_EQ(sched->runPass(), 1u);
    EXPECT_EQ(log, (Log{"t", "after drop"}));
    EXPECT_EQ(sched->runPass(), 1u);
    EXPECT_TRUE(sched->runFor(*clock, 5));
    EXPECT_EQ(log, (Log{"t", "after drop", "later"}));
-}
-
-TEST_F(OrboTaskScheduler, RunningOnlyInsideItsOwnHandler) {
-   Ptr<Task> a, b;
-   a = task("a", 1, [&] { EXPECT_TRUE(a->running() && !b->running()); });
-   b = task("b", 0, [&] { EXPECT_TRUE(b->running() && !a->running()); });
-   a->scheduleTask();
-   b->scheduleTask();
-   EXPECT_FALSE(a->running());
-   EXPECT_EQ(sched->runPass(), 2u);
-   EXPECT_FALSE(a->running() || b->running());
 }
 
 // A zero slice says yield at every check inside a task; the default slice on a manual clock only
@@ -158,13 +127,10 @@ TEST_F(OrboTaskScheduler, TaskShouldYieldFollowsTheSliceAndTheClock) {
       clock->advance(2 * sched->timeSlice());
       yields.push_back(sched->taskShouldYield());
    });
-   sched->timeSliceIs(0);
-   t->scheduleTask();
-   sched->runPass();
-   EXPECT_FALSE(sched->taskShouldYield());
-   sched->timeSliceIs(0.01);
-   t->scheduleTask();
-   sched->runPass();
+   for (double slice : {0., 0.01}) {
+      sched->timeSliceIs(slice), t->scheduleTask(), sched->runPass();
+      EXPECT_FALSE(sched->taskShouldYield());
+   }
    EXPECT_EQ(yields, (std::vector<bool>{true, true, false, true}));
 }
 
@@ -173,9 +139,8 @@ TEST_F(OrboTaskScheduler, RunForStopsAtEachTimerInOrderAndEndsAtTheTarget) {
    Ptr<Task> c = task("c", 0, stamp), a = task("a", 0, stamp), b = task("b", 0, stamp);
    Ptr<Task> late = task("late", 0, stamp), periodic;
    periodic = task("p", 0, [&] { stamp(), periodic->scheduleTaskLowestDelay(4); });
-   for (auto [t, delay] : {std::pair{&c, 3}, {&a, 1}, {&b, 2}, {&late, 11}, {&periodic, 4}}) {
-      (*t)->scheduleTaskLowestDelay(delay);
-   }
+   c->scheduleTaskLowestDelay(3), a->scheduleTaskLowestDelay(1), b->scheduleTaskLowestDelay(2);
+   late->scheduleTaskLowestDelay(11), periodic->scheduleTaskLowestDelay(4);
    EXPECT_TRUE(sched->runFor(*clock, 10));
    EXPECT_EQ(log, (Log{"a@1", "b@2", "c@3", "p@4", "p@8"}));
    EXPECT_EQ(clock->now(), t0 + 10);
@@ -183,8 +148,7 @@ TEST_F(OrboTaskScheduler, RunForStopsAtEachTimerInOrderAndEndsAtTheTarget) {
 }
 
 TEST_F(OrboTaskScheduler, RunUntilIdleGivesUpOnATaskThatNeverStops) {
-   Ptr<Task> t;
-   t = task("t", 0, [&] { t->scheduleTask(); });
+   Ptr<Task> t = task("t", 0, [&] { t->scheduleTask(); });
    t->scheduleTask();
    EXPECT_FALSE(sched->runUntilIdle(50));
    EXPECT_EQ(log.size(), 50u);
@@ -192,58 +156,30 @@ TEST_F(OrboTaskScheduler, RunUntilIdleGivesUpOnATaskThatNeverStops) {
    EXPECT_TRUE(sched->runUntilIdle(50));
 }
 
-// The real clock from here on. A watchdog stops run() after 2 s, so a broken loop fails fast.
-namespace {
-
-struct OrboEventLoop : ::testing::Test {
+// The real clock: a readable fd, a timer and a signal each reach their handler through run(), and
+// stop() ends it. A watchdog stops run() after 2 s, so a broken loop fails fast.
+TEST(OrboEventLoop, RunsDescriptorTimerAndSignalHandlersUntilStopped) {
    Ptr<TaskScheduler> sched = make<TaskScheduler>();
    EventLoop loop{sched};
-   bool timedOut = false;
-   Ptr<Task> watchdog = make<Task>(sched, 0, "watchdog", [this] { timedOut = true, loop.stop(); });
-   void run() {
-      watchdog->scheduleTaskLowestDelay(2.0);
-      loop.run();
-      watchdog->stopTimerTask();
-      EXPECT_FALSE(timedOut);
-   }
-};
-
-}  // namespace
-
-TEST_F(OrboEventLoop, ReadableDescriptorHandlerRuns) {
+   std::set<std::string> seen;
+   auto saw = [&](std::string what) { seen.insert(what), seen.size() == 3 ? loop.stop() : void(); };
    int fds[2];
    ASSERT_EQ(pipe(fds), 0);
-   char got = 0;
-   loop.fdIs(fds[0], [&] {
-      EXPECT_EQ(read(fds[0], &got, 1), 1);
-      loop.stop();
-   });
    ASSERT_EQ(write(fds[1], "x", 1), 1);
-   run();
-   EXPECT_EQ(got, 'x');
-   loop.fdDel(fds[0]);
-   close(fds[0]);
-   close(fds[1]);
-}
-
-TEST_F(OrboEventLoop, TimerFiresAndStopEndsRun) {
-   double const start = Kivo::currentTime();
-   double firedAfter = -1;
-   Ptr<Task> timer = make<Task>(sched, 0, "timer", [&] {
-      firedAfter = Kivo::currentTime() - start;
-      loop.stop();
-   });
+   char buf = 0;
+   loop.fdIs(fds[0], [&] { saw(read(fds[0], &buf, 1) == 1 ? std::string("fd:") + buf : "fd?"); });
+   double start = Kivo::currentTime(), firedAfter = -1;
+   Ptr<Task> timer = make<Task>(sched, 0, "timer",
+                                [&] { firedAfter = Kivo::currentTime() - start, saw("timer"); });
    timer->scheduleTaskLowestDelay(0.005);
-   run();
-   EXPECT_GE(firedAfter, 0.005);
-   EXPECT_LT(firedAfter, 1.0);
-}
-
-TEST_F(OrboEventLoop, SignalIsDeliveredThroughTheLoop) {
-   int delivered = 0;
-   loop.signalIs(SIGUSR1, [&] { ++delivered, loop.stop(); });
+   loop.signalIs(SIGUSR1, [&] { saw("signal"); });
    ASSERT_EQ(raise(SIGUSR1), 0);  // blocked by signalIs: it waits for the loop
-   EXPECT_EQ(delivered, 0);
-   run();
-   EXPECT_EQ(delivered, 1);
+   EXPECT_TRUE(seen.empty());
+   Ptr<Task> watchdog = make<Task>(sched, 0, "watchdog", [&] { saw("watchdog"), loop.stop(); });
+   watchdog->scheduleTaskLowestDelay(2.0);
+   loop.run();
+   EXPECT_EQ(seen, (std::set<std::string>{"fd:x", "signal", "timer"}));
+   EXPECT_TRUE(firedAfter >= 0.005 && firedAfter < 1.0) << firedAfter;
+   loop.fdDel(fds[0]);
+   close(fds[0]), close(fds[1]);
 }
