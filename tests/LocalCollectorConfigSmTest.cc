@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,27 +20,18 @@ using Pelto::IpGenAddr;
 
 namespace {
 
-Pelto::IpAddr ip4(char const* s) {
-   return *Pelto::IpAddr::parse(s);
-}
-Pelto::Ip6Addr ip6(char const* s) {
-   return *Pelto::Ip6Addr::parse(s);
-}
+auto const ip4 = [](char const* s) { return *Pelto::IpAddr::parse(s); };
+auto const ip6 = [](char const* s) { return *Pelto::Ip6Addr::parse(s); };
 
 // Tracker "t1" with software export, the state machine's inputs, and the state machine once
 // start() made it. Time only moves through run().
 struct Rig {
-   Rig() {
-      swConfig->swExportIs(true);
-      Snaplog::clear();
-   }
-   // An exporter, ready for IPv4 at 127.0.0.1 and/or IPv6 at ::1.
+   Rig() { swConfig->swExportIs(true), Snaplog::clear(); }
+   // An exporter with DSCP 46, ready for IPv4 at 127.0.0.1 and/or IPv6 at ::1.
    Kivo::Ptr<ExporterConfig> exporter(char const* name, bool ready4, bool ready6 = false) {
       auto e = ftConfig->expConfigIs(name);
-      e->srcIp4Is(ip4("127.0.0.1"));
-      e->srcIp6Is(ip6("::1"));
-      e->exporter4ReadyIs(ready4);
-      e->exporter6ReadyIs(ready6);
+      e->srcIp4Is(ip4("127.0.0.1")), e->srcIp6Is(ip6("::1")), e->dscpIs(Pelto::DscpValue(46));
+      e->exporter4ReadyIs(ready4), e->exporter6ReadyIs(ready6);
       return e;
    }
    void start() {
@@ -92,19 +82,16 @@ std::string describe(HwFlowTracking::LocalCollectorConfig const& c) {
 // module's socket: the published port is where the local collector really listens.
 void expectDatagramReachesPam(HwFlowTracking::LocalCollectorConfig const& lcc,
                               Pelto::UdpPam const& pam) {
-   bool const v6 = lcc.destIp().isV6();
-   sockaddr_storage ss{};
-   if (v6) {
-      *reinterpret_cast<sockaddr_in6*>(&ss) =
-          Pelto::Ip6AndPort(lcc.destIp().v6(), lcc.destPort()).toSockaddr();
-   } else {
-      *reinterpret_cast<sockaddr_in*>(&ss) =
-          Pelto::IpAndPort(lcc.destIp().v4(), lcc.destPort()).toSockaddr();
-   }
-   int const fd = socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-   ssize_t const sent = sendto(fd, "lc", 2, 0, reinterpret_cast<sockaddr const*>(&ss),
-                               v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+   addrinfo hints{}, *ai = nullptr;
+   hints.ai_socktype = SOCK_DGRAM;
+   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+   ASSERT_EQ(getaddrinfo(lcc.destIp().toString().c_str(), std::to_string(lcc.destPort()).c_str(),
+                         &hints, &ai),
+             0);
+   int const fd = socket(ai->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+   ssize_t const sent = sendto(fd, "lc", 2, 0, ai->ai_addr, ai->ai_addrlen);
    close(fd);
+   freeaddrinfo(ai);
    ASSERT_EQ(sent, 2) << std::strerror(errno);
    pollfd p{pam.fd(), POLLIN, 0};
    ASSERT_EQ(poll(&p, 1, 2000), 1);
@@ -141,155 +128,124 @@ TEST(LocalCollectorConfigSm, ReviewListRunsAfterRetryIntervalAndYieldsWhenAsked)
       EXPECT_EQ(rig.sm->pamRetryTask()->dueTime(), due);
       rig.run(0.019);
       EXPECT_TRUE(reviewTrace().empty());
-
-      std::vector<std::string> expected;
       for (std::size_t left : {2u, 1u, 0u}) {
          double const start = rig.sm->pamRetryTask()->dueTime();
          rig.clock->nowIs(start);
          rig.scheduler->runUntilIdle();
-         expected.insert(expected.end(), {"processing review::", "local exporter not ready::"});
+         EXPECT_EQ(rig.sm->exporterReviewListColl().size(), yieldAlways ? left : 0u);
          if (!yieldAlways) {
-            expected.insert(expected.end(), 2, "local exporter not ready::");
-            expected.push_back("review done ::");
             break;
          }
-         expected.push_back("YIELDING::");
-         EXPECT_EQ(rig.sm->exporterReviewListColl().size(), left);
          EXPECT_EQ(rig.sm->pamRetryTask()->dueTime(), start + 0.05);
       }
       rig.run(1.0);
-      if (yieldAlways) {
-         expected.push_back("nothing to review ::");
-      }
-      EXPECT_EQ(reviewTrace(), expected);
+      std::string const p = "processing review::", n = "local exporter not ready::",
+                        y = "YIELDING::";
+      using V = std::vector<std::string>;
+      EXPECT_EQ(reviewTrace(), (yieldAlways ? V{p, n, y, p, n, y, p, n, y, "nothing to review ::"}
+                                            : V{p, n, n, n, "review done ::"}));
       EXPECT_FALSE(rig.sm->pamRetryTask()->scheduled());
    }
 }
 
-// The first exporter in name order that is ready for either family, IPv4 first within it. An
-// observer sees "ready" only once ports and DSCP are written.
-TEST(LocalCollectorConfigSm, ChoosesFirstReadyExporterAndPublishesItsBoundPort) {
+// The first exporter in name order ready for either family is used, IPv4 first within it; an
+// observer sees "ready" only once ports and DSCP are written, and the published port receives.
+// Then one change: which ones rebuild, with the reason traced.
+TEST(LocalCollectorConfigSm, ChoosesFirstReadyExporterAndRebuildsOnlyOnItsChanges) {
+   using Change = void (*)(ExporterConfig & e1, ExporterConfig & e2);
    struct Case {
-      bool e1v4, e1v6, e2v4;
-      char const* pamName;
-      char const* addr;
+      bool e1v4, e1v6, e2v4;  // ready for IPv4, IPv6; e2 for IPv4
+      char const* pam;
+      Change change;
+      char const* reason;  // null: the configuration is left untouched
    };
-   for (Case c : {Case{true, true, true, "StftPam4-t1-e1", "127.0.0.1"},
-                  Case{false, true, true, "StftPam6-t1-e1", "::1"},
-                  Case{false, false, true, "StftPam4-t1-e2", "127.0.0.1"}}) {
-      SCOPED_TRACE(c.pamName);
+   Change const none = [](auto&, auto&) {};
+   char const *v4 = "StftPam4-t1-e1", *v6 = "StftPam6-t1-e1";
+   Case const cases[] = {
+       {1, 1, 1, v4, none, nullptr},
+       {0, 1, 1, v6, none, nullptr},
+       {0, 0, 1, "StftPam4-t1-e2", none, nullptr},
+       {1, 0, 1, v4,
+        [](auto&, auto& e2) {  // another exporter
+           e2.srcIp4Is(ip4("127.0.0.9")), e2.dscpIs(Pelto::DscpValue(10));
+           e2.vrfNameIs("default"), e2.exporter4ReadyIs(false);
+        },
+        nullptr},
+       {1, 0, 1, v4, [](auto& e1, auto&) { e1.srcIp6Is(ip6("::2")); }, nullptr},
+       {1, 0, 1, v4, [](auto& e1, auto&) { e1.srcIp4Is(ip4("127.0.0.2")); }, "SrcIp changed::"},
+       {1, 0, 1, v4, [](auto& e1, auto&) { e1.vrfNameIs("default"); }, "VRF name changed::"},
+       {1, 0, 1, v4, [](auto& e1, auto&) { e1.dscpIs(Pelto::DscpValue(10)); },
+        "dscp value changed::"},
+       {0, 1, 1, v6, [](auto& e1, auto&) { e1.srcIp6Is(ip6("::")); }, "SrcIp6 changed::"},
+       {0, 1, 1, v6, [](auto& e1, auto&) { e1.exporter6ReadyIs(false), e1.exporter4ReadyIs(true); },
+        "exporter6 not ready::"},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(&c - cases);
       Rig rig;
-      rig.exporter("e1", c.e1v4, c.e1v6)->dscpIs(Pelto::DscpValue(46));
-      rig.exporter("e2", c.e2v4)->dscpIs(Pelto::DscpValue(46));
+      auto e1 = rig.exporter("e1", c.e1v4, c.e1v6);
+      auto e2 = rig.exporter("e2", c.e2v4);
+      auto const& used = std::string(c.pam).ends_with("e1") ? *e1 : *e2;
+      auto expected = [&](Pelto::UdpPam const& pam) {
+         std::string const at =
+             (pam.ipv6En() ? IpGenAddr(used.srcIp6()) : used.srcIp4()).toString() + ":" +
+             std::to_string(pam.rxPort());
+         return std::string(c.pam).substr(12) + "/" + used.vrfName() + "/" + at + "/" + at + "/" +
+                used.dscp().toString() + "/ready";
+      };
       std::vector<std::string> atReady;
       Kivo::Reactor r;
       r.watch(rig.lcc().onExporterReady(), [&] { atReady.push_back(describe(rig.lcc())); });
       rig.start();
       rig.run();
-      auto pam = rig.pam();
-      ASSERT_TRUE(pam && rig.lcc().exporterReady());
-      std::string const port = std::to_string(pam->rxPort());
-      std::string const exp = std::string(c.pamName).substr(12);
-      EXPECT_EQ(atReady, std::vector<std::string>{exp + "//" + c.addr + ":" + port + "/" + c.addr +
-                                                  ":" + port + "/46/ready"});
-      EXPECT_EQ(pam->name(), c.pamName);
-      EXPECT_EQ(pam->mode(), Pelto::UdpPam::Mode::bound);
-      EXPECT_TRUE(pam->ipv6En() ? rig.pams->udpPam6Ready() : rig.pams->udpPam4Ready());
-      EXPECT_EQ(traced(std::string("Created Pam: ") + c.pamName +
-                       ", txPrio: 2, fd: " + std::to_string(pam->fd())),
-                1u);
-      EXPECT_EQ(traced(std::string(" Resolved ip/port ") + c.addr + " : " + port), 1u);
-      expectDatagramReachesPam(rig.lcc(), *pam);
-   }
-}
-
-// Changes after the local collector is ready: which ones rebuild it, and the reason traced.
-TEST(LocalCollectorConfigSm, OnlyRelevantChangesOfTheExporterInUseRebuild) {
-   struct Case {
-      char const* what;
-      bool v6InUse;
-      void (*change)(ExporterConfig& e1, ExporterConfig& e2);
-      char const* reason;  // null: the configuration is left untouched
-   };
-   Case const cases[] = {
-       {"other exporter", false,
-        [](auto&, auto& e2) {
-           e2.srcIp4Is(ip4("127.0.0.9"));
-           e2.dscpIs(Pelto::DscpValue(10));
-           e2.vrfNameIs("default");
-           e2.exporter4ReadyIs(false);
-        },
-        nullptr},
-       {"IPv6 source, IPv4 in use", false, [](auto& e1, auto&) { e1.srcIp6Is(ip6("::2")); },
-        nullptr},
-       {"source", false, [](auto& e1, auto&) { e1.srcIp4Is(ip4("127.0.0.2")); }, "SrcIp changed::"},
-       {"VRF", false, [](auto& e1, auto&) { e1.vrfNameIs("default"); }, "VRF name changed::"},
-       {"DSCP only", false, [](auto& e1, auto&) { e1.dscpIs(Pelto::DscpValue(46)); },
-        "dscp value changed::"},
-       {"IPv6 source", true, [](auto& e1, auto&) { e1.srcIp6Is(ip6("::")); }, "SrcIp6 changed::"},
-       {"IPv6 readiness", true,
-        [](auto& e1, auto&) {
-           e1.exporter6ReadyIs(false);
-           e1.exporter4ReadyIs(true);
-        },
-        "exporter6 not ready::"},
-   };
-   for (Case const& c : cases) {
-      SCOPED_TRACE(c.what);
-      Rig rig;
-      auto e1 = rig.exporter("e1", !c.v6InUse, c.v6InUse);
-      auto e2 = rig.exporter("e2", true);
-      rig.start();
-      rig.run();
       auto const before = rig.pam();
-      std::string const was = describe(rig.lcc());
-      std::vector<bool> readySeen;
-      Kivo::Reactor r;
-      r.watch(rig.lcc().onExporterReady(), [&] { readySeen.push_back(rig.lcc().exporterReady()); });
+      ASSERT_TRUE(before && rig.lcc().exporterReady());
+      EXPECT_EQ(before->name(), c.pam);
+      EXPECT_TRUE(before->ipv6En() ? rig.pams->udpPam6Ready() : rig.pams->udpPam4Ready());
+      std::string const was = expected(*before);
+      EXPECT_EQ(atReady, std::vector<std::string>{was});
+      expectDatagramReachesPam(rig.lcc(), *before);
+
       Snaplog::clear();
       c.change(*e1, *e2);
       rig.run();
       auto const after = rig.pam();
+      ASSERT_TRUE(after);
+      EXPECT_EQ(describe(rig.lcc()), expected(*after));
       if (!c.reason) {
-         EXPECT_EQ(describe(rig.lcc()), was);
          EXPECT_TRUE(after == before && before->mode() == Pelto::UdpPam::Mode::bound);
-         EXPECT_TRUE(readySeen.empty());
+         EXPECT_EQ(atReady.size(), 1u);
          continue;
       }
       EXPECT_EQ(reviewTrace(),
                 (std::vector<std::string>{"processing review::", c.reason, "review done ::"}));
-      EXPECT_EQ(readySeen, (std::vector<bool>{false, true}));
+      ASSERT_EQ(atReady.size(), 3u);
+      EXPECT_TRUE(atReady[1].ends_with("/not ready")) << atReady[1];
+      EXPECT_EQ(atReady[2], expected(*after));
       EXPECT_EQ(before->mode(), Pelto::UdpPam::Mode::closed);
-      ASSERT_TRUE(after && after != before);
-      Pelto::IpGenAddr const src = after->ipv6En() ? IpGenAddr(e1->srcIp6()) : e1->srcIp4();
-      std::string const port = std::to_string(after->rxPort());
-      EXPECT_EQ(describe(rig.lcc()), "e1/" + e1->vrfName() + "/" + src.toString() + ":" + port +
-                                         "/" + src.toString() + ":" + port + "/" +
-                                         e1->dscp().toString() + "/ready");
+      EXPECT_NE(after, before);
       expectDatagramReachesPam(rig.lcc(), *after);
    }
 }
 
+// Removing the exporter in use clears the configuration; another ready one takes over; the state
+// machine going closes its socket.
 TEST(LocalCollectorConfigSm, RemovingTheExporterInUseClearsTheConfiguration) {
    Rig rig;
-   rig.exporter("e1", true)->dscpIs(Pelto::DscpValue(46));
+   rig.exporter("e1", true);
    rig.exporter("e2", false);
    rig.start();
    rig.run();
    auto const pam = rig.pam();
-   ASSERT_TRUE(rig.lcc().exporterReady());
    rig.ftConfig->expConfigDel("e1");
    EXPECT_TRUE(rig.lcc().exporterReady());  // not before the task runs
    rig.run();
    EXPECT_EQ(traced("exporter doesn't exist::"), 1u);
-   EXPECT_FALSE(rig.lcc().exporterReady());
-   EXPECT_EQ(rig.lcc().expName(), "");
-   EXPECT_TRUE(rig.lcc().destIp().isZero());
-   EXPECT_EQ(rig.lcc().dscpValue(), Pelto::DscpValue(0));
+   EXPECT_TRUE(!rig.lcc().exporterReady() && rig.lcc().expName().empty());
+   EXPECT_TRUE(rig.lcc().destIp().isZero() && rig.lcc().dscpValue() == Pelto::DscpValue(0));
    EXPECT_FALSE(rig.pams->udpPam4() || rig.pams->udpPam6() || rig.pams->udpPam4Ready());
    EXPECT_EQ(pam->mode(), Pelto::UdpPam::Mode::closed);
 
-   // Another exporter becoming ready takes over; the state machine going closes it.
    rig.ftConfig->expConfig("e2")->exporter4ReadyIs(true);
    rig.run();
    EXPECT_EQ(rig.lcc().expName(), "e2");
@@ -310,8 +266,7 @@ TEST(LocalCollectorConfigSm, UnassignedSourceAddressIsRetriedUntilAssigned) {
    Rig rig;
    rig.vrfStatus->vrfNetNsIs("red", ns->name());
    auto e1 = rig.exporter("e1", true);
-   e1->vrfNameIs("red");
-   e1->srcIp4Is(ip4("198.51.100.7"));
+   e1->vrfNameIs("red"), e1->srcIp4Is(ip4("198.51.100.7"));
    rig.start();
    auto attempts = [] { return traced("Caught ErrnoException: ", "bind 198.51.100.7:0"); };
    rig.run(0.05);
@@ -330,6 +285,7 @@ TEST(LocalCollectorConfigSm, UnassignedSourceAddressIsRetriedUntilAssigned) {
    EXPECT_EQ(attempts(), 11u);  // none after it bound
 }
 
+// Other failures to open are raised, not retried until the next change.
 TEST(LocalCollectorConfigSm, OtherOpenFailuresAreRaisedAndLeaveItNotReady) {
    Rig rig;
    rig.vrfStatus->vrfNetNsIs("blue", "lctest-no-such-ns-" + std::to_string(getpid()));
@@ -343,32 +299,8 @@ TEST(LocalCollectorConfigSm, OtherOpenFailuresAreRaisedAndLeaveItNotReady) {
       EXPECT_EQ(e.error(), ENOENT) << e.what();
    }
    EXPECT_FALSE(rig.lcc().exporterReady() || rig.pams->udpPam4Ready());
-   EXPECT_FALSE(rig.sm->pamRetryTask()->scheduled());  // no retry until the next change
-   e1->dscpIs(Pelto::DscpValue(1));
-   EXPECT_THROW(rig.run(), Kivo::ErrnoException);
-   e1->vrfNameIs(std::string(101, 'v'));
-   EXPECT_THROW(rig.run(), Kivo::RangeException);
+   EXPECT_FALSE(rig.sm->pamRetryTask()->scheduled());
    e1->vrfNameIs("");
    rig.run();
    EXPECT_TRUE(rig.lcc().exporterReady());
-}
-
-TEST(LocalCollectorVrfStatus, DefaultAndUnknownVrfsUseTheDefaultNamespace) {
-   auto t = Ip::allVrfStatusLocalFactory();
-   std::string const longest(100, 'v');
-   t->vrfNetNsIs("red", "ns-red");
-   t->vrfNetNsIs("default", "ns-elsewhere");
-   t->vrfNetNsIs(longest, "ns-long");
-   for (auto [vrf, ns] : std::vector<std::pair<std::string, std::string>>{
-            {"red", "ns-red"}, {"", ""}, {"default", ""}, {"blue", ""}, {longest, "ns-long"}}) {
-      EXPECT_EQ(t->netNs(vrf), ns) << vrf;
-   }
-   try {
-      t->vrfNetNsIs(longest + "v", "x");
-      ADD_FAILURE() << "101 bytes accepted";
-   } catch (Kivo::RangeException const& e) {
-      EXPECT_STREQ(e.what(), "L3::VrfName::value::bytes > L3::VrfName::maxLength not allowed");
-   }
-   EXPECT_THROW(t->netNs(longest + "v"), Kivo::RangeException);
-   EXPECT_EQ(t->vrfNetNsColl().size(), 3u);
 }
