@@ -20,98 +20,63 @@ namespace testsupport {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-int msLeft(Clock::time_point deadline) {
-   auto const left =
-       std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-   return left > 0 ? static_cast<int>(left) : 0;
+std::runtime_error errnoError(std::string const& what, int err = errno) {
+   return std::runtime_error(what + ": " + std::strerror(err));
 }
 
-}  // namespace
-
-std::string CommandResult::describe(std::vector<std::string> const& argv) const {
-   std::string s;
-   for (auto const& a : argv) {
-      s += (s.empty() ? "" : " ") + a;
-   }
-   s += timedOut ? ": timed out" : ": exit " + std::to_string(exitCode);
-   if (!output.empty()) {
-      s += ": " + output;
-   }
-   while (!s.empty() && s.back() == '\n') {
-      s.pop_back();
-   }
-   return s;
-}
-
-CommandResult runCommand(std::vector<std::string> const& argv, std::chrono::milliseconds timeout) {
-   CommandResult r;
-   int out[2];
-   if (pipe2(out, O_CLOEXEC) != 0) {
-      r.output = std::string("pipe: ") + std::strerror(errno);
-      return r;
-   }
-   posix_spawn_file_actions_t actions;
-   posix_spawn_file_actions_init(&actions);
-   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-   posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+// Runs argv[0], looked up on PATH, without a shell; killed when silent for 10 s. Throws with the
+// command and its output (stdout and stderr together) unless it exits 0.
+void runCommand(std::vector<std::string> const& argv) {
+   std::string what;
    std::vector<char*> args;
    for (auto const& a : argv) {
+      what += (what.empty() ? "" : " ") + a;
       args.push_back(const_cast<char*>(a.c_str()));
    }
    args.push_back(nullptr);
+   int out[2];
+   if (pipe2(out, O_CLOEXEC) != 0) {
+      throw errnoError("pipe");
+   }
+   posix_spawn_file_actions_t actions;
+   posix_spawn_file_actions_init(&actions);
+   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+   posix_spawn_file_actions_adddup2(&actions, out[1], 2);
    pid_t pid = -1;
    int const err = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
    posix_spawn_file_actions_destroy(&actions);
    close(out[1]);
    if (err != 0) {
       close(out[0]);
-      r.output = "cannot run " + argv[0] + ": " + std::strerror(err);
-      return r;
+      throw errnoError("cannot run " + what, err);
    }
-
-   auto const deadline = Clock::now() + timeout;
-   bool eof = false;
-   while (!eof && msLeft(deadline) > 0) {
-      pollfd p{out[0], POLLIN, 0};
-      if (poll(&p, 1, msLeft(deadline)) <= 0) {
-         continue;
-      }
-      char buf[512];
-      ssize_t const n = read(out[0], buf, sizeof(buf));
-      if (n > 0) {
-         r.output.append(buf, static_cast<std::size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-         eof = true;
-      }
+   std::string output;
+   char buf[512];
+   pollfd p{out[0], POLLIN, 0};
+   int ready = 0;
+   ssize_t n = 0;
+   while ((ready = poll(&p, 1, 10'000)) == 1 && (n = read(out[0], buf, sizeof(buf))) > 0) {
+      output.append(buf, static_cast<std::size_t>(n));
    }
    close(out[0]);
-   int status = 0;
-   pid_t done = 0;
-   while ((done = waitpid(pid, &status, WNOHANG)) == 0 && msLeft(deadline) > 0) {
-      usleep(10'000);
-   }
-   if (done != pid) {
+   if (ready == 0) {
       kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      r.timedOut = true;
-      return r;
    }
-   r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-   return r;
+   int status = 0;
+   waitpid(pid, &status, 0);
+   if (ready == 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      throw std::runtime_error(what + (ready == 0 ? ": timed out" : ": failed") +
+                               (output.empty() ? "" : ": " + output));
+   }
 }
 
+}  // namespace
+
 std::unique_ptr<NetNs> NetNs::create(std::string const& name, std::string* whyNot) {
-   std::vector<std::string> const add = {"ip", "netns", "add", name};
-   CommandResult const r = runCommand(add);
-   if (r.exitCode != 0) {
-      *whyNot = "cannot create a network namespace: " + r.describe(add);
-      return nullptr;
-   }
-   std::unique_ptr<NetNs> ns(new NetNs(name));  // deletes the namespace again on any failure
+   std::unique_ptr<NetNs> ns;
    try {
+      runCommand({"ip", "netns", "add", name});
+      ns.reset(new NetNs(name));  // deletes the namespace again on any failure
       ns->ip({"link", "set", "lo", "up"});
       ns->run([] {});
    } catch (std::exception const& e) {
@@ -122,41 +87,34 @@ std::unique_ptr<NetNs> NetNs::create(std::string const& name, std::string* whyNo
 }
 
 NetNs::~NetNs() {
-   std::vector<std::string> const del = {"ip", "netns", "del", name_};
-   CommandResult const r = runCommand(del);
-   if (r.exitCode != 0) {
-      std::fprintf(stderr, "NetNs: %s\n", r.describe(del).c_str());
+   try {
+      runCommand({"ip", "netns", "del", name_});
+   } catch (std::exception const& e) {
+      std::fprintf(stderr, "NetNs: %s\n", e.what());
    }
 }
 
 void NetNs::ip(std::vector<std::string> const& args) const {
    std::vector<std::string> argv = {"ip", "-n", name_};
    argv.insert(argv.end(), args.begin(), args.end());
-   CommandResult const r = runCommand(argv);
-   if (r.exitCode != 0) {
-      throw std::runtime_error(r.describe(argv));
-   }
+   runCommand(argv);
 }
 
 void NetNs::enter_() const {
    std::string const path = "/var/run/netns/" + name_;
    int const fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0) {
-      throw std::runtime_error("open " + path + ": " + std::strerror(errno));
+   if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
+      int const err = errno;
+      close(fd);  // harmless when open failed
+      throw errnoError((fd < 0 ? "open " : "setns ") + path, err);
    }
-   int const rc = setns(fd, CLONE_NEWNET);
-   int const err = errno;
    close(fd);
-   if (rc != 0) {
-      throw std::runtime_error("setns " + path + ": " + std::strerror(err));
-   }
 }
 
 ino_t NetNs::currentInode() {
    struct stat st {};
    if (stat("/proc/thread-self/ns/net", &st) != 0) {
-      throw std::runtime_error(std::string("stat /proc/thread-self/ns/net: ") +
-                               std::strerror(errno));
+      throw errnoError("stat /proc/thread-self/ns/net");
    }
    return st.st_ino;
 }
