@@ -23,15 +23,6 @@ CollectorSetStatisticsEntry set(std::uint16_t id, std::uint64_t flows = 0) {
 
 }  // namespace
 
-TEST(CollectorStats, NewEntryIsZeroWithNoSetEntries) {
-   CollectorStatisticsEntry const e(key());
-   EXPECT_EQ(e.exportedMessageTotalCount, 0u);
-   EXPECT_EQ(e.lastClearedTime, 0.0);
-   EXPECT_EQ(e.nextIdx, 255);
-   EXPECT_EQ(e.setEntryCount, 0);
-   EXPECT_EQ(e.key, key());
-}
-
 TEST(CollectorStats, DeletedSlotIsReusedFirstAndCountStays) {
    CollectorStatisticsEntry e(key());
    for (std::uint16_t id : {256, 257, 258, 259, 260}) {

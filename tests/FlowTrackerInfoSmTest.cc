@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Trace/Snaplog.h"
+#include "support/LoopbackCollector.h"
 
 using namespace FlowTracking;
 using HwFlowTracking::ExporterConfig;
@@ -111,28 +109,17 @@ TEST_F(InfoTree, ReadinessIsPublishedPortFirstAndWithdrawnReadyFirst) {
    r.watch(exp->onRxPort4(), record);
 
    // A real send on loopback teaches the module its port, as the template sender does.
-   int const rx = socket(AF_INET, SOCK_DGRAM, 0);
-   sockaddr_in sa{};
-   sa.sin_family = AF_INET;
-   sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-   ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
-   socklen_t len = sizeof(sa);
-   getsockname(rx, reinterpret_cast<sockaddr*>(&sa), &len);
+   testsupport::LoopbackCollector rx;
    auto pkt = Kivo::make<Pelto::Pkt>(64);
    pkt->tailGrow(8);
-   sendPkt4(pkt, expInfo()->udpPam4(), exp->srcIp4(),
-            Pelto::IpAndPort(*Pelto::IpAddr::parse("127.0.0.1"), ntohs(sa.sin_port)),
-            Pelto::DscpValue(46));
-   EXPECT_EQ(expInfo()->udpPam4()->txTos(), 184);
-   sockaddr_in from{};
-   socklen_t fromLen = sizeof(from);
-   char buf[16];
-   ASSERT_EQ(recvfrom(rx, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &fromLen), 8);
-   close(rx);
+   sendPkt4(pkt, expInfo()->udpPam4(), exp->srcIp4(), rx.ipAndPort(), Pelto::DscpValue(46));
+   auto const got = rx.drain(1000);
+   ASSERT_EQ(got.size(), 1u);
+   EXPECT_EQ(got[0].tos, 184);
    EXPECT_TRUE(seen.empty());  // an open module without a known port is not ready
    expInfo()->rxPort4Is(expInfo()->udpPam4()->rxPort());
 
-   std::uint16_t const port = ntohs(from.sin_port);
+   std::uint16_t const port = got[0].srcPort;
    EXPECT_EQ(exp->rxPort4(), port);
    EXPECT_TRUE(exp->exporter4Ready());
    exp->exporter4ResolvedIs(false);

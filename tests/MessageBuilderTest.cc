@@ -145,11 +145,6 @@ TEST(MessageBuilder, StampingWritesTimeAndSequenceNumberPerSend) {
    EXPECT_EQ(after, before);
 }
 
-TEST(MessageBuilder, OverheadIsHeaderPlusSetHeaders) {
-   EXPECT_EQ(MessageBuilder::calcOverhead(0), 16u);
-   EXPECT_EQ(MessageBuilder::calcOverhead(3), 28u);
-}
-
 using MessageBuilderDeathTest = ::testing::Test;
 
 TEST_F(MessageBuilderDeathTest, MisuseStopsWithTheConditionText) {

@@ -103,25 +103,6 @@ TEST(OptionsTemplateEncoding, ScopeFieldsFirstEachInPositionOrder) {
    EXPECT_EQ(ids, (std::vector<std::uint16_t>{234, 145, 236, 309}));
 }
 
-TEST(OptionsTemplateConfig, VersionNotifiesOnlyOnChangeAndEntriesIterateByName) {
-   auto cfg = Kivo::make<FlowTracking::OptionsTemplateConfig>();
-   int bumps = 0;
-   Kivo::Reactor r;
-   r.watch(cfg->onVersion(), [&] { ++bumps; });
-   cfg->templateEntryIs("VrfTable", 256);
-   cfg->templateEntryIs("IntfTable", 257);
-   EXPECT_EQ(cfg->templateEntryIs("VrfTable", 256)->templateId(), 256);
-   cfg->versionInc(1);
-   cfg->versionInc(0);
-   cfg->versionIs(1);
-   EXPECT_EQ(bumps, 1);
-   std::vector<std::string> names;
-   for (auto const& [name, t] : cfg->templateEntries()) {
-      names.push_back(name);
-   }
-   EXPECT_EQ(names, (std::vector<std::string>{"IntfTable", "VrfTable"}));
-}
-
 using OptionsTemplateDeathTest = ::testing::Test;
 
 TEST_F(OptionsTemplateDeathTest, InvalidTemplatesStopWithTheConditionText) {

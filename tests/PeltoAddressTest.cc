@@ -185,19 +185,6 @@ TEST(PeltoAddress, DscpRangeAndTos) {
    }
 }
 
-TEST(PeltoAddress, SockaddrRoundTripsInNetworkOrder) {
-   IpAndPort const p4(IpAddr(0x01020304), 4739);
-   sockaddr_in const sa = p4.toSockaddr();
-   EXPECT_TRUE(sa.sin_family == AF_INET && sa.sin_port == htons(4739));
-   EXPECT_EQ(std::memcmp(&sa.sin_addr, "\1\2\3\4", 4), 0);
-   EXPECT_EQ(IpAndPort::fromSockaddr(sa), p4);
-   Ip6AndPort const p6(*Ip6Addr::parse("2001:db8::1"), 65535);
-   sockaddr_in6 const sa6 = p6.toSockaddr();
-   EXPECT_TRUE(sa6.sin6_family == AF_INET6 && sa6.sin6_port == htons(65535));
-   EXPECT_EQ(std::memcmp(&sa6.sin6_addr, p6.ipAddr().bytes().data(), 16), 0);
-   EXPECT_EQ(Ip6AndPort::fromSockaddr(sa6), p6);
-}
-
 TEST(PeltoAddress, IntfIdNameLimits) {
    checkText<IntfId>({"Port-Channel5", "Ethernet3/1.100", std::string(100, 'e')}, {});
    for (auto const& s : {""s, std::string(101, 'e'), "Eth 1"s, "Eth\t1"s, "Eth\x7f"s, "Eth1\0"s}) {

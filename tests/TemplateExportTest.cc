@@ -1,7 +1,6 @@
 // Templates and options templates from the hardware status to real loopback collectors.
 #include <gtest/gtest.h>
 
-#include "Trace/Snaplog.h"
 #include "support/DeathText.h"
 #include "support/ExportFixture.h"
 #include "support/Pcap.h"
@@ -279,19 +278,4 @@ TEST_F(TemplateExport, OptionsTemplateVersionBumpsCoalesceIntoOneResend) {
    cfg->versionInc(1);
    ASSERT_TRUE(scheduler->runUntilIdle());
    EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{3}));
-}
-
-TEST_F(TemplateExport, EmptyOptionsTemplateConfigSendsNothing) {
-   Snaplog::clear();
-   auto empty = Kivo::make<FlowTracking::OptionsTemplateConfig>();
-   auto sm = FlowTracking::optionsTemplateExporterSmFactory("e1", "t1", 7, exporter("e1"),
-                                                            info->ftInfo("t1")->expInfo("e1"),
-                                                            collStats, scheduler, empty);
-   a.drain(1000);
-   ASSERT_TRUE(scheduler->runUntilIdle());
-   EXPECT_FALSE(sm->templateReady());
-   EXPECT_FALSE(sm->templatePkt());
-   EXPECT_TRUE(a.drain().empty());
-   auto const lines = Snaplog::lines();
-   EXPECT_NE(std::find(lines.begin(), lines.end(), "no options templates to send"), lines.end());
 }
