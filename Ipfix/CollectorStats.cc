@@ -283,6 +283,7 @@ std::optional<CollectorStatisticsEntry> CollectorStatisticsReader::stats(
 
 std::vector<CollectorStatisticsEntry> CollectorStatisticsReader::allStats() {
    std::vector<CollectorStatisticsEntry> out;
+   out.reserve(table_->reader->size());
    table_->reader->forEach(
        [&](CollectorStatisticsKey const&, CollectorStatisticsEntry const& e) { out.push_back(e); });
    return out;
