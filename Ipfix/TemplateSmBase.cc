@@ -42,6 +42,18 @@ TemplateExporterSmBase::TemplateExporterSmBase(
       taskScheduler_(std::move(taskScheduler)) {
    reactor_.watch(onTemplateReady(), [this] { handleTemplateReady(); });
    reactor_.watch(hwExpConfig_->onTemplateInterval(), [this] { handleTemplateInterval(); });
+   // A new socket has no port until it sends: send now, so the exporter is ready again at once
+   // rather than a template interval later.
+   reactor_.watch(expInfo_->onUdpPam4(), [this] {
+      if (expInfo_->udpPam4()) {
+         maybeTxTemplate4_p();
+      }
+   });
+   reactor_.watch(expInfo_->onUdpPam6(), [this] {
+      if (expInfo_->udpPam6()) {
+         maybeTxTemplate6_p();
+      }
+   });
    reactor_.watch(hwExpConfig_->onCollector4(),
                   [this](Kivo::String const& name) { mirrorCollector4_p(name); });
    reactor_.watch(hwExpConfig_->onCollector6(),

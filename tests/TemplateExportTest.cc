@@ -104,6 +104,17 @@ TEST_F(TemplateExport, ReadyPortsAreTheSourcePortsCollectorsSaw) {
    EXPECT_FALSE(exporter("e2")->exporter6Ready());
 }
 
+TEST_F(TemplateExport, NewSocketSendsAtOnceAndIsReadyWithItsOwnPort) {
+   a.drain(1000);
+   exporter("e1")->exporter4ResolvedIs(false);
+   EXPECT_FALSE(exporter("e1")->exporter4Ready());
+   exporter("e1")->exporter4ResolvedIs(true);
+   auto const got = a.drain(1000);
+   ASSERT_EQ(got.size(), 2u);  // both template sets, without waiting for the interval
+   EXPECT_TRUE(exporter("e1")->exporter4Ready());
+   EXPECT_EQ(exporter("e1")->rxPort4(), got[0].srcPort);
+}
+
 TEST_F(TemplateExport, SentAgainEveryTemplateInterval) {
    a.drain(1000);
    ASSERT_TRUE(scheduler->runFor(*clock, 29.5));
