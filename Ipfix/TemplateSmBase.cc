@@ -44,26 +44,16 @@ TemplateExporterSmBase::TemplateExporterSmBase(
    reactor_.watch(hwExpConfig_->onTemplateInterval(), [this] { handleTemplateInterval(); });
    // A new socket has no port until it sends: send now, so the exporter is ready again at once
    // rather than a template interval later.
-   reactor_.watch(expInfo_->onUdpPam4(), [this] {
-      if (expInfo_->udpPam4()) {
-         maybeTxTemplate4_p();
-      }
-   });
-   reactor_.watch(expInfo_->onUdpPam6(), [this] {
-      if (expInfo_->udpPam6()) {
-         maybeTxTemplate6_p();
-      }
-   });
+   reactor_.watch(expInfo_->onUdpPam4(), [this] { maybeTxTemplate_p<V4>(); });
+   reactor_.watch(expInfo_->onUdpPam6(), [this] { maybeTxTemplate_p<V6>(); });
    reactor_.watch(hwExpConfig_->onCollector4(),
-                  [this](Kivo::String const& name) { mirrorCollector4_p(name); });
+                  [this](Kivo::String const& name) { mirrorCollector_p<V4>(name); });
    reactor_.watch(hwExpConfig_->onCollector6(),
-                  [this](Kivo::String const& name) { mirrorCollector6_p(name); });
-   for (auto const& [name, addr] : hwExpConfig_->collector4Coll()) {
-      collectorIpAndPort_[name] = addr;
-   }
-   for (auto const& [name, addr] : hwExpConfig_->collector6Coll()) {
-      collectorIp6AndPort_[name] = addr;
-   }
+                  [this](Kivo::String const& name) { mirrorCollector_p<V6>(name); });
+   collectorIpAndPort_.insert(hwExpConfig_->collector4Coll().begin(),
+                              hwExpConfig_->collector4Coll().end());
+   collectorIp6AndPort_.insert(hwExpConfig_->collector6Coll().begin(),
+                               hwExpConfig_->collector6Coll().end());
 }
 
 TemplateExporterSmBase::~TemplateExporterSmBase() {
@@ -138,56 +128,79 @@ void TemplateExporterSmBase::addIpfixHeaders_p() {
    }
 }
 
+// What an address family is made of: its collectors as configured and as last seen, its source,
+// socket, learned port, statistics key and whether it is sending. The IPv4 trace keeps its
+// historical double blank before "dst ip".
+struct TemplateExporterSmBase::V4 {
+   using Dst = Pelto::IpAndPort;
+   static constexpr char const* dstText = ",  dst ip: ";
+   static auto& seen(TemplateExporterSmBase& b) { return b.collectorIpAndPort_; }
+   static bool& sending(TemplateExporterSmBase& b) { return b.sending4_p; }
+   static bool otherSending(TemplateExporterSmBase const& b) { return b.sending6_p; }
+   static auto const& configured(HwFlowTracking::ExporterConfig const& c) {
+      return c.collector4Coll();
+   }
+   static auto src(HwFlowTracking::ExporterConfig const& c) { return c.srcIp4(); }
+   static Kivo::Ptr<Pelto::UdpPam> pam(ExporterInfo const& e) { return e.udpPam4(); }
+   static void rxPortIs(ExporterInfo& e, std::uint16_t p) { e.rxPort4Is(p); }
+   static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam,
+                    HwFlowTracking::ExporterConfig const& c, Dst const& dst) {
+      sendPkt4(pkt, pam, c.srcIp4(), dst, c.dscp());
+   }
+   static Mirra::Ipfix::CollectorInfo key(Dst const& d) {
+      return Mirra::Ipfix::CollectorInfo::fromIpAndPort(d);
+   }
+};
+
+struct TemplateExporterSmBase::V6 {
+   using Dst = Pelto::Ip6AndPort;
+   static constexpr char const* dstText = ", dst ip: ";
+   static auto& seen(TemplateExporterSmBase& b) { return b.collectorIp6AndPort_; }
+   static bool& sending(TemplateExporterSmBase& b) { return b.sending6_p; }
+   static bool otherSending(TemplateExporterSmBase const& b) { return b.sending4_p; }
+   static auto const& configured(HwFlowTracking::ExporterConfig const& c) {
+      return c.collector6Coll();
+   }
+   static auto src(HwFlowTracking::ExporterConfig const& c) { return c.srcIp6(); }
+   static Kivo::Ptr<Pelto::UdpPam> pam(ExporterInfo const& e) { return e.udpPam6(); }
+   static void rxPortIs(ExporterInfo& e, std::uint16_t p) { e.rxPort6Is(p); }
+   static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam,
+                    HwFlowTracking::ExporterConfig const& c, Dst const& dst) {
+      sendPkt6(pkt, pam, c.srcIp6(), dst, c.dscp());
+   }
+   static Mirra::Ipfix::CollectorInfo key(Dst const& d) {
+      return Mirra::Ipfix::CollectorInfo::fromIp6AndPort(d);
+   }
+};
+
 void TemplateExporterSmBase::maybeTxTemplate_p() {
    TRACE_BASE(6, "maybeTxTemplate_p");
-   maybeTxTemplate4_p();
-   maybeTxTemplate6_p();
+   maybeTxTemplate_p<V4>();
+   maybeTxTemplate_p<V6>();
 }
 
-void TemplateExporterSmBase::maybeTxTemplate4_p() {
-   if (templateReady() && !hwExpConfig_->srcIp4().isZero() &&
-       !hwExpConfig_->collector4Coll().empty() && expInfo_->udpPam4()) {
-      bool sent = false;
-      for (auto const& [name, configured] : hwExpConfig_->collector4Coll()) {
-         auto it = collectorIpAndPort_.find(name);
-         Pelto::IpAndPort const addr =
-             it == collectorIpAndPort_.end() ? Pelto::IpAndPort() : it->second;
-         doTxTemplate4_p(addr, name);
+// A family can send once the template is built and it has a source and a socket.
+template <class F>
+bool TemplateExporterSmBase::canSend_p() const {
+   return templateReady() && !F::src(*hwExpConfig_).isZero() && F::pam(*expInfo_);
+}
+
+template <class F>
+void TemplateExporterSmBase::maybeTxTemplate_p() {
+   bool sent = false;
+   if (canSend_p<F>()) {
+      auto const& seen = F::seen(*this);
+      for (auto const& [name, configured] : F::configured(*hwExpConfig_)) {
+         auto it = seen.find(name);
+         doTxTemplate_p<F>(it == seen.end() ? typename F::Dst() : it->second, name);
          KTRACE(facility(), 6, "Template sent to " << name);
          sent = true;
       }
-      sending4_p = sent;
-      if (sent) {
-         schedulePeriodicTemplateTx_p();
-         return;
-      }
    }
-   sending4_p = false;
-   if (!sending6_p) {
-      stopPeriodicTemplateTx_p();
-   }
-}
-
-void TemplateExporterSmBase::maybeTxTemplate6_p() {
-   if (templateReady() && !hwExpConfig_->srcIp6().isZero() &&
-       !hwExpConfig_->collector6Coll().empty() && expInfo_->udpPam6()) {
-      bool sent = false;
-      for (auto const& [name, configured] : hwExpConfig_->collector6Coll()) {
-         auto it = collectorIp6AndPort_.find(name);
-         Pelto::Ip6AndPort const addr =
-             it == collectorIp6AndPort_.end() ? Pelto::Ip6AndPort() : it->second;
-         doTxTemplate6_p(addr, name);
-         KTRACE(facility(), 6, "Template sent to " << name);
-         sent = true;
-      }
-      sending6_p = sent;
-      if (sent) {
-         schedulePeriodicTemplateTx_p();
-         return;
-      }
-   }
-   sending6_p = false;
-   if (!sending4_p) {
+   F::sending(*this) = sent;
+   if (sent) {
+      schedulePeriodicTemplateTx_p();
+   } else if (!F::otherSending(*this)) {
       stopPeriodicTemplateTx_p();
    }
 }
@@ -201,33 +214,19 @@ void TemplateExporterSmBase::updateMsgHeader_p(Kivo::String const& collector) {
    msg.sequenceNumberIs(ci ? ci->ipfixMsgSeqNo().value : 0);
 }
 
-void TemplateExporterSmBase::doTxTemplate4_p(Pelto::IpAndPort const& dst,
-                                             Kivo::String const& collector) {
+template <class F>
+void TemplateExporterSmBase::doTxTemplate_p(typename F::Dst const& dst,
+                                            Kivo::String const& collector) {
    updateMsgHeader_p(collector);
-   Kivo::Ptr<Pelto::UdpPam> const pam = expInfo_->udpPam4();
-   sendPkt4(templatePkt_, pam, hwExpConfig_->srcIp4(), dst, hwExpConfig_->dscp());
+   Kivo::Ptr<Pelto::UdpPam> const pam = F::pam(*expInfo_);
+   F::send(templatePkt_, pam, *hwExpConfig_, dst);
    ++templateTxCount_;
-   updateStats(Mirra::Ipfix::CollectorInfo::fromIpAndPort(dst));
-   expInfo_->rxPort4Is(pam->rxPort());
+   updateStats(F::key(dst));
+   F::rxPortIs(*expInfo_, pam->rxPort());
    updateCollectorOnTx(collector);
    KTRACE(facility(), 7,
-          "Template sent to " << collector << ",  dst ip: " << dst.ipAddr()
-                              << ", dst port: " << dst.port() << ", src: " << hwExpConfig_->srcIp4()
-                              << ", tos :" << static_cast<int>(pam->txTos()));
-}
-
-void TemplateExporterSmBase::doTxTemplate6_p(Pelto::Ip6AndPort const& dst,
-                                             Kivo::String const& collector) {
-   updateMsgHeader_p(collector);
-   Kivo::Ptr<Pelto::UdpPam> const pam = expInfo_->udpPam6();
-   sendPkt6(templatePkt_, pam, hwExpConfig_->srcIp6(), dst, hwExpConfig_->dscp());
-   ++templateTxCount_;
-   updateStats(Mirra::Ipfix::CollectorInfo::fromIp6AndPort(dst));
-   expInfo_->rxPort6Is(pam->rxPort());
-   updateCollectorOnTx(collector);
-   KTRACE(facility(), 7,
-          "Template sent to " << collector << ", dst ip: " << dst.ipAddr()
-                              << ", dst port: " << dst.port() << ", src: " << hwExpConfig_->srcIp6()
+          "Template sent to " << collector << F::dstText << dst.ipAddr()
+                              << ", dst port: " << dst.port() << ", src: " << F::src(*hwExpConfig_)
                               << ", tos :" << static_cast<int>(pam->txTos()));
 }
 
@@ -280,70 +279,56 @@ void TemplateExporterSmBase::handleTemplateInterval() {
    maybeTxTemplate_p();
 }
 
-void TemplateExporterSmBase::mirrorCollector4_p(Kivo::String const& name) {
-   auto it = collectorIpAndPort_.find(name);
-   Pelto::IpAndPort const* now = hwExpConfig_->collector4(name);
-   if (it != collectorIpAndPort_.end() && (!now || *now != it->second)) {
+template <class F>
+void TemplateExporterSmBase::mirrorCollector_p(Kivo::String const& name) {
+   auto& seen = F::seen(*this);
+   auto it = seen.find(name);
+   auto const& configured = F::configured(*hwExpConfig_);
+   typename F::Dst const* now = configured.find(name);
+   if (it != seen.end() && (!now || *now != it->second)) {
       // The old address is no longer a collector: its statistics go with it.
-      collStats_->statsDel(
-          {ftName_, expName_, Mirra::Ipfix::CollectorInfo::fromIpAndPort(it->second)});
-      collectorIpAndPort_.erase(it);
+      collStats_->statsDel({ftName_, expName_, F::key(it->second)});
+      seen.erase(it);
    }
    if (now) {
-      collectorIpAndPort_[name] = *now;
+      seen[name] = *now;
    }
-   handleCollectorIpAndPort(name);
+   handleCollector_p<F>(name);
 }
 
-void TemplateExporterSmBase::mirrorCollector6_p(Kivo::String const& name) {
-   auto it = collectorIp6AndPort_.find(name);
-   Pelto::Ip6AndPort const* now = hwExpConfig_->collector6(name);
-   if (it != collectorIp6AndPort_.end() && (!now || *now != it->second)) {
-      collStats_->statsDel(
-          {ftName_, expName_, Mirra::Ipfix::CollectorInfo::fromIp6AndPort(it->second)});
-      collectorIp6AndPort_.erase(it);
+template <class F>
+void TemplateExporterSmBase::handleCollector_p(Kivo::String const& name) {
+   auto const& seen = F::seen(*this);
+   auto it = seen.find(name);
+   if (it == seen.end() || !canSend_p<F>()) {
+      return;
    }
-   if (now) {
-      collectorIp6AndPort_[name] = *now;
-   }
-   handleCollectorIp6AndPort(name);
+   doTxTemplate_p<F>(it->second, name);
+   F::sending(*this) = true;
+   schedulePeriodicTemplateTx_p();
 }
 
 void TemplateExporterSmBase::handleCollectorIpAndPort(Kivo::String const& name) {
    KTRACE(facility(), 5,
           "TemplateExporterSmBase::handleCollectorIpAndPort for " << traceId()
                                                                   << ", for collector: " << name);
-   auto it = collectorIpAndPort_.find(name);
-   if (!templateReady() || it == collectorIpAndPort_.end() || !expInfo_->udpPam4() ||
-       hwExpConfig_->srcIp4().isZero()) {
-      return;
-   }
-   doTxTemplate4_p(it->second, name);
-   sending4_p = true;
-   schedulePeriodicTemplateTx_p();
+   handleCollector_p<V4>(name);
 }
 
 void TemplateExporterSmBase::handleCollectorIp6AndPort(Kivo::String const& name) {
    KTRACE(facility(), 5,
           "TemplateExporterSmBase::handleCollectorIp6AndPort for " << traceId()
                                                                    << ", for collector: " << name);
-   auto it = collectorIp6AndPort_.find(name);
-   if (!templateReady() || it == collectorIp6AndPort_.end() || !expInfo_->udpPam6() ||
-       hwExpConfig_->srcIp6().isZero()) {
-      return;
-   }
-   doTxTemplate6_p(it->second, name);
-   sending6_p = true;
-   schedulePeriodicTemplateTx_p();
+   handleCollector_p<V6>(name);
 }
 
 void TemplateExporterSmBase::handleDel() {
    TRACE_BASE(5, "handleDel");
    for (auto const& [name, addr] : collectorIpAndPort_) {
-      collStats_->statsDel({ftName_, expName_, Mirra::Ipfix::CollectorInfo::fromIpAndPort(addr)});
+      collStats_->statsDel({ftName_, expName_, V4::key(addr)});
    }
    for (auto const& [name, addr] : collectorIp6AndPort_) {
-      collStats_->statsDel({ftName_, expName_, Mirra::Ipfix::CollectorInfo::fromIp6AndPort(addr)});
+      collStats_->statsDel({ftName_, expName_, V6::key(addr)});
    }
 }
 

@@ -85,17 +85,25 @@ class TemplateExporterSmBase : public Kivo::Object {
 
  private:
    void addIpfixHeaders_p();
+   // The two address families differ only in which fields they use; each operation below is
+   // written once over a family (V4 or V6, defined with the operations).
+   struct V4;
+   struct V6;
+   template <class F>
+   bool canSend_p() const;
+   template <class F>
    void maybeTxTemplate_p();
-   void maybeTxTemplate4_p();
-   void maybeTxTemplate6_p();
-   void doTxTemplate4_p(Pelto::IpAndPort const& dst, Kivo::String const& collector);
-   void doTxTemplate6_p(Pelto::Ip6AndPort const& dst, Kivo::String const& collector);
+   template <class F>
+   void doTxTemplate_p(typename F::Dst const& dst, Kivo::String const& collector);
+   template <class F>
+   void mirrorCollector_p(Kivo::String const& name);
+   template <class F>
+   void handleCollector_p(Kivo::String const& name);
+   void maybeTxTemplate_p();
    void updateMsgHeader_p(Kivo::String const& collector);
    void updateStats(Mirra::Ipfix::CollectorInfo const& collector);
    void schedulePeriodicTemplateTx_p();
    void stopPeriodicTemplateTx_p();
-   void mirrorCollector4_p(Kivo::String const& name);
-   void mirrorCollector6_p(Kivo::String const& name);
 
    Kivo::String expName_;
    Kivo::String ftName_;
