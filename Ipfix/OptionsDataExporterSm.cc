@@ -388,56 +388,55 @@ void OptionsDataExporterSm::dropCollector_p(Kivo::String const& name,
    }
 }
 
-bool OptionsDataExporterSm::handleCollector4(Kivo::String const& name) {
+// A collector is usable in one family once it has a destination of that family and its options
+// templates were sent. A collector is in one family at a time: a new destination replaces it.
+template <bool v6>
+bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
    Kivo::Ptr<CollectorInfo> const ci = expInfo_->collInfo(name);
-   Pelto::IpAndPort const* dst = hwExpConfig_ ? hwExpConfig_->collector4(name) : nullptr;
+   auto const* dst = [&] {
+      if constexpr (v6) {
+         return hwExpConfig_ ? hwExpConfig_->collector6(name) : nullptr;
+      } else {
+         return hwExpConfig_ ? hwExpConfig_->collector4(name) : nullptr;
+      }
+   }();
    Kivo::Ptr<Collector> const existing = collector(name);
-   TRACE_ODE(6, "handleCollector4 " << name << ", exists:" << static_cast<bool>(existing)
-                                    << ", collInfo:" << static_cast<bool>(ci)
-                                    << ", dst:" << (dst ? dst->toString() : "none")
-                                    << ", templateSent:" << (ci && ci->optTemplateSent()));
+   std::set<Kivo::String>& family = v6 ? collector6_ : collector4_;
+   TRACE_ODE(6, (v6 ? "handleCollector6 " : "handleCollector4 ")
+                    << name << ", exists:" << static_cast<bool>(existing) << ", collInfo:"
+                    << static_cast<bool>(ci) << ", dst:" << (dst ? dst->toString() : "none")
+                    << ", templateSent:" << (ci && ci->optTemplateSent()));
    if (!dst || dst->isZero() || !ci || !ci->optTemplateSent()) {
-      dropCollector_p(name, collector4_);
+      dropCollector_p(name, family);
       return false;
    }
-   if (existing && existing->collInfo() == ci && existing->dst4() == *dst &&
-       existing->dst6() == Pelto::Ip6AndPort()) {
+   Pelto::IpAndPort dst4;
+   Pelto::Ip6AndPort dst6;
+   if constexpr (v6) {
+      dst6 = *dst;
+   } else {
+      dst4 = *dst;
+   }
+   if (existing && existing->collInfo() == ci && existing->dst4() == dst4 &&
+       existing->dst6() == dst6) {
       return false;
    }
    if (existing) {
-      TRACE_ODE(6, "stale v4 collector " << name);
+      TRACE_ODE(6, (v6 ? "stale v6 collector " : "stale v4 collector ") << name);
    }
    dropCollector_p(name, collector4_);
    dropCollector_p(name, collector6_);
-   collector_[name] = Kivo::make<Collector>(name, ci, *dst, Pelto::Ip6AndPort(), this);
-   collector4_.insert(name);
+   collector_[name] = Kivo::make<Collector>(name, ci, dst4, dst6, this);
+   family.insert(name);
    return true;
 }
 
+bool OptionsDataExporterSm::handleCollector4(Kivo::String const& name) {
+   return handleCollectorFamily_p<false>(name);
+}
+
 bool OptionsDataExporterSm::handleCollector6(Kivo::String const& name) {
-   Kivo::Ptr<CollectorInfo> const ci = expInfo_->collInfo(name);
-   Pelto::Ip6AndPort const* dst = hwExpConfig_ ? hwExpConfig_->collector6(name) : nullptr;
-   Kivo::Ptr<Collector> const existing = collector(name);
-   TRACE_ODE(6, "handleCollector6 " << name << ", exists:" << static_cast<bool>(existing)
-                                    << ", collInfo:" << static_cast<bool>(ci)
-                                    << ", dst:" << (dst ? dst->toString() : "none")
-                                    << ", templateSent:" << (ci && ci->optTemplateSent()));
-   if (!dst || dst->isZero() || !ci || !ci->optTemplateSent()) {
-      dropCollector_p(name, collector6_);
-      return false;
-   }
-   if (existing && existing->collInfo() == ci && existing->dst6() == *dst &&
-       existing->dst4() == Pelto::IpAndPort()) {
-      return false;
-   }
-   if (existing) {
-      TRACE_ODE(6, "stale v6 collector " << name);
-   }
-   dropCollector_p(name, collector4_);
-   dropCollector_p(name, collector6_);
-   collector_[name] = Kivo::make<Collector>(name, ci, Pelto::IpAndPort(), *dst, this);
-   collector6_.insert(name);
-   return true;
+   return handleCollectorFamily_p<true>(name);
 }
 
 void OptionsDataExporterSm::handleCollector(Kivo::String const& name) {
@@ -473,22 +472,28 @@ void OptionsDataExporterSm::processCollectorQueue() {
    maybeSchedulePeriodic();
 }
 
-void OptionsDataExporterSm::handleSrc4() {
-   TRACE_ODE(5, "src: " << hwExpConfig_->srcIp4());
+// Every collector of the family gets a full catch-up transmission from the new source.
+template <bool v6>
+void OptionsDataExporterSm::handleSrc_p() {
+   if constexpr (v6) {
+      TRACE_ODE(5, "src: " << hwExpConfig_->srcIp6());
+   } else {
+      TRACE_ODE(5, "src: " << hwExpConfig_->srcIp4());
+   }
    maybeSchedulePeriodic();
-   for (auto const& [name, dst] : hwExpConfig_->collector4Coll()) {
-      dropCollector_p(name, collector4_);  // re-sent in full from the new source
+   for (auto const& name :
+        v6 ? hwExpConfig_->collector6Coll().keys() : hwExpConfig_->collector4Coll().keys()) {
+      dropCollector_p(name, v6 ? collector6_ : collector4_);
       handleCollector(name);
    }
 }
 
+void OptionsDataExporterSm::handleSrc4() {
+   handleSrc_p<false>();
+}
+
 void OptionsDataExporterSm::handleSrc6() {
-   TRACE_ODE(5, "src: " << hwExpConfig_->srcIp6());
-   maybeSchedulePeriodic();
-   for (auto const& [name, dst] : hwExpConfig_->collector6Coll()) {
-      dropCollector_p(name, collector6_);
-      handleCollector(name);
-   }
+   handleSrc_p<true>();
 }
 
 Kivo::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(

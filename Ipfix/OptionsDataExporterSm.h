@@ -186,6 +186,10 @@ class OptionsDataExporterSm : public Kivo::Object {
  private:
    void watchCollInfo_p(Kivo::String const& name);
    void dropCollector_p(Kivo::String const& name, std::set<Kivo::String>& family);
+   template <bool v6>
+   bool handleCollectorFamily_p(Kivo::String const& name);
+   template <bool v6>
+   void handleSrc_p();
 
    Kivo::String expName_;
    Kivo::String ftName_;
