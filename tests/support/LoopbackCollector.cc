@@ -12,7 +12,7 @@
 
 namespace testsupport {
 
-LoopbackCollector::LoopbackCollector(bool ipv6) : ipv6_(ipv6) {
+LoopbackCollector::LoopbackCollector(bool ipv6, std::uint16_t port) : ipv6_(ipv6) {
    fd_ = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (fd_ < 0) {
       throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
@@ -25,12 +25,14 @@ LoopbackCollector::LoopbackCollector(bool ipv6) : ipv6_(ipv6) {
       auto* sa = reinterpret_cast<sockaddr_in6*>(&ss);
       sa->sin6_family = AF_INET6;
       sa->sin6_addr = in6addr_loopback;
+      sa->sin6_port = htons(port);
       len = sizeof(*sa);
    } else {
       setsockopt(fd_, IPPROTO_IP, IP_RECVTOS, &on, sizeof(on));
       auto* sa = reinterpret_cast<sockaddr_in*>(&ss);
       sa->sin_family = AF_INET;
       sa->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      sa->sin_port = htons(port);
       len = sizeof(*sa);
    }
    if (bind(fd_, reinterpret_cast<sockaddr*>(&ss), len) != 0 ||

@@ -20,8 +20,9 @@ struct Received {
 
 class LoopbackCollector {
  public:
-   // Binds an ephemeral port on the loopback address of the family. Throws on failure.
-   explicit LoopbackCollector(bool ipv6 = false);
+   // Binds `port` (0: an ephemeral one) on the loopback address of the family, in the network
+   // namespace of the calling thread. Throws on failure.
+   explicit LoopbackCollector(bool ipv6 = false, std::uint16_t port = 0);
    ~LoopbackCollector();
    LoopbackCollector(LoopbackCollector const&) = delete;
    LoopbackCollector& operator=(LoopbackCollector const&) = delete;
