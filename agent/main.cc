@@ -1,0 +1,220 @@
+// ipfix-agent: runs the IPFIX export component from a configuration file.
+//
+//   ipfix-agent -c /etc/ipfix-agent.yaml           run until SIGTERM or SIGINT
+//   ipfix-agent --check /etc/ipfix-agent.yaml      check, print the effective configuration
+//
+// SIGHUP, or any save of the file, reloads it: a valid configuration is applied as a difference,
+// an invalid one is reported and the running configuration stays as it was.
+#include <systemd/sd-daemon.h>
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+
+#include "Orbo/EventLoop.h"
+#include "Trace/Dualog.h"
+#include "agent/Component.h"
+#include "agent/ConfigLoader.h"
+#include "agent/ControlSocket.h"
+#include "agent/DirWatch.h"
+#include "agent/LinkWatch.h"
+#include "agent/Log.h"
+#include "agent/NetNsWatch.h"
+
+namespace {
+
+using namespace Agent;
+
+// Exit codes: 0 done, 1 configuration refused, 2 usage, 3 could not start.
+constexpr int exitBadConfig = 1;
+constexpr int exitCannotStart = 3;
+
+void reportErrors(std::vector<ConfigError> const& errors) {
+   for (ConfigError const& e : errors) {
+      log(Severity::err, e.toString());
+   }
+}
+
+void notifySystemd(std::string const& state) {
+   sd_notify(0, state.c_str());
+}
+
+std::uint64_t monotonicUsec() {
+   timespec ts{};
+   clock_gettime(CLOCK_MONOTONIC, &ts);
+   return static_cast<std::uint64_t>(ts.tv_sec) * 1000000u +
+          static_cast<std::uint64_t>(ts.tv_nsec) / 1000u;
+}
+
+// The running agent: the component, and the host watchers that feed it.
+class Runner {
+ public:
+   Runner(std::string path, std::string traceOverride, std::string controlPath)
+       : path_(std::move(path)),
+         traceOverride_(std::move(traceOverride)),
+         controlPath_(std::move(controlPath)) {}
+
+   int run() {
+      LoadResult loaded = loadConfigFile(path_);
+      if (!loaded.config) {
+         reportErrors(loaded.errors);
+         log(Severity::err, "configuration refused: not starting");
+         return exitBadConfig;
+      }
+      traceIs_(loaded.config->trace);
+
+      scheduler_ = Kivo::make<Orbo::TaskScheduler>();
+      loop_ = std::make_unique<Orbo::EventLoop>(scheduler_);
+      try {
+         netNs_ = std::make_unique<NetNsWatch>(
+             *loop_, scheduler_, [this](Component::NetNsMap const& ns) {
+                if (component_) {
+                   component_->netNsIs(ns);
+                }
+             });
+         component_ = std::make_unique<Component>(scheduler_, *loaded.config, netNs_->current());
+         if (controlPath_.empty()) {
+            controlPath_ = defaultControlSocketPath(loaded.config->statisticsTable);
+         }
+         control_ = std::make_unique<ControlSocket>(*loop_, scheduler_, controlPath_, *component_);
+         linkWatchIs_(loaded.config->interfacesFromKernel);
+         std::filesystem::path const p = std::filesystem::absolute(path_);
+         fileName_ = p.filename();
+         fileWatch_ = std::make_unique<DirWatch>(
+             *loop_, p.parent_path(), [this](std::string const& name) {
+                if (name.empty() || name == fileName_) {
+                   reloadTask_->scheduleTaskLowestDelay(0.2);  // one reload for a burst of writes
+                }
+             });
+      } catch (std::exception const& e) {
+         log(Severity::err, std::string("cannot start: ") + e.what());
+         return exitCannotStart;
+      }
+      reloadTask_ = Kivo::make<Orbo::Task>(scheduler_, 3, "configReloadTask", [this] { reload_(); });
+      loop_->signalIs(SIGHUP, [this] { reloadTask_->scheduleTask(); });
+      loop_->signalIs(SIGTERM, [this] { loop_->stop(); });
+      loop_->signalIs(SIGINT, [this] { loop_->stop(); });
+      std::signal(SIGPIPE, SIG_IGN);
+
+      log(Severity::info, "ipfix-agent running with " + path_);
+      notifySystemd("READY=1");
+      loop_->run();
+
+      notifySystemd("STOPPING=1");
+      log(Severity::info, "ipfix-agent stopping");
+      reloadTask_ = nullptr;
+      control_ = nullptr;
+      fileWatch_ = nullptr;
+      linkWatch_ = nullptr;
+      component_ = nullptr;  // closes the sockets, removes the statistics table
+      netNs_ = nullptr;
+      return 0;
+   }
+
+ private:
+   void traceIs_(std::string const& spec) {
+      std::string const& s = traceOverride_.empty() ? spec : traceOverride_;
+      Dualog::enable("*", Dualog::off());
+      if (!s.empty()) {
+         Dualog::enableFromSpec(s);
+      }
+   }
+
+   void linkWatchIs_(bool on) {
+      if (on && !linkWatch_) {
+         linkWatch_ = std::make_unique<LinkWatch>(
+             *loop_,
+             [this](std::uint32_t index, std::string const& name) {
+                component_->linkIs(index, name);
+             },
+             [this](std::uint32_t index) { component_->linkDel(index); });
+      } else if (!on) {
+         linkWatch_ = nullptr;
+      }
+   }
+
+   void reload_() {
+      LoadResult loaded = loadConfigFile(path_);
+      if (!loaded.config) {
+         reportErrors(loaded.errors);
+         log(Severity::err, "configuration refused: still running the previous one");
+         return;
+      }
+      if (*loaded.config == component_->config()) {
+         return;
+      }
+      notifySystemd("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(monotonicUsec()));
+      try {
+         traceIs_(loaded.config->trace);
+         component_->configIs(*loaded.config);
+         linkWatchIs_(loaded.config->interfacesFromKernel);
+         log(Severity::info, "configuration reloaded from " + path_);
+      } catch (std::exception const& e) {
+         log(Severity::err, std::string("reload failed: ") + e.what());
+      }
+      notifySystemd("READY=1");
+   }
+
+   std::string path_;
+   std::string traceOverride_;
+   std::string controlPath_;
+   std::string fileName_;
+   Kivo::Ptr<Orbo::TaskScheduler> scheduler_;
+   std::unique_ptr<Orbo::EventLoop> loop_;
+   std::unique_ptr<NetNsWatch> netNs_;
+   std::unique_ptr<Component> component_;
+   std::unique_ptr<ControlSocket> control_;
+   std::unique_ptr<LinkWatch> linkWatch_;
+   std::unique_ptr<DirWatch> fileWatch_;
+   Kivo::Ptr<Orbo::Task> reloadTask_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{"ipfix-agent: sends IPFIX templates, options data and sequence numbers to the "
+                "collectors of a configuration file"};
+   std::string configPath;
+   std::string checkPath;
+   std::string trace;
+   std::string controlPath;
+   auto* run = app.add_option("-c,--config", configPath, "configuration file to run")
+                   ->check(CLI::ExistingFile);
+   auto* check = app.add_option("--check", checkPath,
+                                "check a configuration file, print it with its defaults, and exit")
+                     ->check(CLI::ExistingFile);
+   app.add_option("--trace", trace,
+                  "trace facilities and levels, e.g. '*/4' or 'ExporterInfoSm/9' "
+                  "(overrides the file's 'trace')");
+   app.add_option("--control-socket", controlPath,
+                  "control socket path (default: /run, or $XDG_RUNTIME_DIR when /run is not "
+                  "writable, followed by the statistics table name and .sock)");
+   run->excludes(check);
+   CLI11_PARSE(app, argc, argv);
+
+   routeTraceToLog();
+   if (!checkPath.empty()) {
+      LoadResult loaded = loadConfigFile(checkPath);
+      if (!loaded.config) {
+         for (ConfigError const& e : loaded.errors) {
+            std::cerr << e.toString() << "\n";
+         }
+         return exitBadConfig;
+      }
+      std::cout << effectiveConfigText(*loaded.config);
+      return 0;
+   }
+   if (configPath.empty()) {
+      std::cerr << "ipfix-agent: give a configuration file with -c (or --check FILE)\n"
+                << app.help();
+      return 2;
+   }
+   if (!trace.empty() && !Dualog::enableFromSpec(trace)) {
+      std::cerr << "ipfix-agent: --trace: not a trace specification: " << trace << "\n";
+      return 2;
+   }
+   return Runner(configPath, trace, controlPath).run();
+}
