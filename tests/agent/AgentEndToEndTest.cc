@@ -1,0 +1,389 @@
+// The agent program end to end: real collectors on loopback (and in network namespaces the tests
+// make), a configuration file, signals, and what independent decoders read from the datagrams.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "agent/AgentProcess.h"
+#include "agent/AgentScenario.h"
+#include "support/IpfixDecoder.h"
+#include "support/NetNs.h"
+#include "support/Pcap.h"
+#include "support/Tshark.h"
+
+namespace testsupport {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string writeCapture(std::vector<Received> const& rs, bool v6, std::uint16_t dstPort) {
+   std::vector<Datagram> ds;
+   for (auto const& r : rs) {
+      Datagram d;
+      d.payload = r.payload;
+      d.src = v6 ? "::1" : "127.0.0.1";
+      d.dst = d.src;
+      d.srcPort = r.srcPort;
+      d.dstPort = dstPort;
+      ds.push_back(std::move(d));
+   }
+   std::string const path = tempPath("agent.pcap");
+   writePcap(path, ds);
+   return path;
+}
+
+std::string writeRawMessages(std::vector<Received> const& rs) {
+   std::string const path = tempPath("agent.ipfix");
+   std::ofstream out(path, std::ios::binary);
+   for (auto const& r : rs) {
+      out.write(reinterpret_cast<char const*>(r.payload.data()),
+                static_cast<std::streamsize>(r.payload.size()));
+   }
+   return path;
+}
+
+class AgentEndToEnd : public ::testing::Test {
+ protected:
+   void SetUp() override {
+      if (!tsharkAvailable()) {
+         GTEST_FAIL() << "tshark is required (scripts/setup installs it)";
+      }
+   }
+};
+
+TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) {
+   LoopbackCollector c4(false), c6(true);
+   ConfigText cfg;
+   cfg.collectors = v4Collector("c4", c4) + v6Collector("c6", c6);
+   AgentProcess agent(cfg.text());
+
+   std::vector<Received> r4, r6;
+   Stream s4, s6;
+   // Two active intervals: the tables go out at start and again periodically.
+   auto deadline = std::chrono::steady_clock::now() + 5s;
+   receiveUntil({{&c4, &r4}, {&c6, &r6}},
+                [&] { return std::chrono::steady_clock::now() > deadline; }, 6s);
+   ASSERT_EQ(agent.stop(), 0) << agent.log();
+   s4.add(r4);
+   s6.add(r6);
+   ASSERT_TRUE(complete(s4)) << agent.log();
+   ASSERT_TRUE(complete(s6)) << agent.log();
+   EXPECT_NE(agent.log().find("FLOWTRACKING_EXPORTER_ACTIVE: IPv4 exporter e1 in VRF default, in "
+                              "sampled flow tracker ft1 is active."),
+             std::string::npos)
+       << agent.log();
+   EXPECT_NE(agent.log().find("FLOWTRACKING_EXPORTER_ACTIVE: IPv6 exporter e1"), std::string::npos);
+
+   for (Stream const* s : {&s4, &s6}) {
+      EXPECT_EQ(s->templateIds(), (std::set<std::uint16_t>{256, 257, 258, 259, 260, 261}));
+      // Each message carries the number of data records sent before it, and only data records
+      // count: templates never advance it.
+      for (std::size_t i = 1; i < s->messages.size(); ++i) {
+         auto const& prev = s->messages[i - 1];
+         EXPECT_EQ(s->messages[i].sequenceNumber,
+                   prev.sequenceNumber + static_cast<std::uint32_t>(prev.dataRecordCount()))
+             << "message " << i;
+         EXPECT_EQ(s->messages[i].observationDomainId, 7u);
+      }
+   }
+
+   // tshark, sharing no code with the exporter, reads the same tables.
+   for (auto [rs, v6, port] : {std::tuple{&r4, false, c4.port()}, std::tuple{&r6, true, c6.port()}}) {
+      std::string const path = writeCapture(*rs, v6, port);
+      TsharkOptions opt;
+      opt.decodePort = port;
+      auto const t = runTshark(path,
+                               {"cflow.template_id", "cflow.if_name", "cflow.inputint",
+                                "cflow.vrfname", "cflow.observation_domain_name",
+                                "cflow.sampling_population", "cflow.post_key", "cflow.od_id"},
+                               opt);
+      std::remove(path.c_str());
+      ASSERT_TRUE(t.ok()) << t.describe();
+      auto has = [&](std::string const& field, std::string const& value) {
+         auto const all = t.all(field);
+         return std::find(all.begin(), all.end(), value) != all.end();
+      };
+      for (char const* name : {"Ethernet1", "Ethernet2", "Management1", "multicast", "discard",
+                               "CPU", "unknown"}) {
+         EXPECT_TRUE(has("cflow.if_name", name)) << name;
+      }
+      EXPECT_TRUE(has("cflow.inputint", "999"));
+      EXPECT_TRUE(has("cflow.vrfname", "red"));
+      EXPECT_TRUE(has("cflow.vrfname", "blue"));
+      EXPECT_TRUE(has("cflow.observation_domain_name", "ft1"));
+      EXPECT_TRUE(has("cflow.sampling_population", "1000"));
+      EXPECT_TRUE(has("cflow.od_id", "7"));
+      for (char const* id : {"256", "257", "258", "259", "260", "261"}) {
+         EXPECT_TRUE(has("cflow.template_id", id)) << id;
+      }
+      // Flow keys: the first three fields of 260, the first two of 261.
+      EXPECT_TRUE(has("cflow.post_key", "0x0000000000000007")) << t.stdoutText;
+      EXPECT_TRUE(has("cflow.post_key", "0x0000000000000003")) << t.stdoutText;
+   }
+
+   // libfixbuf's ipfixDump, a second independent decoder, reads every message without error.
+   for (auto const* rs : {&r4, &r6}) {
+      std::string const path = writeRawMessages(*rs);
+      std::string out, err;
+      int const rc = runProgram({"ipfixDump", "--in", path}, &out, &err);
+      std::remove(path.c_str());
+      EXPECT_EQ(rc, 0) << err;
+      EXPECT_EQ(err.find("rror"), std::string::npos) << err;
+      EXPECT_NE(out.find("Ethernet1"), std::string::npos);
+      EXPECT_NE(out.find("Management1"), std::string::npos);
+   }
+}
+
+TEST_F(AgentEndToEnd, CheckPrintsTheEffectiveConfigurationOrTheErrorsWithTheirPosition) {
+   LoopbackCollector c4(false);
+   ConfigText cfg;
+   cfg.collectors = v4Collector("c4", c4);
+   TempFile good("good.yaml");
+   std::ofstream(good.path()) << cfg.text();
+   std::string out, err;
+   ASSERT_EQ(runProgram({agentBinary(), "--check", good.path()}, &out, &err), 0) << err;
+   EXPECT_NE(out.find("mtu: 1500"), std::string::npos) << out;  // a default, filled in
+
+   std::string bad = cfg.text();
+   bad.replace(bad.find("dscp: 0"), 7, "dscp: 64");
+   TempFile badFile("bad.yaml");
+   std::ofstream(badFile.path()) << bad;
+   EXPECT_EQ(runProgram({agentBinary(), "--check", badFile.path()}, &out, &err), 1);
+   EXPECT_NE(err.find(badFile.path() + ":32:"), std::string::npos) << err;
+   EXPECT_NE(err.find("dscp"), std::string::npos) << err;
+}
+
+// Reloads, each a script against the running agent: what the collectors see after each edit.
+class AgentReload : public AgentEndToEnd {
+ protected:
+   void startAgent() {
+      cfg.collectors = v4Collector("c4", c4);
+      agent = std::make_unique<AgentProcess>(cfg.text());
+      ASSERT_TRUE(receiveUntil({{&c4, &r4}}, [&] { return s4Complete(); }, 5s)) << agent->log();
+   }
+   bool s4Complete() {
+      Stream s;
+      s.add(r4);
+      return complete(s);
+   }
+   // Datagrams received by `c` within `window`.
+   static std::vector<Received> receiveFor(LoopbackCollector& c, std::chrono::milliseconds window) {
+      std::vector<Received> rs;
+      auto const deadline = std::chrono::steady_clock::now() + window;
+      receiveUntil({{&c, &rs}}, [&] { return std::chrono::steady_clock::now() > deadline; },
+                   window + 1s);
+      return rs;
+   }
+
+   LoopbackCollector c4{false};
+   ConfigText cfg;
+   std::unique_ptr<AgentProcess> agent;
+   std::vector<Received> r4;
+};
+
+TEST_F(AgentReload, RenamingOneInterfaceSendsOneUpdateWithTheNewName) {
+   startAgent();
+   cfg.interfaces = "  - { name: Ethernet1, index: 1 }\n"
+                    "  - { name: Uplink2, index: 2 }\n"
+                    "  - { name: Management1, index: 999 }\n";
+   receiveFor(c4, 300ms);  // settle past the start
+   agent->rewriteConfig(cfg.text());
+   ASSERT_TRUE(agent->waitForLog("configuration reloaded", 3s)) << agent->log();
+   // Within the coalescing time, and before the next full table (active interval 2 s), the
+   // collector hears of the renamed interface alone.
+   Stream s;
+   s.add(r4);
+   std::size_t const before = s.messages.size();
+   std::vector<Received> more = receiveFor(c4, 1500ms);
+   s.add(more);
+   std::vector<std::string> updates;
+   for (std::size_t i = before; i < s.messages.size(); ++i) {
+      for (auto const& set : s.messages[i].sets) {
+         if (set.id == 257 && set.records.size() == 1) {
+            updates.push_back(fieldText(set.records[0].fields.at(1)));
+         }
+      }
+   }
+   EXPECT_EQ(updates, std::vector<std::string>{"Uplink2"}) << agent->log();
+}
+
+TEST_F(AgentReload, AddedCollectorGetsEverythingAtOnceAndOthersAreUndisturbed) {
+   startAgent();
+   LoopbackCollector added(true);
+   cfg.collectors = v4Collector("c4", c4) + v6Collector("added", added);
+   receiveFor(c4, 200ms);
+   std::uint16_t const c4Port = r4.back().srcPort;
+   agent->rewriteConfig(cfg.text());
+   std::vector<Received> ra;
+   ASSERT_TRUE(receiveUntil(
+       {{&added, &ra}},
+       [&] {
+          Stream s;
+          s.add(ra);
+          return complete(s);
+       },
+       3s))
+       << agent->log();
+   // The first collector keeps its socket (same source port).
+   auto const rest = receiveFor(c4, 1200ms);
+   ASSERT_FALSE(rest.empty());
+   EXPECT_EQ(rest.back().srcPort, c4Port);
+}
+
+TEST_F(AgentReload, DscpChangeShowsInTheTosOfTheNextPackets) {
+   startAgent();
+   EXPECT_EQ(r4.back().tos, 0);
+   cfg.dscp = 46;
+   cfg.collectors = v4Collector("c4", c4);
+   agent->rewriteConfig(cfg.text());
+   ASSERT_TRUE(agent->waitForLog("configuration reloaded", 3s)) << agent->log();
+   receiveFor(c4, 100ms);
+   auto const later = receiveFor(c4, 1500ms);
+   ASSERT_FALSE(later.empty());
+   EXPECT_EQ(later.back().tos, 46 << 2);
+}
+
+TEST_F(AgentReload, InvalidFileIsReportedAndTheRunningConfigurationStays) {
+   startAgent();
+   std::string bad = cfg.text();
+   bad.replace(bad.find("template-interval: 1s"), 21, "template-interval: 10ms");
+   agent->rewriteConfig(bad);
+   ASSERT_TRUE(agent->waitForLog("still running the previous one", 3s)) << agent->log();
+   EXPECT_NE(agent->log().find(agent->configPath() + ":"), std::string::npos) << agent->log();
+   // Templates keep coming every second, from the old configuration.
+   auto const later = receiveFor(c4, 2500ms);
+   Stream s;
+   s.add(later);
+   EXPECT_TRUE(s.templateIds().count(260)) << agent->log();
+   EXPECT_EQ(agent->stop(), 0);
+}
+
+TEST_F(AgentReload, RemovedExporterStopsSendingOnSighup) {
+   LoopbackCollector other(false);
+   cfg.extraExporters = "      - name: e2\n"
+                        "        source-ipv4: 127.0.0.1\n"
+                        "        template-interval: 1s\n"
+                        "        collectors:\n" +
+                        v4Collector("o", other);
+   startAgent();
+   std::vector<Received> ro;
+   ASSERT_TRUE(receiveUntil({{&other, &ro}}, [&] { return !ro.empty(); }, 3s));
+   cfg.extraExporters.clear();
+   // Written in place (no rename), then announced with SIGHUP.
+   std::ofstream(agent->configPath(), std::ios::trunc) << cfg.text();
+   agent->signal(SIGHUP);
+   ASSERT_TRUE(agent->waitForLog("configuration reloaded", 3s)) << agent->log();
+   receiveFor(other, 200ms);
+   EXPECT_TRUE(receiveFor(other, 2000ms).empty());
+   EXPECT_FALSE(receiveFor(c4, 1200ms).empty());
+}
+
+// Namespaces: the exporter's VRF lives in "ns-<vrf>", which the tests make and remove.
+class AgentNetNs : public AgentEndToEnd {
+ protected:
+   void SetUp() override {
+      AgentEndToEnd::SetUp();
+      vrf = "t" + std::to_string(getpid() % 100000);
+   }
+   std::unique_ptr<NetNs> makeNs() {
+      std::string why;
+      auto ns = NetNs::create("ns-" + vrf, &why);
+      if (!ns) {
+         ADD_FAILURE() << "cannot make a network namespace: " << why;
+      }
+      return ns;
+   }
+   std::string vrf;
+};
+
+TEST_F(AgentNetNs, NamespaceCreatedLateThenRecreatedBringsTheExporterBack) {
+   // The collector port is fixed: a new namespace has every port free.
+   constexpr std::uint16_t port = 4739;
+   ConfigText cfg;
+   cfg.vrf = vrf;
+   cfg.collectors = "          c4: 127.0.0.1:" + std::to_string(port) + "\n";
+   AgentProcess agent(cfg.text());
+   ASSERT_TRUE(agent.waitForLog("ipfix-agent running", 3s)) << agent.log();
+   EXPECT_EQ(agent.log().find("FLOWTRACKING_EXPORTER_ACTIVE"), std::string::npos);
+
+   for (int round = 1; round <= 2; ++round) {
+      auto ns = makeNs();
+      ASSERT_TRUE(ns);
+      auto collector =
+          ns->run([] { return std::make_unique<LoopbackCollector>(false, port); });
+      std::vector<Received> rs;
+      ASSERT_TRUE(receiveUntil(
+          {{collector.get(), &rs}},
+          [&] {
+             Stream s;
+             s.add(rs);
+             return complete(s);
+          },
+          5s))
+          << "round " << round << "\n"
+          << agent.log();
+      ASSERT_TRUE(agent.waitForLog("FLOWTRACKING_EXPORTER_ACTIVE: IPv4 exporter e1 in VRF " + vrf,
+                                   2s, round));
+      collector = nullptr;
+      ns = nullptr;  // deleted: the exporter is not ready until it is back
+      ASSERT_TRUE(agent.waitForLog("FLOWTRACKING_EXPORTER_INACTIVE: IPv4 exporter e1", 3s, round))
+          << agent.log();
+   }
+   EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST_F(AgentNetNs, RenamingARealLinkSendsOneUpdate) {
+   auto ns = makeNs();
+   ASSERT_TRUE(ns);
+   ns->ip({"link", "add", "dumA", "type", "dummy"});
+   auto collector = ns->run([] { return std::make_unique<LoopbackCollector>(false, 4739); });
+   ConfigText cfg;
+   cfg.interfaces = "kernel";
+   cfg.collectors = "          c4: 127.0.0.1:4739\n";
+   AgentProcess agent(cfg.text(), {"ip", "netns", "exec", ns->name()});
+   std::vector<Received> rs;
+   Stream s;
+   ASSERT_TRUE(receiveUntil(
+       {{collector.get(), &rs}},
+       [&] {
+          Stream t;
+          t.add(rs);
+          auto const names = t.names(257);
+          return std::count(names.begin(), names.end(), "dumA") > 0;
+       },
+       5s))
+       << agent.log();
+   s.add(rs);
+   std::size_t const before = rs.size();
+   ns->ip({"link", "set", "dumA", "name", "dumB"});
+   ASSERT_TRUE(receiveUntil(
+       {{collector.get(), &rs}},
+       [&] {
+          Stream t;
+          t.add(rs);
+          auto const names = t.names(257);
+          return std::count(names.begin(), names.end(), "dumB") > 0;
+       },
+       3s))
+       << agent.log();
+   s.add(rs, before);
+   // The first message naming dumB is the one-record update, not a full table.
+   bool sawUpdate = false;
+   for (std::size_t i = 0; i < s.messages.size() && !sawUpdate; ++i) {
+      for (auto const& set : s.messages[i].sets) {
+         if (set.id == 257 && set.records.size() == 1 &&
+             fieldText(set.records[0].fields.at(1)) == "dumB") {
+            sawUpdate = true;
+         }
+      }
+   }
+   EXPECT_TRUE(sawUpdate);
+   EXPECT_EQ(agent.stop(), 0);
+}
+
+}  // namespace
+}  // namespace testsupport

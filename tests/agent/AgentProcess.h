@@ -1,0 +1,55 @@
+// Runs the ipfix-agent program for end-to-end tests: writes its configuration file, starts it
+// with its log in a file, and stops it. Every wait is bounded.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/LoopbackCollector.h"
+
+namespace testsupport {
+
+class AgentProcess {
+ public:
+   // Writes `config` and starts the agent on it, under `prefix` (e.g. {"ip", "netns", "exec",
+   // "ns-x"}) when given. Throws std::runtime_error when it cannot be started.
+   explicit AgentProcess(std::string const& config, std::vector<std::string> prefix = {});
+   // Kills the agent if it still runs.
+   ~AgentProcess();
+   AgentProcess(AgentProcess const&) = delete;
+   AgentProcess& operator=(AgentProcess const&) = delete;
+
+   std::string const& configPath() const { return configPath_; }
+   // Replaces the configuration file the way editors save: a new file renamed over the old.
+   void rewriteConfig(std::string const& config) const;
+   void signal(int signo) const;
+   // SIGTERM, then waits; returns the exit status (-1 when it had to be killed).
+   int stop();
+
+   std::string log() const;
+   // Waits until the log has `text` `count` times; false on timeout.
+   bool waitForLog(std::string const& text, std::chrono::milliseconds timeout,
+                   std::size_t count = 1) const;
+
+ private:
+   std::string configPath_;
+   std::string logPath_;
+   pid_t pid_ = -1;
+};
+
+// The path of the agent binary (built beside the tests).
+std::string agentBinary();
+
+// Runs a program to completion with stdout and stderr captured; returns the exit status.
+int runProgram(std::vector<std::string> const& argv, std::string* out, std::string* err,
+               std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+// Collects datagrams from collectors until `done` says so or `timeout` passes; returns done().
+bool receiveUntil(std::vector<std::pair<LoopbackCollector*, std::vector<Received>*>> const& from,
+                  std::function<bool()> const& done, std::chrono::milliseconds timeout);
+
+}  // namespace testsupport

@@ -1,0 +1,129 @@
+// What the agent tests share: a configuration to edit, and a collector's decoded stream.
+#pragma once
+
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/IpfixDecoder.h"
+#include "support/LoopbackCollector.h"
+
+namespace testsupport {
+
+inline std::string uniqueSuffix() {
+   static int n = 0;
+   return std::to_string(getpid()) + "-" + std::to_string(n++);
+}
+
+// A configuration with one tracker ("ft1", id 7) and one exporter ("e1"); the collectors and a
+// few keys are the test's.
+struct ConfigText {
+   std::string collectors;  // the lines under "collectors:", already indented
+   std::string interfaces = "  - { name: Ethernet1, index: 1 }\n"
+                            "  - { name: Ethernet2, index: 2 }\n"
+                            "  - { name: Management1, index: 999 }\n";
+   std::string vrf = "default";
+   int dscp = 0;
+   std::string extraExporters;  // further exporters, already indented
+   std::string table = "/ipfix-agent-test-" + uniqueSuffix();
+
+   std::string text() const {
+      std::string interfacesBlock =
+          interfaces == "kernel" ? "interfaces: kernel\n" : "interfaces:\n" + interfaces;
+      return "type: sampled\n"
+             "sample-rate: 1000\n"
+             "statistics-table: " + table + "\n" + interfacesBlock +
+             "vrfs:\n"
+             "  - { name: red, id: 1 }\n"
+             "  - { name: blue, id: 2 }\n"
+             "trackers:\n"
+             "  - name: ft1\n"
+             "    id: 7\n"
+             "    active-interval: 2s\n"
+             "    inactive-timeout: 15s\n"
+             "    templates:\n"
+             "      - id: 260\n"
+             "        fields:\n"
+             "          - { element: sourceIPv4Address, key: true }\n"
+             "          - { element: destinationIPv4Address, key: true }\n"
+             "          - { element: protocolIdentifier, key: true }\n"
+             "          - packetDeltaCount\n"
+             "      - id: 261\n"
+             "        fields:\n"
+             "          - { element: sourceIPv6Address, key: true }\n"
+             "          - { element: destinationIPv6Address, key: true }\n"
+             "          - octetDeltaCount\n"
+             "    exporters:\n"
+             "      - name: e1\n"
+             "        vrf: " + vrf + "\n"
+             "        source-ipv4: 127.0.0.1\n"
+             "        source-ipv6: \"::1\"\n"
+             "        dscp: " + std::to_string(dscp) + "\n"
+             "        template-interval: 1s\n"
+             "        collectors:\n" + collectors + extraExporters;
+   }
+};
+
+inline std::string v4Collector(std::string const& name, LoopbackCollector const& c) {
+   return "          " + name + ": 127.0.0.1:" + std::to_string(c.port()) + "\n";
+}
+
+inline std::string v6Collector(std::string const& name, LoopbackCollector const& c) {
+   return "          " + name + ": \"[::1]:" + std::to_string(c.port()) + "\"\n";
+}
+
+// What one collector got, decoded in order.
+struct Stream {
+   Decoder decoder;
+   std::vector<Message> messages;
+
+   void add(std::vector<Received> const& rs, std::size_t from = 0) {
+      for (std::size_t i = from; i < rs.size(); ++i) {
+         messages.push_back(decoder.decode(rs[i].payload));
+      }
+   }
+   std::set<std::uint16_t> setIds() const {
+      std::set<std::uint16_t> ids;
+      for (auto const& m : messages) {
+         for (auto const& s : m.sets) {
+            ids.insert(s.id);
+         }
+      }
+      return ids;
+   }
+   std::set<std::uint16_t> templateIds() const {
+      std::set<std::uint16_t> ids;
+      for (auto const& m : messages) {
+         for (auto const& t : m.templates()) {
+            ids.insert(t.id);
+         }
+      }
+      return ids;
+   }
+   // Text of the records' last field in the data sets of `setId` (names of the tables).
+   std::vector<std::string> names(std::uint16_t setId) const {
+      std::vector<std::string> out;
+      for (auto const& m : messages) {
+         for (auto const& s : m.sets) {
+            if (s.id == setId) {
+               for (auto const& r : s.records) {
+                  out.push_back(fieldText(r.fields.at(1)));
+               }
+            }
+         }
+      }
+      return out;
+   }
+};
+
+// Every message type a collector needs, once: data templates, the four options templates and
+// their data.
+inline bool complete(Stream const& s) {
+   std::set<std::uint16_t> const want = {2, 3, 256, 257, 258, 259};
+   auto const got = s.setIds();
+   return std::includes(got.begin(), got.end(), want.begin(), want.end());
+}
+
+}  // namespace testsupport
