@@ -10,10 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
-#include <iterator>
 #include <limits>
 #include <map>
-#include <set>
 #include <utility>
 
 #include "Ipfix/Ipfix.h"
@@ -42,8 +40,8 @@ constexpr std::uint32_t maxMtu = 65535;
 
 // Options data messages are built for at most MTU - 48 octets, which leaves room for an IPv6 and
 // a UDP header; each record must fit an otherwise empty message beside the message header and
-// one set header.
-// TODO after merge: take this from the constexpr helper of Ipfix/OptionsDataExporterSm.h.
+// one set header. This is the bound OptionsDataExporterSm::maxMsgSize() applies: the two must
+// stay the same.
 constexpr std::uint32_t ipAndUdpHeaderLen = 48;
 constexpr std::uint32_t recordOverhead =
     ipAndUdpHeaderLen + Pelto::IpfixConst::messageHeaderLen() + Pelto::IpfixConst::setHeaderLen();
@@ -150,10 +148,6 @@ class Loader {
    std::optional<Fields> mapping_p(YAML::Node const& node, YAML::Mark const& where,
                                    std::string_view what,
                                    std::initializer_list<std::string_view> known);
-   std::optional<Fields> mapping_p(Field const& f, std::string_view what,
-                                   std::initializer_list<std::string_view> known) {
-      return mapping_p(f.value, f.mark(), what, known);
-   }
    std::vector<YAML::Node> sequence_p(Field const& f);
 
    // Values.
@@ -324,10 +318,10 @@ std::optional<std::uint64_t> Loader::durationMs_p(Field const& f) {
       return std::nullopt;
    }
    std::string const& key = f.key.Scalar();
-   auto const unitAt =
-       std::find_if(text->begin(), text->end(), [](char c) { return c < '0' || c > '9'; });
-   std::string_view const digits(text->data(), static_cast<std::size_t>(unitAt - text->begin()));
-   std::string_view const unit(&*unitAt, static_cast<std::size_t>(text->end() - unitAt));
+   std::string_view const all(*text);
+   std::string_view const digits =
+       all.substr(0, std::min(all.find_first_not_of("0123456789"), all.size()));
+   std::string_view const unit = all.substr(digits.size());
    if (digits.empty()) {
       error_p(f.mark(), key + ": " + quoted(*text) +
                             " is not a duration (a whole number and a unit: ms, s, m or h)");
@@ -436,8 +430,11 @@ std::optional<AgentConfig> Loader::load(std::string_view text) {
       error_p(YAML::Mark(), "no configuration: the file must hold a mapping of keys to values");
       return std::nullopt;
    }
-   if (docs.size() > 1) {
-      error_p(docs[1].Mark(), "a second YAML document; the file must hold exactly one");
+   // Empty documents after the first (a trailing "---") say nothing.
+   auto const second =
+       std::find_if(docs.begin() + 1, docs.end(), [](YAML::Node const& d) { return !d.IsNull(); });
+   if (second != docs.end()) {
+      error_p(second->Mark(), "a second YAML document; the file must hold exactly one");
    }
    YAML::Node const& rootNode = docs.front();
    auto const root = mapping_p(
@@ -447,7 +444,12 @@ std::optional<AgentConfig> Loader::load(std::string_view text) {
       return std::nullopt;
    }
    AgentConfig config;
-   loadRoot_p(*root, config);
+   try {
+      loadRoot_p(*root, config);
+   } catch (YAML::Exception const& e) {
+      // Not expected: every node is looked at only after its kind was checked.
+      error_p(e.mark, e.msg);
+   }
    if (!errors_.empty()) {
       return std::nullopt;
    }

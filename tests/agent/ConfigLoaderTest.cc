@@ -448,7 +448,7 @@ TEST(ConfigLoader, UnusableInputIsOneErrorWithoutConfig) {
 // never both.
 TEST(ConfigLoader, DamagedCopiesGiveConfigOrPositionedErrors) {
    std::vector<std::string> damaged;
-   for (std::size_t at = 0; at < goodText.size(); ++at) {
+   for (std::size_t at = 0; at < goodText.size(); at += 3) {
       damaged.push_back(goodText.substr(0, at));  // truncated
       std::string dropped = goodText;
       dropped.erase(at, 1);
