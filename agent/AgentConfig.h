@@ -44,9 +44,9 @@ struct ExporterConfig {
    std::string vrf;
    std::optional<Pelto::IpAddr> source4;
    std::optional<Pelto::Ip6Addr> source6;
-   std::uint8_t dscp = 0;                      // 0 to 63
-   std::uint32_t templateIntervalMs = 60000;   // at least 1000
-   std::uint32_t mtu = 1500;                   // large enough for the largest record, at most 65535
+   std::uint8_t dscp = 0;                     // 0 to 63
+   std::uint32_t templateIntervalMs = 60000;  // whole seconds, at least 1000
+   std::uint32_t mtu = 1500;                  // large enough for the largest record, at most 65535
    std::map<std::string, CollectorAddress> collectors;  // by collector name
    bool operator==(ExporterConfig const&) const = default;
 };
@@ -54,8 +54,8 @@ struct ExporterConfig {
 struct TrackerConfig {
    std::string name;
    FlowTracking::FtId id = 0;
-   std::uint32_t activeIntervalMs = 300000;   // under 65535 s
-   std::uint32_t inactiveTimeoutMs = 15000;   // under 65535 s
+   std::uint32_t activeIntervalMs = 300000;  // whole seconds, 1 s to 65534 s
+   std::uint32_t inactiveTimeoutMs = 15000;  // whole seconds, 1 s to 65534 s
    bool softwareExport = false;
    std::map<std::uint16_t, TemplateConfig> templates;  // by template id
    std::map<std::string, ExporterConfig> exporters;    // by exporter name

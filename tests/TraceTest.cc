@@ -71,6 +71,7 @@ TEST(TraceDualog, EnableStringAppliedWholeOrNotAtAll) {
    for (auto const& c : cases) {
       SCOPED_TRACE(c.text);
       Dualog::enable("*", Dualog::off());
+      EXPECT_EQ(Dualog::validSpec(c.text), c.ok);
       EXPECT_EQ(Dualog::enableFromSpec(c.text), c.ok);
       EXPECT_EQ(Dualog::facility("TraceTest.a").level(), c.a);
       EXPECT_EQ(Dualog::facility("TraceTest.b").level(), c.b);

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -57,28 +58,30 @@ void enable(std::string_view name, int level) {
    facility(name).levelIs(level);
 }
 
-bool enableFromSpec(std::string_view text) {
-   // The whole string is parsed before any of it is applied, so a malformed one changes nothing.
-   // An empty item anywhere, a trailing one included, is malformed.
+namespace {
+
+// Reads "Fac1/4,Fac2/9,*/2" into (facility, level) items; nullopt when malformed. An empty item
+// anywhere, a trailing one included, is malformed.
+std::optional<std::vector<std::pair<std::string_view, int>>> parseSpec_p(std::string_view text) {
    std::vector<std::pair<std::string_view, int>> items;
    while (!text.empty()) {
       auto comma = text.find(',');
       std::string_view item = text.substr(0, comma);
       if (item.empty()) {
-         return false;
+         return std::nullopt;
       }
       int level = 9;
       auto slash = item.find('/');
       if (slash != std::string_view::npos) {
          std::string_view lv = item.substr(slash + 1);
          if (lv.size() != 1 || lv[0] < '0' || lv[0] > '9') {
-            return false;
+            return std::nullopt;
          }
          level = lv[0] - '0';
          item = item.substr(0, slash);
       }
       if (item.empty()) {
-         return false;
+         return std::nullopt;
       }
       items.emplace_back(item, level);
       if (comma == std::string_view::npos) {
@@ -86,16 +89,31 @@ bool enableFromSpec(std::string_view text) {
       }
       text = text.substr(comma + 1);
       if (text.empty()) {
-         return false;
+         return std::nullopt;
       }
    }
+   return items;
+}
+
+}  // namespace
+
+bool validSpec(std::string_view text) {
+   return parseSpec_p(text).has_value();
+}
+
+bool enableFromSpec(std::string_view text) {
+   // The whole string is parsed before any of it is applied, so a malformed one changes nothing.
+   auto const items = parseSpec_p(text);
+   if (!items) {
+      return false;
+   }
    // "*" goes first wherever it stands: in "Fac1/4,*/2" it sets the facilities not named.
-   for (auto const& [name, level] : items) {
+   for (auto const& [name, level] : *items) {
       if (name == "*") {
          enable(name, level);
       }
    }
-   for (auto const& [name, level] : items) {
+   for (auto const& [name, level] : *items) {
       if (name != "*") {
          enable(name, level);
       }

@@ -39,6 +39,8 @@ Facility& defaultFacility();
 void enable(std::string_view name, int level);
 // Parses "Fac1/4,Fac2/9,*/2" (level defaults to 9); returns false on malformed text.
 bool enableFromSpec(std::string_view text);
+// Whether enableFromSpec would accept `text`; enables nothing.
+bool validSpec(std::string_view text);
 
 using Sink = std::function<void(Facility const&, int level, std::string_view line)>;
 // Replaces the output; an empty sink restores stderr.
