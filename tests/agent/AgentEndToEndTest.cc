@@ -302,7 +302,7 @@ class AgentNetNs : public AgentEndToEnd {
 
 TEST_F(AgentNetNs, NamespaceCreatedLateThenRecreatedBringsTheExporterBack) {
    // The collector port is fixed: a new namespace has every port free.
-   constexpr std::uint16_t port = 4739;
+   static constexpr std::uint16_t port = 4739;
    ConfigText cfg;
    cfg.vrf = vrf;
    cfg.collectors = "          c4: 127.0.0.1:" + std::to_string(port) + "\n";
