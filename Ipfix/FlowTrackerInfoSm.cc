@@ -16,6 +16,8 @@ Dualog::Facility& fac(char const* name) {
 // VRF names are bounded; the packet access module lives in the VRF's network namespace.
 constexpr std::size_t vrfNameMaxLength = 100;
 
+}  // namespace
+
 Kivo::String netNsForVrf(Kivo::String const& vrf) {
    if (vrf.size() > vrfNameMaxLength) {
       throw Kivo::RangeException("L3::VrfName::value::bytes > L3::VrfName::maxLength not allowed");
@@ -23,10 +25,14 @@ Kivo::String netNsForVrf(Kivo::String const& vrf) {
    if (vrf.empty() || vrf == "default") {
       return {};
    }
+   // The namespace is a file in /var/run/netns: the name must stay one plain file name there.
+   bool const plainName = vrf != "." && vrf != ".." && vrf.find('/') == Kivo::String::npos &&
+                          vrf.find('\0') == Kivo::String::npos;
+   if (!plainName) {
+      throw Kivo::RangeException("L3::VrfName::value cannot name a network namespace: " + vrf);
+   }
    return "ns-" + vrf;
 }
-
-}  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // ExporterInfoSm
@@ -48,6 +54,7 @@ ExporterInfoSm::ExporterInfoSm(FlowTrackingType ftrType, Kivo::String ftName, Ki
    reactor_.watch(hwExpConfig_->onCollector6(), collector);
    reactor_.watch(hwExpConfig_->onExporter4Resolved(), [this] { handlePam4Management(); });
    reactor_.watch(hwExpConfig_->onExporter6Resolved(), [this] { handlePam6Management(); });
+   reactor_.watch(hwExpConfig_->onVrfName(), [this] { handleVrfName(); });
    auto pam = [this] { handlePam(); };
    reactor_.watch(expInfo_->onUdpPam4(), pam);
    reactor_.watch(expInfo_->onUdpPam6(), pam);
@@ -95,11 +102,20 @@ void ExporterInfoSm::handleCollector6() {
    }
 }
 
+// A module that cannot be opened (a missing namespace, a VRF name that cannot name one, no
+// socket) leaves the family without a module, so not ready; that affects this exporter only. It
+// is tried again on the next change of the resolved flag or of the VRF; nothing retries it
+// before.
+
 void ExporterInfoSm::handlePam4Management() {
    KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handlePam4Management for " << traceId());
    if (hwExpConfig_->exporter4Resolved()) {
       handleCollector4();
-      createPam4();
+      try {
+         createPam4();
+      } catch (Kivo::Exception const&) {
+         deletePam4();  // traced by createPam_p; a module opened before must not stay in use
+      }
    } else {
       deletePam4();
    }
@@ -109,9 +125,25 @@ void ExporterInfoSm::handlePam6Management() {
    KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handlePam6Management for " << traceId());
    if (hwExpConfig_->exporter6Resolved()) {
       handleCollector6();
-      createPam6();
+      try {
+         createPam6();
+      } catch (Kivo::Exception const&) {
+         deletePam6();
+      }
    } else {
       deletePam6();
+   }
+}
+
+// A socket stays in the namespace it was opened in: the open families are opened again in the
+// VRF's new namespace.
+void ExporterInfoSm::handleVrfName() {
+   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleVrfName for " << traceId());
+   if (hwExpConfig_->exporter4Resolved()) {
+      handlePam4Management();
+   }
+   if (hwExpConfig_->exporter6Resolved()) {
+      handlePam6Management();
    }
 }
 
@@ -128,6 +160,9 @@ Kivo::Ptr<Pelto::UdpPam> ExporterInfoSm::createPam_p(bool ipv6) {
       pam->modeIs(Pelto::UdpPam::Mode::open);
    } catch (Kivo::ErrnoException const& e) {
       KTRACE(fac("ExporterInfoSm"), 1, "Caught ErrnoException: " << e.what());
+      throw;
+   } catch (Kivo::RangeException const& e) {
+      KTRACE(fac("ExporterInfoSm"), 1, "Caught RangeException: " << e.what());
       throw;
    }
    KTRACE(fac("ExporterInfoSm"), 3,

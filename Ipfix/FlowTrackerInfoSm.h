@@ -84,11 +84,22 @@ class FlowTrackingInfo : public Kivo::Object {
    FlowTrackingType ftrType_;
 };
 
+// The network namespace of a VRF's sockets: "" (the default namespace) for the VRF "" and
+// "default", "ns-" + vrf for any other. Throws Kivo::RangeException for a name over 100 bytes and
+// for one that cannot be a file name in /var/run/netns ("." , "..", or holding "/" or NUL).
+Kivo::String netNsForVrf(Kivo::String const& vrf);
+
 // Keeps one exporter's packet access modules, collector records and readiness.
+//
+// A family's module is opened when its source is resolved, and again when the VRF changes. When it
+// cannot be opened (Kivo::ErrnoException: no such namespace, no socket; Kivo::RangeException: a
+// VRF name that cannot name a namespace) the failure is traced ("Caught ErrnoException: " /
+// "Caught RangeException: " and the text) and the family stays without a module, hence not ready,
+// until the next change of its resolved flag or of the VRF. Such failures never leave the state
+// machine: the constructor and the handlers do not throw them, so one exporter's broken VRF does
+// not stop the others or the tree above it.
 class ExporterInfoSm : public Kivo::Object {
  public:
-   // Throws Kivo::ErrnoException when a packet access module cannot be opened, and
-   // Kivo::RangeException for a VRF name over 100 bytes.
    ExporterInfoSm(FlowTrackingType ftrType, Kivo::String ftName, Kivo::String expName,
                   Kivo::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig,
                   Kivo::Ptr<ExporterInfo> expInfo, Kivo::Ptr<Orbo::TaskScheduler> scheduler,
@@ -104,9 +115,12 @@ class ExporterInfoSm : public Kivo::Object {
    void handleCollector6();
    void handlePam4Management();
    void handlePam6Management();
+   void handleVrfName();
    void handlePam();
    void handleDestroyed();
 
+   // Open a new module for the family and store it; throw (after tracing) when it cannot be opened,
+   // storing nothing.
    void createPam4();
    void createPam6();
    void deletePam4();

@@ -1,9 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <optional>
+
 #include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Trace/Snaplog.h"
+#include "support/ExportFixture.h"
 #include "support/LoopbackCollector.h"
+#include "support/NetNs.h"
 
 using namespace FlowTracking;
 using HwFlowTracking::ExporterConfig;
@@ -146,40 +152,143 @@ TEST_F(InfoTree, MultiThreadedAgentPublishesNothingButRemovalStillClears) {
    EXPECT_FALSE(exp->exporter4Ready());
 }
 
-TEST_F(InfoTree, VrfPicksTheNetworkNamespace) {
+// "" and "default" are the default namespace; any other VRF has "ns-" + its name, as long as that
+// stays one file name in /var/run/netns.
+TEST(FlowTrackerInfoSm, VrfNameToNetworkNamespace) {
    struct Case {
-      char const* vrf;
-      char const* netNs;
+      std::string vrf;
+      std::optional<std::string> netNs;  // none: refused
    };
-   for (Case c : {Case{"", ""}, Case{"default", ""}}) {
-      exp->vrfNameIs(c.vrf);
-      exp->exporter6ResolvedIs(true);
-      EXPECT_EQ(expInfo()->udpPam6()->netNs(), c.netNs) << c.vrf;
-      EXPECT_EQ(expInfo()->udpPam6()->name(), "udpPam6-t1-e1");
-      exp->exporter6ResolvedIs(false);
+   std::string const longest(100, 'v');
+   Case const cases[] = {
+       {"", ""},
+       {"default", ""},
+       {"red", "ns-red"},
+       {"..red", "ns-..red"},  // dots inside a name are fine
+       {longest, "ns-" + longest},
+       {longest + "v", std::nullopt},
+       {".", std::nullopt},
+       {"..", std::nullopt},
+       {"../red", std::nullopt},
+       {"a/b", std::nullopt},
+       {"/", std::nullopt},
+       {std::string("re\0d", 4), std::nullopt},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(c.vrf.size() > 20 ? std::to_string(c.vrf.size()) + " bytes" : c.vrf);
+      if (c.netNs) {
+         EXPECT_EQ(netNsForVrf(c.vrf), *c.netNs);
+      } else {
+         EXPECT_THROW(netNsForVrf(c.vrf), Kivo::RangeException);
+      }
    }
-   // A VRF without a namespace on this machine: the error reaches whoever changed the
-   // configuration, and the family stays without a module, so it is not ready.
-   Snaplog::clear();
-   exp->vrfNameIs("ipfix-test-no-such-vrf");
-   EXPECT_THROW(exp->exporter6ResolvedIs(true), Kivo::ErrnoException);
-   EXPECT_FALSE(expInfo()->udpPam6());
-   EXPECT_FALSE(exp->exporter6Ready());
-   bool traced = false;
-   for (auto const& l : Snaplog::lines()) {
-      traced |= l.starts_with("Caught ErrnoException: ") &&
-                l.find("ns-ipfix-test-no-such-vrf") != std::string::npos;
-   }
-   EXPECT_TRUE(traced);
-
-   exp->vrfNameIs(std::string(101, 'v'));
    try {
-      exp->exporter4ResolvedIs(false);
-      exp->exporter4ResolvedIs(true);
-      FAIL() << "a 101-byte VRF name was accepted";
+      netNsForVrf(longest + "v");
    } catch (Kivo::RangeException const& e) {
       EXPECT_STREQ(e.what(), "L3::VrfName::value::bytes > L3::VrfName::maxLength not allowed");
    }
+}
+
+// A VRF whose namespace cannot be used stops nothing: the failure is traced, the family has no
+// module and is not ready, and the next change of the VRF or the resolved flag tries again.
+TEST_F(InfoTree, UnusableVrfLeavesTheFamilyWithoutModuleAndNotReady) {
+   struct Case {
+      std::string vrf;
+      char const* traceStart;
+      char const* traceHas;
+   };
+   Case const cases[] = {
+       {"ipfix-test-no-such-vrf", "Caught ErrnoException: ", "ns-ipfix-test-no-such-vrf"},
+       {"..", "Caught RangeException: ", "cannot name a network namespace"},
+       {"../../proc/self/ns/net", "Caught RangeException: ", "cannot name a network namespace"},
+       {std::string(101, 'v'), "Caught RangeException: ", "L3::VrfName::maxLength"},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(c.vrf);
+      // The port is published, as after a first send: the change must take it back.
+      expInfo()->rxPort4Is(4321);
+      ASSERT_TRUE(exp->exporter4Ready());
+      Snaplog::clear();
+      EXPECT_NO_THROW(exp->vrfNameIs(c.vrf));  // reopens the resolved family in the new VRF
+      EXPECT_FALSE(expInfo()->udpPam4());
+      EXPECT_FALSE(exp->exporter4Ready());
+      EXPECT_EQ(exp->rxPort4(), 0);
+      std::size_t traced = 0;
+      for (auto const& l : Snaplog::lines()) {
+         traced += l.starts_with(c.traceStart) && l.find(c.traceHas) != std::string::npos;
+      }
+      EXPECT_EQ(traced, 1u);
+      EXPECT_NO_THROW(exp->exporter6ResolvedIs(true));
+      EXPECT_FALSE(expInfo()->udpPam6());
+      exp->exporter6ResolvedIs(false);
+      // A usable VRF again: a module in the default namespace.
+      exp->vrfNameIs("default");
+      ASSERT_TRUE(expInfo()->udpPam4());
+      EXPECT_EQ(expInfo()->udpPam4()->netNs(), "");
+   }
+   exp->exporter6ResolvedIs(true);
+   ASSERT_TRUE(expInfo()->udpPam6());
+   EXPECT_EQ(expInfo()->udpPam6()->name(), "udpPam6-t1-e1");
+   EXPECT_EQ(expInfo()->udpPam6()->netNs(), "");
+}
+
+// Trackers "t1" (exporters "e1", "e2") and "t2" (exporter "e3"): "e2" is in a VRF whose namespace
+// does not exist yet when the tree is built.
+class MissingNamespace : public testsupport::ExportFixture {
+ protected:
+   MissingNamespace() {
+      auto e3 = hwConfig->ftConfigIs("t2")->expConfigIs("e3");
+      e3->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
+      e3->exporter4ResolvedIs(true);
+      exporter("e2")->vrfNameIs(vrf);
+   }
+   std::string const vrf = "ipfixtest-" + std::to_string(getpid());
+};
+
+TEST_F(MissingNamespace, OnlyItsExporterStaysNotReadyUntilTheResolvedFlagChanges) {
+   Snaplog::clear();
+   start();
+   EXPECT_TRUE(exporter("e1")->exporter4Ready() && exporter("e1")->exporter6Ready());
+   EXPECT_FALSE(a.messages(1000).empty());
+   EXPECT_FALSE(v6.messages(1000).empty());
+   auto e2 = info->ftInfo("t1")->expInfo("e2");
+   ASSERT_TRUE(e2 && infoSm->ftInfoSm("t1")->expInfoSm("e2"));
+   ASSERT_TRUE(infoSm->ftInfoSm("t2") && infoSm->ftInfoSm("t2")->expInfoSm("e3"));
+   EXPECT_TRUE(info->ftInfo("t2")->expInfo("e3")->udpPam4());
+   EXPECT_FALSE(e2->udpPam4() || e2->udpPam6());
+   EXPECT_FALSE(exporter("e2")->exporter4Ready() || exporter("e2")->exporter6Ready());
+   std::size_t traced = 0;
+   for (auto const& l : Snaplog::lines()) {
+      traced +=
+          l.starts_with("Caught ErrnoException: ") && l.find("ns-" + vrf) != std::string::npos;
+   }
+   EXPECT_EQ(traced, 2u);  // one per family
+   EXPECT_TRUE(b.messages(100).empty());
+
+   std::string whyNot;
+   auto ns = testsupport::NetNs::create("ns-" + vrf, &whyNot);
+   if (!ns) {
+      GTEST_SKIP() << whyNot;
+   }
+   auto inside = ns->run([] { return std::make_unique<testsupport::LoopbackCollector>(false); });
+   exporter("e2")->collector4Is("b", inside->ipAndPort());
+   scheduler->runFor(*clock, 60.0);  // nothing retries on its own
+   EXPECT_FALSE(e2->udpPam4() || exporter("e2")->exporter4Ready());
+
+   exporter("e2")->exporter4ResolvedIs(false);
+   exporter("e2")->exporter4ResolvedIs(true);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   ASSERT_TRUE(e2->udpPam4());
+   EXPECT_EQ(e2->udpPam4()->netNs(), "ns-" + vrf);
+   EXPECT_TRUE(exporter("e2")->exporter4Ready());
+   EXPECT_EQ(exporter("e2")->rxPort4(), e2->udpPam4()->rxPort());
+   EXPECT_FALSE(exporter("e2")->exporter6Ready());  // its flag did not change
+   auto const msgs = inside->messages(1000);
+   ASSERT_FALSE(msgs.empty());
+   EXPECT_EQ(msgs[0].observationDomainId, 7u);
+   EXPECT_FALSE(msgs[0].templates().empty());
+   templateSm = nullptr;  // before the namespace goes
+   infoSm = nullptr;
 }
 
 TEST(FlowTrackerInfoSm, ExporterLogMessagesFormatTheirFiveArguments) {

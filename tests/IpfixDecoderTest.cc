@@ -50,31 +50,54 @@ TEST(IpfixDecoder, SplitsDataByTheTemplateIncludingBothVariableLengthForms) {
    EXPECT_EQ(Decoder().decode(dataMsg()).dataRecordCount(), 0u);
 }
 
-// Bad input made by editing one octet of a good message is refused with the reason.
+// Bad input made by editing octets of the good messages is refused with the reason. The template
+// message (edited or not) is decoded first, then the data message (edited or not).
 TEST(IpfixDecoder, RefusesDamagedMessages) {
-   struct Case {
-      bool data;
+   struct Edit {
       std::size_t offset;
       std::uint8_t value;
+   };
+   struct Case {
+      char const* what;
+      std::vector<Edit> templateEdits;
+      std::vector<Edit> dataEdits;
+      std::size_t templateSize;  // cut the template message to this size; 0 keeps it whole
       char const* reason;
    };
    Case const cases[] = {
-       {false, 1, 9, "version"},
-       {false, 3, 39, "message length"},
-       {false, 19, 3, "set length"},
-       {false, 23, 3, "truncated"},          // a third field specifier that is not there
-       {false, 25, 0, "scope field count"},  // an options template without scope fields
-       {false, 20, 0, "below 256"},          // template id 1
-       {true, 24, 200, "truncated"},         // a name longer than the set
+       {"version 9", {{1, 9}}, {}, 0, "version"},
+       {"message length", {{3, 39}}, {}, 0, "message length"},
+       {"set length", {{19, 3}}, {}, 0, "set length"},
+       {"third field specifier missing", {{23, 3}}, {}, 0, "truncated"},
+       {"no scope fields", {{25, 0}}, {}, 0, "scope field count"},
+       {"template id 1", {{20, 0}}, {}, 0, "below 256"},
+       {"name longer than the set", {}, {{24, 200}}, 0, "truncated"},
+       // Records that take no octets would never use up the set.
+       {"fields of 0 octets", {{29, 0}, {32, 0}, {33, 0}}, {}, 0, "records of 0 octets"},
+       {"template without fields",
+        {{3, 24}, {17, 2}, {19, 8}, {23, 0}},
+        {},
+        24,
+        "records of 0 octets"},
    };
    for (Case const& c : cases) {
-      Bytes bad = c.data ? dataMsg() : templateMsg;
-      bad[c.offset] = c.value;
+      SCOPED_TRACE(c.what);
+      Bytes tmpl = templateMsg;
+      Bytes data = dataMsg();
+      for (Edit const& e : c.templateEdits) {
+         tmpl.at(e.offset) = e.value;
+      }
+      for (Edit const& e : c.dataEdits) {
+         data.at(e.offset) = e.value;
+      }
+      if (c.templateSize != 0) {
+         tmpl.resize(c.templateSize);
+      }
       Decoder d;
-      d.decode(templateMsg);
       try {
-         d.decode(bad);
-         ADD_FAILURE() << "accepted a damaged message, offset " << c.offset;
+         d.decode(tmpl);
+         d.decode(data);
+         ADD_FAILURE() << "accepted a damaged message";
       } catch (DecodeError const& e) {
          EXPECT_NE(std::string(e.what()).find(c.reason), std::string::npos) << e.what();
       }

@@ -3,10 +3,13 @@
 
 #include <functional>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 #include "Kivo/Attr.h"
 #include "Kivo/Kivo.h"
+#include "Trace/Snaplog.h"
+#include "support/DeathText.h"
 
 using namespace Kivo;
 using Log = std::vector<String>;
@@ -19,7 +22,7 @@ struct Item : Object {
 };
 
 struct Entity : Object {
-   Value<int> x;
+   Value<int> x{SignalName{"x"}};
    ValueColl<String, int> vals;
    Coll<String, Item> items;
    SetColl<String> names;
@@ -122,24 +125,81 @@ TEST(KivoSignal, ReactorAndConnectionOutliveTheSignalOwner) {
    c.disconnect(), r.reset();
 }
 
-TEST(KivoSignal, ThrowingHandlerLeavesTheSignalUsable) {
+// A throwing observer between two others: the exception stops that observer only, is traced with
+// the signal's name, and never reaches the code that made the change. Here the thrower also drops
+// the reactor after it, which therefore never runs.
+TEST(KivoSignal, ThrowingObserverIsTracedAndTheOthersStillRun) {
    auto e = make<Entity>();
    auto victim = std::make_unique<Reactor>();
    Reactor r;
    Log calls;
+   r.watch(e->x.signal(), [&] { calls.push_back("before"); });
    r.watch(e->x.signal(), [&] {
       calls.push_back("thrower");
-      if (victim) {
+      if (e->x.get() == 2) {
          victim.reset();
-         throw Exception("handler failed");
       }
+      throw Exception("handler failed " + std::to_string(e->x.get()));
    });
    victim->watch(e->x.signal(), [&] { calls.push_back("victim"); });
    r.watch(e->x.signal(), [&] { calls.push_back("after"); });
-   EXPECT_THROW(e->x.is(1), Exception);
+   Snaplog::clear();
+   EXPECT_NO_THROW(e->x.is(1));
+   EXPECT_NO_THROW(e->x.is(2));
+   EXPECT_EQ(calls, (Log{"before", "thrower", "victim", "after", "before", "thrower", "after"}));
+   EXPECT_EQ(e->x.signal().observers(), 3u);
+   EXPECT_EQ(Snaplog::lines(),
+             (std::vector<std::string>{"Caught exception in observer of x: handler failed 1",
+                                       "Caught exception in observer of x: handler failed 2"}));
+}
+
+// A collection keeps notifying key after key while one observer throws on each, and a thrower
+// that destroys the entity ends the emission like any handler that does.
+TEST(KivoSignal, ThrowingObserverDoesNotStopDelAllOrOutliveTheEntity) {
+   auto e = make<Entity>();
+   for (char const* k : {"a", "b", "c"}) {
+      e->items.is(k);
+   }
+   Reactor r;
+   Log seen;
+   r.watch(e->items.signal(), [](String const& k) { throw std::runtime_error("no " + k); });
+   r.watch(e->items.signal(), [&](String const& k) { seen.push_back(k); });
+   e->items.delAll();
+   EXPECT_EQ(seen, (Log{"a", "b", "c"}));
+   EXPECT_TRUE(e->items.empty());
+
+   Entity* raw = e.get();
+   int later = 0;
+   Reactor first, second;
+   first.watch(raw->x.signal(), [&] {
+      e = nullptr;
+      throw std::runtime_error("gone");
+   });
+   second.watch(raw->x.signal(), [&] { ++later; });
+   Snaplog::clear();
+   raw->x.is(1);
+   EXPECT_EQ(later, 0);
+   EXPECT_EQ(Snaplog::lines(),
+             (std::vector<std::string>{"Caught exception in observer of x: gone"}));
+}
+
+// Only std::exception is the observers' business; anything else passes through, and an assertion
+// still stops the process from inside an observer.
+TEST(KivoSignal, NonStandardExceptionPassesAndAssertionStillStops) {
+   auto e = make<Entity>();
+   Reactor r;
+   int after = 0;
+   r.watch(e->x.signal(), [&] {
+      if (e->x.get() == 1) {
+         throw 7;
+      }
+   });
+   r.watch(e->x.signal(), [&] { ++after; });
+   EXPECT_THROW(e->x.is(1), int);
    e->x.is(2);
-   EXPECT_EQ(calls, (Log{"thrower", "thrower", "after"}));
-   EXPECT_EQ(e->x.signal().observers(), 2u);
+   EXPECT_EQ(after, 1);
+   r.watch(e->x.signal(), [&] { KIVO_ASSERT(e->x.get() != 3); });
+   EXPECT_DEATH(e->x.is(3), testsupport::assertText("e->x.get() != 3"));
 }
 
 // The handler of a slot disconnected during an emission is released when the emission ends, and

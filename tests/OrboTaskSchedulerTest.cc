@@ -6,9 +6,11 @@
 #include <array>
 #include <csignal>
 #include <set>
+#include <stdexcept>
 
 #include "Orbo/EventLoop.h"
 #include "Orbo/TaskScheduler.h"
+#include "Trace/Snaplog.h"
 
 using namespace Orbo;
 using namespace Kivo;
@@ -134,6 +136,33 @@ TEST_F(OrboTaskScheduler, TaskShouldYieldFollowsTheSliceAndTheClock) {
    EXPECT_EQ(yields, (std::vector<bool>{true, true, false, true}));
 }
 
+// A task that throws, between two others of the same pass: the exception is traced with the
+// task's name, the rest of the pass runs, and so do later passes, the thrower's rescheduled run
+// (asked for before it threw) and timers included.
+TEST_F(OrboTaskScheduler, ThrowingTaskIsTracedAndThePassAndLaterPassesGoOn) {
+   Ptr<Task> thrower, other = task("other", 0, [&] { other->scheduleTaskLowestDelay(5); });
+   Ptr<Task> first = task("first");
+   int throws = 0;
+   thrower = task("thrower", 0, [&] {
+      if (++throws == 1) {
+         thrower->scheduleTaskLowestDelay(1);
+      }
+      throw std::runtime_error("bad state " + std::to_string(throws));
+   });
+   first->scheduleTask(), thrower->scheduleTask(), other->scheduleTask();
+   Snaplog::clear();
+   EXPECT_EQ(sched->runPass(), 3u);
+   EXPECT_EQ(log, (Log{"first", "thrower", "other"}));
+   EXPECT_TRUE(thrower->scheduled() && other->scheduled());
+   EXPECT_FALSE(sched->currentTask());
+   EXPECT_TRUE(sched->runFor(*clock, 10));
+   EXPECT_EQ(log, (Log{"first", "thrower", "other", "thrower", "other", "other"}));
+   EXPECT_FALSE(thrower->scheduled());
+   EXPECT_EQ(Snaplog::lines(),
+             (std::vector<std::string>{"Caught exception in task thrower: bad state 1",
+                                       "Caught exception in task thrower: bad state 2"}));
+}
+
 TEST_F(OrboTaskScheduler, RunForStopsAtEachTimerInOrderAndEndsAtTheTarget) {
    auto stamp = [this] { this->stamp(); };
    Ptr<Task> c = task("c", 0, stamp), a = task("a", 0, stamp), b = task("b", 0, stamp);
@@ -154,6 +183,44 @@ TEST_F(OrboTaskScheduler, RunUntilIdleGivesUpOnATaskThatNeverStops) {
    EXPECT_EQ(log.size(), 50u);
    t->stopTimerTask();
    EXPECT_TRUE(sched->runUntilIdle(50));
+}
+
+// Descriptor handlers and tasks that throw are traced and the loop carries on. No waiting: the
+// pipe is readable and the task is due before each runOnce.
+TEST(OrboEventLoop, ThrowingDescriptorHandlerOrTaskDoesNotStopTheLoop) {
+   Kivo::ScopedManualClock clock;
+   Ptr<TaskScheduler> sched = make<TaskScheduler>();
+   EventLoop loop{sched};
+   int fds[2];
+   ASSERT_EQ(pipe(fds), 0);
+   Log log;
+   char buf = 0;
+   loop.fdIs(fds[0], [&] {
+      ASSERT_EQ(read(fds[0], &buf, 1), 1);
+      log.push_back(std::string("fd:") + buf);
+      if (buf == 'x') {
+         throw std::runtime_error("fd handler failed");
+      }
+   });
+   Ptr<Task> t = make<Task>(sched, 0, "loopTask", [&] {
+      log.push_back("task");
+      throw std::runtime_error("task failed");
+   });
+   Snaplog::clear();
+   for (char c : {'x', 'y'}) {
+      ASSERT_EQ(write(fds[1], &c, 1), 1);
+      t->scheduleTask();
+      EXPECT_NO_THROW(loop.runOnce(0));
+   }
+   EXPECT_EQ(log, (Log{"fd:x", "task", "fd:y", "task"}));
+   std::string const fd = std::to_string(fds[0]);
+   EXPECT_EQ(
+       Snaplog::lines(),
+       (std::vector<std::string>{"Caught exception in handler of fd " + fd + ": fd handler failed",
+                                 "Caught exception in task loopTask: task failed",
+                                 "Caught exception in task loopTask: task failed"}));
+   loop.fdDel(fds[0]);
+   close(fds[0]), close(fds[1]);
 }
 
 // The real clock: a readable fd, a timer and a signal each reach their handler through run(), and

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "Pelto/UdpPam.h"
 #include "Trace/Dualog.h"
@@ -197,7 +198,9 @@ TEST(PeltoUdpPam, FamilyChangeWhileOpenWaitsForTheNextOpen) {
    receive(rx6, "now v6");
 }
 
-TEST(PeltoUdpPam, NamespaceNameOver150BytesIsRejectedAndAMissingOneIsEnoent) {
+// A namespace name is one file name in /var/run/netns of at most 150 bytes; a refused name leaves
+// the previous one in place.
+TEST(PeltoUdpPam, NamespaceNameOver150BytesOrLeavingTheNetnsDirIsRejectedAndAMissingOneIsEnoent) {
    ino_t const home = NetNs::currentInode();
    UdpPam pam("udpPamNs");
    auto const tooLong = thrown<Kivo::RangeException>([&] { pam.netNsIs(std::string(151, 'n')); });
@@ -205,6 +208,15 @@ TEST(PeltoUdpPam, NamespaceNameOver150BytesIsRejectedAndAMissingOneIsEnoent) {
    EXPECT_STREQ(tooLong->what(), "Pelto::NamespaceName::value::bytes > 150 not allowed");
    pam.netNsIs(std::string(150, 'n'));
    EXPECT_EQ(pam.netNs(), std::string(150, 'n'));
+   std::vector<std::string> const badNames = {
+       ".", "..", "a/b", "../../proc/1/ns/net", "/", std::string("n\0s", 3)};
+   for (std::string const& bad : badNames) {
+      auto const e = thrown<Kivo::RangeException>([&] { pam.netNsIs(bad); });
+      ASSERT_TRUE(e) << bad << " accepted";
+      EXPECT_NE(std::string(e->what()).find("is not a name in /var/run/netns/"), std::string::npos)
+          << e->what();
+      EXPECT_EQ(pam.netNs(), std::string(150, 'n'));
+   }
    auto const missing = thrown([&] { pam.modeIs(UdpPam::Mode::open); });
    ASSERT_TRUE(missing) << "opened in a missing namespace";
    EXPECT_EQ(missing->error(), ENOENT) << missing->what();

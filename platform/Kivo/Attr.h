@@ -6,6 +6,7 @@
 // Collections are keyed; `is` creates (or returns the existing element), `del` removes one key,
 // `delAll` removes every key one by one. Each insertion, replacement or removal emits the key.
 // Ordered collections iterate in key order; Hashed ones in an order nothing may rely on.
+// Each can be given a SignalName, which traces of its observers' failures show.
 #pragma once
 
 #include <map>
@@ -40,6 +41,7 @@ class Value {
  public:
    Value() = default;
    explicit Value(T v) : v_(std::move(v)) {}
+   explicit Value(SignalName name) : signal_(name) {}
 
    T const& get() const { return v_; }
 
@@ -72,6 +74,9 @@ template <class K, class V, class Kind = Ordered>
 class Coll {
  public:
    using Map = typename Kind::template Map<K, Ptr<V>>;
+
+   Coll() = default;
+   explicit Coll(SignalName name) : signal_(name) {}
 
    Ptr<V> get(K const& k) const {
       auto it = m_.find(k);
@@ -153,6 +158,9 @@ class ValueColl {
  public:
    using Map = typename Kind::template Map<K, V>;
 
+   ValueColl() = default;
+   explicit ValueColl(SignalName name) : signal_(name) {}
+
    V const* find(K const& k) const {
       auto it = m_.find(k);
       return it == m_.end() ? nullptr : &it->second;
@@ -228,6 +236,9 @@ template <class K, class Kind = Hashed>
 class SetColl {
  public:
    using Set = typename Kind::template Set<K>;
+
+   SetColl() = default;
+   explicit SetColl(SignalName name) : signal_(name) {}
 
    bool has(K const& k) const { return s_.find(k) != s_.end(); }
    std::size_t size() const { return s_.size(); }

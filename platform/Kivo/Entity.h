@@ -7,9 +7,10 @@
 //      KIVO_ENTITIES(Kivo::String, CollectorInfo, collInfo, CollInfo);
 //   };
 //
-// Each macro declares public operations and a private member `name_`; the access specifier after
-// a macro is private, so put public declarations after a `public:`. Collections of entities create
-// elements as Type(key); they are ordered by key.
+// Each macro declares public operations and a private member `name_`, whose signal carries the
+// attribute's name for traces; the access specifier after a macro is private, so put public
+// declarations after a `public:`. Collections of entities create elements as Type(key); they are
+// ordered by key.
 #pragma once
 
 #include <utility>
@@ -29,7 +30,11 @@
    }                                          \
                                               \
  private:                                     \
-   ::Kivo::Value<Type> name##_
+   ::Kivo::Value<Type> name##_ {              \
+      ::Kivo::SignalName {                    \
+#name                                \
+      }                                       \
+   }
 
 #define KIVO_ATTR_INC(Type, name, Name) \
  public:                                \
@@ -56,7 +61,11 @@
    }                                                 \
                                                      \
  private:                                            \
-   CollType name##_
+   CollType name##_ {                                \
+      ::Kivo::SignalName {                           \
+#name                                       \
+      }                                              \
+   }
 
 #define KIVO_VALUES(Key, Type, name, Name) \
  public:                                   \

@@ -12,16 +12,37 @@
 //  - connect new slots (they are called from the next emission on).
 // Slots are called in the order they were connected. Arguments are passed by value, so a handler
 // that erases the key it was called with does not pull it from under the next slot.
+//
+// Exceptions: a std::exception that leaves a handler stops that handler only. The emission catches
+// it, traces it with handlerThrew() and goes on with the next slot, so one failing observer never
+// keeps the others from seeing the change; the code that made the change does not see it either.
+// Anything else a handler throws passes through (and ends the emission). Violated invariants are
+// KIVO_ASSERT, which stops the process wherever it happens.
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <functional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "Kivo/Ptr.h"
 
 namespace Kivo {
+
+// The one policy for exceptions that leave a handler called by the framework (a signal's observer,
+// an Orbo task, an event loop callback): the boundary that called it catches the std::exception
+// and hands it here, and then carries on with its other handlers. This traces, on facility "Kivo"
+// at level 1, "Caught exception in " + `kind` + " " + `who` + ": " + the exception's text, e.g.
+// "Caught exception in task periodicTask: ..." or "Caught exception in observer of udpPam4: ...".
+void handlerThrew(std::string_view kind, std::string_view who, std::exception const& e);
+
+// What a signal reports on, for traces: a string with static storage, normally the name of the
+// attribute or collection that owns the signal.
+struct SignalName {
+   char const* text = nullptr;
+};
 
 class SlotBase : public Object {
  public:
@@ -52,6 +73,7 @@ class Signal {
    using Handler = std::function<void(Args...)>;
 
    Signal() = default;
+   explicit Signal(SignalName name) : name_(name.text) {}
    Signal(Signal const&) = delete;
    Signal& operator=(Signal const&) = delete;
    ~Signal() {
@@ -76,6 +98,8 @@ class Signal {
       if (slots_.empty()) {
          return true;
       }
+      // Copied: a handler may destroy this signal and still throw.
+      char const* const sigName = name();
       Frame frame{frames_, false};
       frames_ = &frame;
       struct Unwind {
@@ -96,13 +120,20 @@ class Signal {
          if (!s->live) {
             continue;
          }
-         s->fn(args...);
+         try {
+            s->fn(args...);
+         } catch (std::exception const& e) {
+            handlerThrew("observer of", sigName, e);
+         }
          if (frame.dead) {
             return false;  // a handler destroyed the owner of this signal
          }
       }
       return true;
    }
+
+   // What the signal reports on; "(unnamed)" when it was not given a name.
+   char const* name() const { return name_ ? name_ : "(unnamed)"; }
 
    // Number of connected slots.
    std::size_t observers() const {
@@ -158,6 +189,7 @@ class Signal {
       dirty_ = false;
    }
 
+   char const* name_ = nullptr;
    mutable std::vector<Ptr<Slot>> slots_;
    mutable Frame* frames_ = nullptr;
    mutable bool dirty_ = false;

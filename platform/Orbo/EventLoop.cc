@@ -7,6 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <exception>
+#include <string>
+
+#include "Kivo/Signal.h"
 
 namespace Orbo {
 
@@ -64,8 +68,16 @@ void EventLoop::handleSignals_() {
    while (read(signalFd_, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
       auto it = signalHandlers_.find(static_cast<int>(info.ssi_signo));
       if (it != signalHandlers_.end()) {
-         it->second();
+         call_(it->second, "handler of signal", info.ssi_signo);
       }
+   }
+}
+
+void EventLoop::call_(Handler const& h, std::string_view kind, long id) {
+   try {
+      h();
+   } catch (std::exception const& e) {
+      Kivo::handlerThrew(kind, std::to_string(id), e);
    }
 }
 
@@ -87,7 +99,7 @@ void EventLoop::runOnce(double maxWait) {
       auto it = fds_.find(events[i].data.fd);
       if (it != fds_.end()) {
          Handler h = it->second;  // the handler may unregister itself
-         h();
+         call_(h, "handler of fd", events[i].data.fd);
       }
    }
    if (scheduler_->hasDueWork()) {

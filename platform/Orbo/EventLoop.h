@@ -1,11 +1,15 @@
 // The real-time driver of a TaskScheduler: sleeps in epoll until the next timer is due, a
 // registered file descriptor is readable or a registered signal arrives, then runs a pass.
 // Programs use it with the real clock; tests drive schedulers by hand instead.
+//
+// Like tasks, descriptor and signal handlers that throw a std::exception have it caught and traced
+// (Kivo::handlerThrew) and the loop carries on.
 #pragma once
 
 #include <csignal>
 #include <functional>
 #include <map>
+#include <string_view>
 
 #include "Orbo/TaskScheduler.h"
 
@@ -37,6 +41,7 @@ class EventLoop {
 
  private:
    void handleSignals_();
+   void call_(Handler const& h, std::string_view kind, long id);
 
    Kivo::Ptr<TaskScheduler> scheduler_;
    int epollFd_ = -1;

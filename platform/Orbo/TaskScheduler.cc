@@ -1,7 +1,10 @@
 #include "Orbo/TaskScheduler.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
+
+#include "Kivo/Signal.h"
 
 namespace Orbo {
 
@@ -126,7 +129,12 @@ std::size_t TaskScheduler::runPass() {
          Task*& current;
          ~Clear() { current = nullptr; }
       } clear{current_};
-      next->handler_();
+      try {
+         next->handler_();
+      } catch (std::exception const& e) {
+         // One failing task does not keep the others of this pass, or later passes, from running.
+         Kivo::handlerThrew("task", hold->name(), e);
+      }
       ++ran;
       ++tasksRun_;
    }

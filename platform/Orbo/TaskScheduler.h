@@ -12,6 +12,11 @@
 // A pass runs every task that was due when the pass began, highest priority first and in the
 // order they became due within a priority. A task scheduled while a pass runs (itself included)
 // runs in the next pass.
+//
+// A std::exception that leaves a task's handler is caught by the scheduler and traced with the
+// task's name (Kivo::handlerThrew); the pass goes on with the next task and the failed task is
+// not run again unless it was scheduled again before it threw. The scheduler and whatever drives
+// it keep running. Other exceptions pass through; KIVO_ASSERT stops the process.
 #pragma once
 
 #include <cstdint>

@@ -112,6 +112,12 @@ void UdpPam::netNsIs(Kivo::String const& ns) {
    if (ns.size() > maxNetNsBytes) {
       throw Kivo::RangeException("Pelto::NamespaceName::value::bytes > 150 not allowed");
    }
+   // The name is used as a file name in netNsDir: it may not leave that directory.
+   if (ns == "." || ns == ".." || ns.find('/') != Kivo::String::npos ||
+       ns.find('\0') != Kivo::String::npos) {
+      throw Kivo::RangeException(Kivo::String("Pelto::NamespaceName::value is not a name in ") +
+                                 netNsDir + ": " + ns);
+   }
    netNs_ = ns;
 }
 

@@ -47,8 +47,10 @@ class UdpPam : public Kivo::Object {
 
    Kivo::String const& name() const { return name_; }
 
-   // Network namespace name ("" for the default namespace). At most 150 bytes; longer throws
-   // Kivo::RangeException "Pelto::NamespaceName::value::bytes > 150 not allowed".
+   // Network namespace name ("" for the default namespace), a file name in /var/run/netns. At most
+   // 150 bytes; longer throws Kivo::RangeException "Pelto::NamespaceName::value::bytes > 150 not
+   // allowed". A name that would leave that directory ("." , "..", holding "/" or NUL) throws
+   // Kivo::RangeException too. Either way the previous name is kept.
    void netNsIs(Kivo::String const& ns);
    Kivo::String const& netNs() const { return netNs_; }
    void ipv6EnIs(bool v) { ipv6En_ = v; }

@@ -65,6 +65,16 @@ TemplateRecord readTemplate(Reader& r, bool options) {
    return t;
 }
 
+// The fewest octets a record of `t` can take: its fixed lengths and one length octet per
+// variable-length field.
+std::size_t minRecordLength(TemplateRecord const& t) {
+   std::size_t n = 0;
+   for (FieldSpec const& f : t.fields) {
+      n += f.length == 65535 ? 1 : f.length;
+   }
+   return n;
+}
+
 }  // namespace
 
 Message Decoder::decode(std::span<std::uint8_t const> bytes) {
@@ -101,7 +111,13 @@ Message Decoder::decode(std::span<std::uint8_t const> bytes) {
       } else if (s.id < 256) {
          throw DecodeError("reserved set id " + std::to_string(s.id));
       } else if (TemplateRecord const* t = knownTemplate(m.observationDomainId, s.id)) {
-         // Records are back to back; octets that do not make a whole record are an error.
+         // Records are back to back; octets that do not make a whole record are an error. A
+         // template whose records may take no octets at all cannot split anything.
+         if (!body.done() && minRecordLength(*t) == 0) {
+            throw DecodeError("template " + std::to_string(t->id) + " makes records of 0 octets, " +
+                              "cannot split the " + std::to_string(body.left()) +
+                              " octets of the set at offset " + std::to_string(start));
+         }
          while (!body.done()) {
             DataRecord rec;
             for (FieldSpec const& f : t->fields) {

@@ -1,7 +1,8 @@
 // An IPFIX (RFC 7011) decoder for tests, written independently of the encoder: it checks every
 // length it reads and throws DecodeError (with the offset) instead of trusting the input.
 // Templates and options templates it sees are remembered per observation domain, so data sets
-// that follow are split into records and fields, variable-length fields included.
+// that follow are split into records and fields, variable-length fields included; a data set whose
+// template makes records of 0 octets (no fields, or only fixed fields of length 0) is refused.
 #pragma once
 
 #include <cstdint>
