@@ -1,6 +1,9 @@
 // Templates and options templates from the hardware status to real loopback collectors.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
+#include "Trace/Snaplog.h"
 #include "support/DeathText.h"
 #include "support/ExportFixture.h"
 #include "support/Pcap.h"
@@ -22,6 +25,15 @@ std::vector<std::uint16_t> setIds(std::vector<Message> const& msgs) {
       }
    }
    return ids;
+}
+
+// How many lines of the fast trace contain `text`.
+std::size_t traced(std::string_view text) {
+   std::size_t n = 0;
+   for (auto const& line : Snaplog::lines()) {
+      n += line.find(text) != std::string::npos ? 1 : 0;
+   }
+   return n;
 }
 
 class TemplateExport : public testsupport::ExportFixture {
@@ -205,23 +217,31 @@ TEST_F(TemplateExport, EachSendIsCountedPerSetId) {
 TEST_F(TemplateExport, ClearCountersMatchesNamesAndSkipsTheClearTimeEntry) {
    auto const ka = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
    auto const kb = Mirra::Ipfix::CollectorInfo::fromIpAndPort(b.ipAndPort());
+   // `reset` counts the entries reset. The 'clear time' entry exists from the first request with
+   // a time on, and every later request passes it by, even one that names every entry.
    struct Case {
       char const* tracker;
       char const* exporter;
       double time;
       bool clearsA;
       bool clearsB;
+      std::size_t reset;
+      std::size_t clearTimeSkipped;
    };
    Case const cases[] = {
-       {"t1", "e1", 0, false, false},  // a request without a time is ignored
-       {"t1", "e2", 1, false, true},
-       {"other", "", 2, false, false},
-       {"", "", 3, true, true},
+       {"t1", "e1", 0, false, false, 0, 0},  // a request without a time is ignored
+       {"t1", "e2", 1, false, true, 1, 0},
+       {"other", "", 2, false, false, 0, 1},
+       {"", "", 3, true, true, 3, 1},
    };
    for (Case const& c : cases) {
       ASSERT_TRUE(scheduler->runFor(*clock, 31));  // counts go up again
       clock->advance(1);
+      Snaplog::clear();
       configReq->clearCountersReqIs({c.tracker, c.exporter, {}, 0, c.time});
+      EXPECT_EQ(traced("TemplateSm::clearCounters clear counters "), c.reset) << c.time;
+      EXPECT_EQ(traced("TemplateSm::clearCounters skip 'clear time' entry "), c.clearTimeSkipped)
+          << c.time;
       auto ea = statsOf("e1", ka);
       auto eb = statsOf("e2", kb);
       ASSERT_TRUE(ea && eb);
@@ -235,6 +255,48 @@ TEST_F(TemplateExport, ClearCountersMatchesNamesAndSkipsTheClearTimeEntry) {
    auto clearTime = collStats->stats({"", "", {}});
    ASSERT_TRUE(clearTime);
    EXPECT_EQ(clearTime->lastClearedTime, clock->now());
+}
+
+// Names in a statistics key are at most 128 bytes, so a request naming a longer tracker or
+// exporter could never match anything: it is refused, saying which name, and clears nothing.
+TEST_F(TemplateExport, ClearCountersRefusesNamesLongerThanAKeyHolds) {
+   auto const ka = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
+   std::string const longest(128, 'n');
+   std::string const tooLong(129, 'n');
+   struct Case {
+      std::string tracker;
+      std::string exporter;
+      bool refused;
+   };
+   Case const cases[] = {
+       {tooLong, "", true},
+       {"t1", tooLong, true},
+       {tooLong + "x", tooLong, true},  // the tracker is looked at first
+       {longest, longest, false},       // fits, and simply matches nothing
+   };
+   double time = 0;
+   for (Case const& c : cases) {
+      SCOPED_TRACE(std::to_string(c.tracker.size()) + "/" + std::to_string(c.exporter.size()));
+      try {
+         configReq->clearCountersReqIs({c.tracker, c.exporter, {}, 0, ++time});
+         EXPECT_FALSE(c.refused);
+      } catch (Kivo::RangeException const& e) {
+         EXPECT_TRUE(c.refused);
+         // The name as the request holds it.
+         auto const& req = configReq->clearCountersReq();
+         std::string const& name = req.ftName.size() > 128 ? req.ftName : req.expName;
+         std::ostringstream address;
+         address << static_cast<void const*>(name.data());
+         EXPECT_EQ(e.what(), "expected size <= 128, instead got " + std::to_string(name.size()) +
+                                 ". Buffer is at address: " + address.str() +
+                                 " with contents: " + name);
+      }
+      auto const ea = statsOf("e1", ka);
+      ASSERT_TRUE(ea);
+      EXPECT_EQ(ea->exportedMessageTotalCount, 2u);
+      // A refused request did not get as far as stamping the clearing.
+      EXPECT_EQ(collStats->stats({"", "", {}}).has_value(), !c.refused);
+   }
 }
 
 TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
