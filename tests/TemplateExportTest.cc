@@ -1,6 +1,7 @@
 // Templates and options templates from the hardware status to real loopback collectors.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <sstream>
 
 #include "Trace/Snaplog.h"
@@ -297,6 +298,91 @@ TEST_F(TemplateExport, ClearCountersRefusesNamesLongerThanAKeyHolds) {
       // A refused request did not get as far as stamping the clearing.
       EXPECT_EQ(collStats->stats({"", "", {}}).has_value(), !c.refused);
    }
+}
+
+// Collectors added, moved or removed on either family reach the exporters' collector handlers
+// (both the data and the options template exporter): each reports the collector, and a
+// collector with an address gets both template sets at once.
+TEST_F(TemplateExport, CollectorChangesOfEitherFamilyRunTheCollectorHandlers) {
+   testsupport::LoopbackCollector c4;
+   testsupport::LoopbackCollector c6{true};
+   testsupport::LoopbackCollector movedA;
+   auto const keyA = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
+   char const* const v4 = "TemplateExporterSmBase::handleCollectorIpAndPort for t1 for e1";
+   char const* const v6 = "TemplateExporterSmBase::handleCollectorIp6AndPort for t1 for e1";
+   struct Case {
+      char const* what;
+      std::function<void()> event;
+      char const* handler;
+      char const* collector;
+      testsupport::LoopbackCollector* rx;
+      bool getsTemplates;
+   };
+   Case const cases[] = {
+       {"IPv4 added", [&] { exporter("e1")->collector4Is("c4", c4.ipAndPort()); }, v4, "c4", &c4,
+        true},
+       {"IPv6 added", [&] { exporter("e1")->collector6Is("c6", c6.ip6AndPort()); }, v6, "c6", &c6,
+        true},
+       {"IPv4 moved", [&] { exporter("e1")->collector4Is("a", movedA.ipAndPort()); }, v4, "a",
+        &movedA, true},
+       {"IPv4 removed", [&] { exporter("e1")->collector4Del("c4"); }, v4, "c4", &c4, false},
+       {"IPv6 removed", [&] { exporter("e1")->collector6Del("c6"); }, v6, "c6", &c6, false},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(c.what);
+      Snaplog::clear();
+      c.event();
+      EXPECT_EQ(traced(std::string(c.handler) + ", for collector: " + c.collector), 2u);
+      if (c.getsTemplates) {
+         EXPECT_EQ(setIds(c.rx->messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+      } else {
+         EXPECT_TRUE(c.rx->drain().empty());
+      }
+   }
+   // The moved collector's statistics went with its old address.
+   EXPECT_FALSE(statsOf("e1", keyA));
+   EXPECT_TRUE(statsOf("e1", Mirra::Ipfix::CollectorInfo::fromIpAndPort(movedA.ipAndPort())));
+}
+
+// The periodic resend runs while either family has a collector: it stops, with no further sends
+// or timers, when the last one goes, and starts again with the next one.
+TEST_F(TemplateExport, PeriodicResendStopsWithTheLastCollectorAndResumesWithTheNext) {
+   auto const ft = templateSm->ftTemplateSm("t1");
+   std::vector<Kivo::Ptr<FlowTracking::TemplateExporterSmBase>> const sms = {
+       ft->ftExporterSm("e1"), ft->optTemplateExporterSm("e1")};
+   auto scheduled = [&] {
+      return sms[0]->periodicTemplateTxTask()->scheduled() &&
+             sms[1]->periodicTemplateTxTask()->scheduled();
+   };
+   auto stopped = [&] {
+      return !sms[0]->periodicTemplateTxTask()->scheduled() &&
+             !sms[1]->periodicTemplateTxTask()->scheduled();
+   };
+   auto sends = [&] { return sms[0]->templateTxCount() + sms[1]->templateTxCount(); };
+   a.drain(1000);
+   v6.drain(1000);
+
+   exporter("e1")->collector4Del("a");  // IPv6 still has a collector
+   EXPECT_TRUE(scheduled());
+   ASSERT_TRUE(scheduler->runFor(*clock, 30));
+   EXPECT_EQ(setIds(v6.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   EXPECT_TRUE(a.drain().empty());
+
+   exporter("e1")->collector6Del("v6");  // the last one
+   EXPECT_TRUE(stopped());
+   std::uint32_t const sent = sends();
+   ASSERT_TRUE(scheduler->runFor(*clock, 120));
+   EXPECT_EQ(sends(), sent);
+   EXPECT_TRUE(stopped());
+   EXPECT_TRUE(v6.drain().empty());
+
+   exporter("e1")->collector4Is("a", a.ipAndPort());  // back: at once, then every interval
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   EXPECT_TRUE(scheduled());
+   ASSERT_TRUE(scheduler->runFor(*clock, 30));
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   EXPECT_EQ(sends(), sent + 4);
+   EXPECT_TRUE(v6.drain().empty());
 }
 
 TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
