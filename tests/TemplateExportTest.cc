@@ -344,6 +344,46 @@ TEST_F(TemplateExport, CollectorChangesOfEitherFamilyRunTheCollectorHandlers) {
    EXPECT_TRUE(statsOf("e1", Mirra::Ipfix::CollectorInfo::fromIpAndPort(movedA.ipAndPort())));
 }
 
+// The one template message of an exporter goes to each collector restamped with that collector's
+// sequence number: the bytes differ in the sequence number only, whatever the family, and a
+// template send leaves every sequence number where it was.
+TEST_F(TemplateExport, CollectorsOfOneExporterGetTheSameBytesWithTheirOwnSequenceNumbers) {
+   testsupport::LoopbackCollector c;
+   exporter("e1")->collector4Is("c", c.ipAndPort());
+   auto const e1 = info->ftInfo("t1")->expInfo("e1");
+   struct Rx {
+      char const* name;
+      testsupport::LoopbackCollector* rx;
+      std::uint32_t seqNo;
+   };
+   Rx const rxs[] = {{"a", &a, 1000}, {"c", &c, 0xfffffffeu}, {"v6", &v6, 7}};
+   for (Rx const& r : rxs) {
+      e1->collInfo(r.name)->ipfixMsgSeqNoIs({r.seqNo});
+      r.rx->drain(1000);
+   }
+   ASSERT_TRUE(scheduler->runFor(*clock, 30));
+   std::map<std::uint16_t, testsupport::Bytes> first;  // by set id, sequence number zeroed
+   for (Rx const& r : rxs) {
+      SCOPED_TRACE(r.name);
+      auto const got = r.rx->drain(1000);
+      ASSERT_EQ(got.size(), 2u);
+      for (auto const& g : got) {
+         testsupport::Decoder d;
+         auto const m = d.decode(g.payload);
+         EXPECT_EQ(m.sequenceNumber, r.seqNo);
+         EXPECT_EQ(m.exportTime, static_cast<std::uint32_t>(clock->now()));
+         testsupport::Bytes unstamped = g.payload;
+         std::fill(unstamped.begin() + 8, unstamped.begin() + 12, 0);
+         auto const [it, isFirst] = first.try_emplace(m.sets.at(0).id, unstamped);
+         if (!isFirst) {
+            EXPECT_EQ(unstamped, it->second) << "set " << m.sets.at(0).id;
+         }
+      }
+      EXPECT_EQ(e1->collInfo(r.name)->ipfixMsgSeqNo().value, r.seqNo);
+   }
+   EXPECT_EQ(first.size(), 2u);
+}
+
 // The periodic resend runs while either family has a collector: it stops, with no further sends
 // or timers, when the last one goes, and starts again with the next one.
 TEST_F(TemplateExport, PeriodicResendStopsWithTheLastCollectorAndResumesWithTheNext) {
@@ -437,4 +477,50 @@ TEST_F(TemplateExport, OptionsTemplateVersionBumpsCoalesceIntoOneResend) {
    cfg->versionInc(1);
    ASSERT_TRUE(scheduler->runUntilIdle());
    EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{3}));
+}
+
+namespace {
+
+// The template machines start before the info tree has any tracker.
+class TemplateExportBeforeInfo : public testsupport::ExportFixture {
+ protected:
+   void SetUp() override {
+      addTemplate(300, {element("sourceIPv4Address"), element("octetDeltaCount")});
+      templateSm =
+          FlowTracking::templateSmFactory(scheduler, ftConfig, configReq, hwStatus, hwConfig,
+                                          collStats, info, init->elementIdCollection());
+      ASSERT_TRUE(scheduler->runUntilIdle());
+   }
+};
+
+}  // namespace
+
+// A tracker the hardware reports before its info record exists has no template machine and sends
+// nothing; the info record appearing creates it and the templates go out at once. A tracker only
+// in the hardware status stays without one.
+TEST_F(TemplateExportBeforeInfo, TrackerGetsTemplatesOnceItsInfoAppears) {
+   hwStatus->ftStatusIs("t2");
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_FALSE(templateSm->ftTemplateSm("t1"));
+   EXPECT_FALSE(templateSm->ftTemplateSm("t2"));
+   for (auto* c : {&a, &b, &v6}) {
+      EXPECT_TRUE(c->drain().empty()) << c->port();
+   }
+
+   infoSm =
+       Kivo::make<FlowTracking::FlowTrackingInfoSm>(scheduler, hwConfig, info, init->agentInfo());
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   ASSERT_TRUE(templateSm->ftTemplateSm("t1"));
+   EXPECT_FALSE(templateSm->ftTemplateSm("t2"));
+   for (auto* c : {&a, &b, &v6}) {
+      auto const msgs = c->messages(1000);
+      ASSERT_EQ(setIds(msgs), (std::vector<std::uint16_t>{2, 3})) << c->port();
+      EXPECT_EQ(msgs[0].templates().at(0).id, 300);
+      EXPECT_EQ(msgs[0].observationDomainId, 7u);
+   }
+   EXPECT_TRUE(exporter("e1")->exporter4Ready());
+
+   hwStatus->ftStatusDel("t2");
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_TRUE(templateSm->ftTemplateSm("t1"));
 }
