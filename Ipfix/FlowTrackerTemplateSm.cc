@@ -13,8 +13,8 @@ Dualog::Facility& fac(char const* name) {
    return Dualog::facility(name);
 }
 
-// A statistics key holds its names inline, in at most 128 bytes: a longer name in a request names
-// no entry there can be. Throws Kivo::RangeException, giving the name's own buffer and contents.
+// A statistics key holds its names inline, in at most 128 bytes, so a longer name in a request
+// could match no entry. Throws Kivo::RangeException giving the name's size, buffer and contents.
 void checkKeyName(Kivo::String const& name) {
    constexpr std::size_t maxSize = Mirra::Ipfix::StringIndex::max() + 1;
    if (name.size() <= maxSize) {

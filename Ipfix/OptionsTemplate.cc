@@ -17,7 +17,7 @@ Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entryIs(OptionsTemplate::Fields& coll
 void appendField(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
                  Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const& entry) {
    updateFieldInfo(eic, entry);
-   // Building templates is start-up work: reported where the agent's own start-up is.
+   // Options templates are built once, at start-up: reported with the rest of start-up.
    KTRACE(Dualog::defaultFacility(), 4, "  Added field " << entry->fieldId());
 }
 
