@@ -1,5 +1,7 @@
 #include "Ipfix/FlowTrackerTemplateSm.h"
 
+#include <sstream>
+
 #include "Pelto/IpfixWire.h"
 #include "Trace/Trace.h"
 
@@ -9,6 +11,20 @@ namespace {
 
 Dualog::Facility& fac(char const* name) {
    return Dualog::facility(name);
+}
+
+// A statistics key holds its names inline, in at most 128 bytes, so a longer name in a request
+// could match no entry. Throws Kivo::RangeException giving the name's size, buffer and contents.
+void checkKeyName(Kivo::String const& name) {
+   constexpr std::size_t maxSize = Mirra::Ipfix::StringIndex::max() + 1;
+   if (name.size() <= maxSize) {
+      return;
+   }
+   std::ostringstream text;
+   text << "expected size <= " << maxSize << ", instead got " << name.size()
+        << ". Buffer is at address: " << static_cast<void const*>(name.data())
+        << " with contents: " << name;
+   throw Kivo::RangeException(text.str());
 }
 
 }  // namespace
@@ -329,12 +345,16 @@ void TemplateSm::initOptTemplateConfig() {
 }
 
 void TemplateSm::clearCounters() {
-   ClearCountersReq const req =
-       flowTrackingConfigReq_ ? flowTrackingConfigReq_->clearCountersReq() : ClearCountersReq();
+   static ClearCountersReq const none;
+   ClearCountersReq const& req =
+       flowTrackingConfigReq_ ? flowTrackingConfigReq_->clearCountersReq() : none;
    if (req.requestTime == 0) {
       KTRACE(fac("TemplateSm"), 5, "TemplateSm::clearCounters requestTime is zero");
       return;
    }
+   // Refused before anything is changed.
+   checkKeyName(req.ftName);
+   checkKeyName(req.expName);
    std::vector<Mirra::Ipfix::CollectorStatisticsEntry> entries;
    collStats_->forEachStats(
        [&](Mirra::Ipfix::CollectorStatisticsEntry const& e) { entries.push_back(e); });

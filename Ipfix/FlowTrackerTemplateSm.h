@@ -129,6 +129,9 @@ class TemplateSm : public Kivo::Object {
 
    void handleInitialized();
    void handleHwFtStatus(Kivo::String const& ftName);
+   // Resets the statistics entries the clear-counters request names (every one but the 'clear
+   // time' entry, which it stamps). Throws Kivo::RangeException, changing nothing, when the
+   // request names a tracker or exporter longer than a statistics key holds (128 bytes).
    void clearCounters();
    void initOptTemplateConfig();
 

@@ -7,11 +7,6 @@ namespace FlowTracking {
 
 namespace {
 
-Dualog::Facility& templateFacility() {
-   static Dualog::Facility& f = Dualog::facility("FlowTrackerTemplateSm");
-   return f;
-}
-
 Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entryIs(OptionsTemplate::Fields& coll,
                                                    std::uint32_t fieldId, Ipfix::RecordType type) {
    Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entry = coll.is(fieldId, type);
@@ -22,7 +17,8 @@ Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entryIs(OptionsTemplate::Fields& coll
 void appendField(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
                  Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const& entry) {
    updateFieldInfo(eic, entry);
-   KTRACE(templateFacility(), 4, "  Added field " << entry->fieldId());
+   // Options templates are built once, at start-up: reported with the rest of start-up.
+   KTRACE(Dualog::defaultFacility(), 4, "  Added field " << entry->fieldId());
 }
 
 }  // namespace

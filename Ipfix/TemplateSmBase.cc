@@ -47,9 +47,9 @@ TemplateExporterSmBase::TemplateExporterSmBase(
    reactor_.watch(expInfo_->onUdpPam4(), [this] { maybeTxTemplate_p<V4>(); });
    reactor_.watch(expInfo_->onUdpPam6(), [this] { maybeTxTemplate_p<V6>(); });
    reactor_.watch(hwExpConfig_->onCollector4(),
-                  [this](Kivo::String const& name) { mirrorCollector_p<V4>(name); });
+                  [this](Kivo::String const& name) { handleCollectorIpAndPort(name); });
    reactor_.watch(hwExpConfig_->onCollector6(),
-                  [this](Kivo::String const& name) { mirrorCollector_p<V6>(name); });
+                  [this](Kivo::String const& name) { handleCollectorIp6AndPort(name); });
    collectorIpAndPort_.insert(hwExpConfig_->collector4Coll().begin(),
                               hwExpConfig_->collector4Coll().end());
    collectorIp6AndPort_.insert(hwExpConfig_->collector6Coll().begin(),
@@ -293,14 +293,26 @@ void TemplateExporterSmBase::mirrorCollector_p(Kivo::String const& name) {
    if (now) {
       seen[name] = *now;
    }
-   handleCollector_p<F>(name);
 }
 
+// A collector with an address gets the template at once rather than at the next interval. Once
+// the family has no collector left it is not sending, and with neither family sending the
+// periodic task stops now rather than after one more empty pass.
 template <class F>
 void TemplateExporterSmBase::handleCollector_p(Kivo::String const& name) {
+   mirrorCollector_p<F>(name);
    auto const& seen = F::seen(*this);
    auto it = seen.find(name);
-   if (it == seen.end() || !canSend_p<F>()) {
+   if (it == seen.end()) {
+      if (F::configured(*hwExpConfig_).empty()) {
+         F::sending(*this) = false;
+         if (!F::otherSending(*this)) {
+            stopPeriodicTemplateTx_p();
+         }
+      }
+      return;
+   }
+   if (!canSend_p<F>()) {
       return;
    }
    doTxTemplate_p<F>(it->second, name);

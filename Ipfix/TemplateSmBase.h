@@ -66,6 +66,9 @@ class TemplateExporterSmBase : public Kivo::Object {
    void handleTemplateReady();
    void handleTemplateInterval();
    void handlePeriodicTemplateTx();
+   // A collector of the exporter configuration (IPv4 / IPv6) was added, changed or removed: its
+   // old address loses its statistics entry, a collector with an address gets the template at
+   // once, and with no collector left in either family the periodic task stops.
    void handleCollectorIpAndPort(Kivo::String const& name);
    void handleCollectorIp6AndPort(Kivo::String const& name);
    void handleDel();

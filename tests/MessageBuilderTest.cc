@@ -147,17 +147,18 @@ TEST(MessageBuilder, StampingWritesTimeAndSequenceNumberPerSend) {
 
 using MessageBuilderDeathTest = ::testing::Test;
 
+// Each misuse names its own condition; the texts are matched whole from "ASSERTION FAILED: " to
+// the end of the line, so "pkt()" is not satisfied by "builder->pkt()" or "!pkt()".
 TEST_F(MessageBuilderDeathTest, MisuseStopsWithTheConditionText) {
+   using testsupport::assertText;
    auto b = FlowTracking::messageBuilderFactory(100, 1);
-   EXPECT_DEATH(b->addSetRecordStr(256, "x"), testsupport::deathText("builder->pkt()"));
-   EXPECT_DEATH(b->finalizeMsg(), testsupport::deathText("pkt()"));
+   EXPECT_DEATH(b->addSetRecordStr(256, "x"), assertText("builder->pkt()"));
+   EXPECT_DEATH(b->finalizeMsg(), assertText("pkt()"));
    b->startMsg();
-   EXPECT_DEATH(b->startMsg(), testsupport::deathText("!pkt()"));
-   EXPECT_DEATH(b->finalizeMsg(),
-                testsupport::deathText("offset() > IpfixConst::messageHeaderLen()"));
-   EXPECT_DEATH(b->addSetRecordStr(256, record(65535)),
-                testsupport::deathText("bytes < Kivo::maxU16()"));
+   EXPECT_DEATH(b->startMsg(), assertText("!pkt()"));
+   EXPECT_DEATH(b->finalizeMsg(), assertText("offset() > IpfixConst::messageHeaderLen()"));
+   EXPECT_DEATH(b->addSetRecordStr(256, record(65535)), assertText("bytes < Kivo::maxU16()"));
    // 65533 + 4 wraps to 1 in the 16-bit room test; the hard bound still stops the write.
    EXPECT_DEATH(b->addSetRecordStr(256, record(65533)),
-                testsupport::deathText("builder->offset() + bytes <= builder->pktBufSize()"));
+                assertText("builder->offset() + bytes <= builder->pktBufSize()"));
 }

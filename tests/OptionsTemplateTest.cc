@@ -2,6 +2,7 @@
 
 #include "Ipfix/OptionsTemplate.h"
 #include "Pelto/IpfixWire.h"
+#include "Trace/Trace.h"
 #include "support/DeathText.h"
 #include "support/IpfixDecoder.h"
 
@@ -101,6 +102,41 @@ TEST(OptionsTemplateEncoding, ScopeFieldsFirstEachInPositionOrder) {
       ids.push_back(f.id);
    }
    EXPECT_EQ(ids, (std::vector<std::uint16_t>{234, 145, 236, 309}));
+}
+
+// Each appended field is reported on the text trace of the default facility, at level 4: seen at
+// level 4, not at 3, and not on the facility of the template machines.
+TEST(OptionsTemplateEncoding, AddedFieldsAreTracedOnTheDefaultFacilityAtLevel4) {
+   struct Capture {
+      std::vector<std::string> lines;
+      int const defaultLevel = Dualog::defaultFacility().level();
+      int const templateLevel = Dualog::facility("FlowTrackerTemplateSm").level();
+      Capture() {
+         Dualog::sinkIs([this](Dualog::Facility const& f, int level, std::string_view line) {
+            lines.push_back(f.name() + "/" + std::to_string(level) + " " + std::string(line));
+         });
+         Dualog::facility("FlowTrackerTemplateSm").levelIs(9);
+      }
+      ~Capture() {
+         Dualog::sinkIs({});
+         Dualog::defaultFacility().levelIs(defaultLevel);
+         Dualog::facility("FlowTrackerTemplateSm").levelIs(templateLevel);
+      }
+   };
+   struct Case {
+      int level;
+      std::vector<std::string> expected;
+   };
+   Case const cases[] = {
+       {3, {}},
+       {4, {"default/4   Added field observationDomainId", "default/4   Added field VRFname"}},
+   };
+   for (Case const& c : cases) {
+      Capture capture;
+      Dualog::defaultFacility().levelIs(c.level);
+      makeTemplate(300, {element("observationDomainId")}, {element("VRFname")});
+      EXPECT_EQ(capture.lines, c.expected) << "default facility at level " << c.level;
+   }
 }
 
 using OptionsTemplateDeathTest = ::testing::Test;

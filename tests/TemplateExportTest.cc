@@ -1,6 +1,10 @@
 // Templates and options templates from the hardware status to real loopback collectors.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <sstream>
+
+#include "Trace/Snaplog.h"
 #include "support/DeathText.h"
 #include "support/ExportFixture.h"
 #include "support/Pcap.h"
@@ -22,6 +26,15 @@ std::vector<std::uint16_t> setIds(std::vector<Message> const& msgs) {
       }
    }
    return ids;
+}
+
+// How many lines of the fast trace contain `text`.
+std::size_t traced(std::string_view text) {
+   std::size_t n = 0;
+   for (auto const& line : Snaplog::lines()) {
+      n += line.find(text) != std::string::npos ? 1 : 0;
+   }
+   return n;
 }
 
 class TemplateExport : public testsupport::ExportFixture {
@@ -205,23 +218,31 @@ TEST_F(TemplateExport, EachSendIsCountedPerSetId) {
 TEST_F(TemplateExport, ClearCountersMatchesNamesAndSkipsTheClearTimeEntry) {
    auto const ka = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
    auto const kb = Mirra::Ipfix::CollectorInfo::fromIpAndPort(b.ipAndPort());
+   // `reset` counts the entries reset. The 'clear time' entry exists from the first request with
+   // a time on, and every later request passes it by, even one that names every entry.
    struct Case {
       char const* tracker;
       char const* exporter;
       double time;
       bool clearsA;
       bool clearsB;
+      std::size_t reset;
+      std::size_t clearTimeSkipped;
    };
    Case const cases[] = {
-       {"t1", "e1", 0, false, false},  // a request without a time is ignored
-       {"t1", "e2", 1, false, true},
-       {"other", "", 2, false, false},
-       {"", "", 3, true, true},
+       {"t1", "e1", 0, false, false, 0, 0},  // a request without a time is ignored
+       {"t1", "e2", 1, false, true, 1, 0},
+       {"other", "", 2, false, false, 0, 1},
+       {"", "", 3, true, true, 3, 1},
    };
    for (Case const& c : cases) {
       ASSERT_TRUE(scheduler->runFor(*clock, 31));  // counts go up again
       clock->advance(1);
+      Snaplog::clear();
       configReq->clearCountersReqIs({c.tracker, c.exporter, {}, 0, c.time});
+      EXPECT_EQ(traced("TemplateSm::clearCounters clear counters "), c.reset) << c.time;
+      EXPECT_EQ(traced("TemplateSm::clearCounters skip 'clear time' entry "), c.clearTimeSkipped)
+          << c.time;
       auto ea = statsOf("e1", ka);
       auto eb = statsOf("e2", kb);
       ASSERT_TRUE(ea && eb);
@@ -235,6 +256,173 @@ TEST_F(TemplateExport, ClearCountersMatchesNamesAndSkipsTheClearTimeEntry) {
    auto clearTime = collStats->stats({"", "", {}});
    ASSERT_TRUE(clearTime);
    EXPECT_EQ(clearTime->lastClearedTime, clock->now());
+}
+
+// Names in a statistics key are at most 128 bytes, so a request naming a longer tracker or
+// exporter could never match anything: it is refused, saying which name, and clears nothing.
+TEST_F(TemplateExport, ClearCountersRefusesNamesLongerThanAKeyHolds) {
+   auto const ka = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
+   std::string const longest(128, 'n');
+   std::string const tooLong(129, 'n');
+   struct Case {
+      std::string tracker;
+      std::string exporter;
+      bool refused;
+   };
+   Case const cases[] = {
+       {tooLong, "", true},
+       {"t1", tooLong, true},
+       {tooLong + "x", tooLong, true},  // the tracker is looked at first
+       {longest, longest, false},       // fits, and simply matches nothing
+   };
+   double time = 0;
+   for (Case const& c : cases) {
+      SCOPED_TRACE(std::to_string(c.tracker.size()) + "/" + std::to_string(c.exporter.size()));
+      try {
+         configReq->clearCountersReqIs({c.tracker, c.exporter, {}, 0, ++time});
+         EXPECT_FALSE(c.refused);
+      } catch (Kivo::RangeException const& e) {
+         EXPECT_TRUE(c.refused);
+         // The name as the request holds it.
+         auto const& req = configReq->clearCountersReq();
+         std::string const& name = req.ftName.size() > 128 ? req.ftName : req.expName;
+         std::ostringstream address;
+         address << static_cast<void const*>(name.data());
+         EXPECT_EQ(e.what(), "expected size <= 128, instead got " + std::to_string(name.size()) +
+                                 ". Buffer is at address: " + address.str() +
+                                 " with contents: " + name);
+      }
+      auto const ea = statsOf("e1", ka);
+      ASSERT_TRUE(ea);
+      EXPECT_EQ(ea->exportedMessageTotalCount, 2u);
+      // A refused request did not get as far as stamping the clearing.
+      EXPECT_EQ(collStats->stats({"", "", {}}).has_value(), !c.refused);
+   }
+}
+
+// Collectors added, moved or removed on either family reach the exporters' collector handlers
+// (both the data and the options template exporter): each reports the collector, and a
+// collector with an address gets both template sets at once.
+TEST_F(TemplateExport, CollectorChangesOfEitherFamilyRunTheCollectorHandlers) {
+   testsupport::LoopbackCollector c4;
+   testsupport::LoopbackCollector c6{true};
+   testsupport::LoopbackCollector movedA;
+   auto const keyA = Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort());
+   char const* const v4 = "TemplateExporterSmBase::handleCollectorIpAndPort for t1 for e1";
+   char const* const v6 = "TemplateExporterSmBase::handleCollectorIp6AndPort for t1 for e1";
+   struct Case {
+      char const* what;
+      std::function<void()> event;
+      char const* handler;
+      char const* collector;
+      testsupport::LoopbackCollector* rx;
+      bool getsTemplates;
+   };
+   Case const cases[] = {
+       {"IPv4 added", [&] { exporter("e1")->collector4Is("c4", c4.ipAndPort()); }, v4, "c4", &c4,
+        true},
+       {"IPv6 added", [&] { exporter("e1")->collector6Is("c6", c6.ip6AndPort()); }, v6, "c6", &c6,
+        true},
+       {"IPv4 moved", [&] { exporter("e1")->collector4Is("a", movedA.ipAndPort()); }, v4, "a",
+        &movedA, true},
+       {"IPv4 removed", [&] { exporter("e1")->collector4Del("c4"); }, v4, "c4", &c4, false},
+       {"IPv6 removed", [&] { exporter("e1")->collector6Del("c6"); }, v6, "c6", &c6, false},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(c.what);
+      Snaplog::clear();
+      c.event();
+      EXPECT_EQ(traced(std::string(c.handler) + ", for collector: " + c.collector), 2u);
+      if (c.getsTemplates) {
+         EXPECT_EQ(setIds(c.rx->messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+      } else {
+         EXPECT_TRUE(c.rx->drain().empty());
+      }
+   }
+   // The moved collector's statistics went with its old address.
+   EXPECT_FALSE(statsOf("e1", keyA));
+   EXPECT_TRUE(statsOf("e1", Mirra::Ipfix::CollectorInfo::fromIpAndPort(movedA.ipAndPort())));
+}
+
+// The one template message of an exporter goes to each collector restamped with that collector's
+// sequence number: the bytes differ in the sequence number only, whatever the family, and a
+// template send leaves every sequence number where it was.
+TEST_F(TemplateExport, CollectorsOfOneExporterGetTheSameBytesWithTheirOwnSequenceNumbers) {
+   testsupport::LoopbackCollector c;
+   exporter("e1")->collector4Is("c", c.ipAndPort());
+   auto const e1 = info->ftInfo("t1")->expInfo("e1");
+   struct Rx {
+      char const* name;
+      testsupport::LoopbackCollector* rx;
+      std::uint32_t seqNo;
+   };
+   Rx const rxs[] = {{"a", &a, 1000}, {"c", &c, 0xfffffffeu}, {"v6", &v6, 7}};
+   for (Rx const& r : rxs) {
+      e1->collInfo(r.name)->ipfixMsgSeqNoIs({r.seqNo});
+      r.rx->drain(1000);
+   }
+   ASSERT_TRUE(scheduler->runFor(*clock, 30));
+   std::map<std::uint16_t, testsupport::Bytes> first;  // by set id, sequence number zeroed
+   for (Rx const& r : rxs) {
+      SCOPED_TRACE(r.name);
+      auto const got = r.rx->drain(1000);
+      ASSERT_EQ(got.size(), 2u);
+      for (auto const& g : got) {
+         testsupport::Decoder d;
+         auto const m = d.decode(g.payload);
+         EXPECT_EQ(m.sequenceNumber, r.seqNo);
+         EXPECT_EQ(m.exportTime, static_cast<std::uint32_t>(clock->now()));
+         testsupport::Bytes unstamped = g.payload;
+         std::fill(unstamped.begin() + 8, unstamped.begin() + 12, 0);
+         auto const [it, isFirst] = first.try_emplace(m.sets.at(0).id, unstamped);
+         if (!isFirst) {
+            EXPECT_EQ(unstamped, it->second) << "set " << m.sets.at(0).id;
+         }
+      }
+      EXPECT_EQ(e1->collInfo(r.name)->ipfixMsgSeqNo().value, r.seqNo);
+   }
+   EXPECT_EQ(first.size(), 2u);
+}
+
+// The periodic resend runs while either family has a collector: it stops, with no further sends
+// or timers, when the last one goes, and starts again with the next one.
+TEST_F(TemplateExport, PeriodicResendStopsWithTheLastCollectorAndResumesWithTheNext) {
+   auto const ft = templateSm->ftTemplateSm("t1");
+   std::vector<Kivo::Ptr<FlowTracking::TemplateExporterSmBase>> const sms = {
+       ft->ftExporterSm("e1"), ft->optTemplateExporterSm("e1")};
+   auto scheduled = [&] {
+      return sms[0]->periodicTemplateTxTask()->scheduled() &&
+             sms[1]->periodicTemplateTxTask()->scheduled();
+   };
+   auto stopped = [&] {
+      return !sms[0]->periodicTemplateTxTask()->scheduled() &&
+             !sms[1]->periodicTemplateTxTask()->scheduled();
+   };
+   auto sends = [&] { return sms[0]->templateTxCount() + sms[1]->templateTxCount(); };
+   a.drain(1000);
+   v6.drain(1000);
+
+   exporter("e1")->collector4Del("a");  // IPv6 still has a collector
+   EXPECT_TRUE(scheduled());
+   ASSERT_TRUE(scheduler->runFor(*clock, 30));
+   EXPECT_EQ(setIds(v6.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   EXPECT_TRUE(a.drain().empty());
+
+   exporter("e1")->collector6Del("v6");  // the last one
+   EXPECT_TRUE(stopped());
+   std::uint32_t const sent = sends();
+   ASSERT_TRUE(scheduler->runFor(*clock, 120));
+   EXPECT_EQ(sends(), sent);
+   EXPECT_TRUE(stopped());
+   EXPECT_TRUE(v6.drain().empty());
+
+   exporter("e1")->collector4Is("a", a.ipAndPort());  // back: at once, then every interval
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   EXPECT_TRUE(scheduled());
+   ASSERT_TRUE(scheduler->runFor(*clock, 30));
+   EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{2, 3}));
+   EXPECT_EQ(sends(), sent + 4);
+   EXPECT_TRUE(v6.drain().empty());
 }
 
 TEST_F(TemplateExport, TsharkDecodesTheTemplateMessages) {
@@ -289,4 +477,50 @@ TEST_F(TemplateExport, OptionsTemplateVersionBumpsCoalesceIntoOneResend) {
    cfg->versionInc(1);
    ASSERT_TRUE(scheduler->runUntilIdle());
    EXPECT_EQ(setIds(a.messages(1000)), (std::vector<std::uint16_t>{3}));
+}
+
+namespace {
+
+// The template machines start before the info tree has any tracker.
+class TemplateExportBeforeInfo : public testsupport::ExportFixture {
+ protected:
+   void SetUp() override {
+      addTemplate(300, {element("sourceIPv4Address"), element("octetDeltaCount")});
+      templateSm =
+          FlowTracking::templateSmFactory(scheduler, ftConfig, configReq, hwStatus, hwConfig,
+                                          collStats, info, init->elementIdCollection());
+      ASSERT_TRUE(scheduler->runUntilIdle());
+   }
+};
+
+}  // namespace
+
+// A tracker the hardware reports before its info record exists has no template machine and sends
+// nothing; the info record appearing creates it and the templates go out at once. A tracker only
+// in the hardware status stays without one.
+TEST_F(TemplateExportBeforeInfo, TrackerGetsTemplatesOnceItsInfoAppears) {
+   hwStatus->ftStatusIs("t2");
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_FALSE(templateSm->ftTemplateSm("t1"));
+   EXPECT_FALSE(templateSm->ftTemplateSm("t2"));
+   for (auto* c : {&a, &b, &v6}) {
+      EXPECT_TRUE(c->drain().empty()) << c->port();
+   }
+
+   infoSm =
+       Kivo::make<FlowTracking::FlowTrackingInfoSm>(scheduler, hwConfig, info, init->agentInfo());
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   ASSERT_TRUE(templateSm->ftTemplateSm("t1"));
+   EXPECT_FALSE(templateSm->ftTemplateSm("t2"));
+   for (auto* c : {&a, &b, &v6}) {
+      auto const msgs = c->messages(1000);
+      ASSERT_EQ(setIds(msgs), (std::vector<std::uint16_t>{2, 3})) << c->port();
+      EXPECT_EQ(msgs[0].templates().at(0).id, 300);
+      EXPECT_EQ(msgs[0].observationDomainId, 7u);
+   }
+   EXPECT_TRUE(exporter("e1")->exporter4Ready());
+
+   hwStatus->ftStatusDel("t2");
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_TRUE(templateSm->ftTemplateSm("t1"));
 }
