@@ -596,6 +596,37 @@ TEST_F(MirraShmTable, SegmentsOfAnotherUserOrWritableByOthersAreRefused) {
    shmUnlink(squatted);
 }
 
+// A show command run by any user reads the table of an agent running as root, even one started
+// under a strict umask, without being able to write to it.
+TEST_F(MirraShmTable, ReaderOfAnotherUserReadsARootTable) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "running a reader as another user takes root";
+   }
+   mode_t const saved = umask(077);
+   Writer w(name, 16);
+   umask(saved);
+   w.upsert(key(1), stats(1, 3));
+   pid_t const child = fork();
+   if (child == 0) {
+      alarm(30);
+      int status = 9;
+      try {
+         status = setuid(65534) != 0                                    ? 1
+                  : Reader(name).get(key(1)).value_or(Stats()).seq != 3 ? 2
+                  : shm_open(name.c_str(), O_RDWR, 0) >= 0              ? 3
+                                                                        : 0;
+      } catch (std::exception const& e) {
+         std::fprintf(stderr, "reader: %s\n", e.what());
+         status = 4;
+      }
+      _exit(status);
+   }
+   int status = 0;
+   ASSERT_EQ(waitpid(child, &status, 0), child);
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+       << "status " << status << "; 2: wrong value, 3: could write, 4: refused";
+}
+
 // Whatever the umask, every segment the writer makes is readable by all and writable by it alone.
 TEST_F(MirraShmTable, SegmentsAreMode0644WhateverTheUmask) {
    for (mode_t const mask : {mode_t{0}, mode_t{077}, mode_t{0277}}) {
