@@ -1,11 +1,13 @@
 #include "Ipfix/CollectorStats.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ostream>
 
 #include "Kivo/ValueText.h"
 #include "Mirra/ShmTable.h"
 #include "Pelto/IpfixWire.h"
+#include "Trace/Trace.h"
 
 namespace Mirra::Ipfix {
 
@@ -27,6 +29,22 @@ void oneAtATime(std::uint32_t& h, std::uint32_t word) {
       h = (h + b) * 1025u;
       h ^= h >> 6;
    }
+}
+
+Dualog::Facility& facility() {
+   static Dualog::Facility& f = Dualog::facility("CollectorStats");
+   return f;
+}
+
+// The set entries in use, as far as the storage goes whatever the count says.
+unsigned usedSlots(CollectorStatisticsEntry const& e) {
+   return std::min<unsigned>(e.setEntryCount, CollectorStatisticsEntry::setEntryCapacity);
+}
+
+bool validSetId(std::uint16_t id) {
+   return id == Pelto::IpfixConst::templateSetId() ||
+          id == Pelto::IpfixConst::optionsTemplateSetId() ||
+          id >= Pelto::IpfixConst::minDataSetId();
 }
 
 Kivo::String timeText(double t) {
@@ -116,7 +134,7 @@ Kivo::String CollectorSetStatisticsEntry::toString() const {
 }
 
 std::uint8_t CollectorStatisticsEntry::indexForSetId(SetId setId) const {
-   for (std::uint8_t i = 0; i < setEntryCount; ++i) {
+   for (std::uint8_t i = 0; i < usedSlots(*this); ++i) {
       if (setEntryStorage[i].setId == setId.value()) {
          return i;
       }
@@ -141,7 +159,7 @@ std::uint8_t CollectorStatisticsEntry::maybeNewIndexForSetId(SetId setId) const 
    if (setEntryCount == 0 || isFree(0)) {
       return 0;
    }
-   for (unsigned i = 1; i < setEntryCount; ++i) {
+   for (unsigned i = 1; i < usedSlots(*this); ++i) {
       if (isFree(i)) {
          return static_cast<std::uint8_t>(i);
       }
@@ -173,9 +191,40 @@ void CollectorStatisticsEntry::setEntryStorageDelAll() {
    setEntryCount = 0;
 }
 
+Kivo::String CollectorStatisticsEntry::validationError() const {
+   for (auto const* name : {&key.trackerStorage, &key.exporterStorage}) {
+      if (name->len > sizeof(name->bytes)) {
+         return Kivo::String(name == &key.trackerStorage ? "tracker" : "exporter") +
+                " name length " + std::to_string(name->len) + " exceeds " +
+                std::to_string(sizeof(name->bytes));
+      }
+   }
+   using Family = Pelto::IpGenAddr::Family;
+   if (Family const f = key.collector.addr.family;
+       f != Family::none && f != Family::ipv4 && f != Family::ipv6) {
+      return "collector address family " + std::to_string(static_cast<unsigned>(f)) +
+             " is neither IPv4 nor IPv6";
+   }
+   if (setEntryCount > setEntryCapacity) {
+      return "set entry count " + std::to_string(setEntryCount) + " exceeds " +
+             std::to_string(setEntryCapacity);
+   }
+   if (nextIdx != SetIndex::none() && nextIdx > SetIndex::max()) {
+      return "slot to reuse " + std::to_string(nextIdx) + " is past the " +
+             std::to_string(setEntryCapacity) + " set entries";
+   }
+   for (unsigned i = 0; i < setEntryCount; ++i) {
+      if (std::uint16_t const id = setEntryStorage[i].setId; id != 0 && !validSetId(id)) {
+         return "set entry " + std::to_string(i) + " has set id " + std::to_string(id) +
+                ", neither a template set id nor a data set id";
+      }
+   }
+   return {};
+}
+
 Kivo::String CollectorStatisticsEntry::toString() const {
    Kivo::String sets = "[";
-   for (std::uint8_t i = 0; i < setEntryCount; ++i) {
+   for (std::uint8_t i = 0; i < usedSlots(*this); ++i) {
       sets += (i ? ", " : "") + setEntryStorage[i].toString();
    }
    sets += "]";
@@ -200,7 +249,7 @@ Kivo::String CollectorStatisticsEntry::mirraString() const {
                     ", data: " + timeText(lastDataRecordSentTime) +
                     ", options data: " + timeText(lastOptionsDataSentTime) +
                     ", cleared: " + timeText(lastClearedTime);
-   for (std::uint8_t i = 0; i < setEntryCount; ++i) {
+   for (std::uint8_t i = 0; i < usedSlots(*this); ++i) {
       auto const& e = setEntryStorage[i];
       if (e.setId != 0) {
          s += ", set" + std::to_string(e.setId) +
@@ -240,7 +289,15 @@ CollectorStatistics::~CollectorStatistics() = default;
 
 std::optional<CollectorStatisticsEntry> CollectorStatistics::stats(
     CollectorStatisticsKey const& key) const {
-   return table_->writer->get(key);
+   std::optional<CollectorStatisticsEntry> e = table_->writer->get(key);
+   if (e) {
+      if (Kivo::String const error = e->validationError(); !error.empty()) {
+         KTRACE(facility(), 1,
+                "collector statistics table " << name_ << ": damaged entry replaced: " << error);
+         return std::nullopt;
+      }
+   }
+   return e;
 }
 
 bool CollectorStatistics::statsIs(CollectorStatisticsEntry const& e) {
@@ -269,23 +326,42 @@ struct CollectorStatisticsReader::Table {
    Kivo::Ptr<Reader> reader;
 };
 
-CollectorStatisticsReader::CollectorStatisticsReader(Kivo::String const& name)
-    : table_(std::make_unique<Table>()) {
-   table_->reader = Kivo::make<Reader>(name);
+CollectorStatisticsReader::CollectorStatisticsReader(Kivo::String const& name,
+                                                     std::optional<uid_t> writerUid)
+    : name_(name), table_(std::make_unique<Table>()) {
+   table_->reader = Kivo::make<Reader>(name, 1.0, CollectorStatisticsKeyHash(), writerUid);
 }
 
 CollectorStatisticsReader::~CollectorStatisticsReader() = default;
 
+CollectorStatisticsEntry const& CollectorStatisticsReader::checked_p(
+    CollectorStatisticsEntry const& e) const {
+   if (Kivo::String const error = e.validationError(); !error.empty()) {
+      throw Kivo::Exception("collector statistics table " + name_ + ": damaged entry: " + error);
+   }
+   return e;
+}
+
 std::optional<CollectorStatisticsEntry> CollectorStatisticsReader::stats(
     CollectorStatisticsKey const& key) {
-   return table_->reader->get(key);
+   std::optional<CollectorStatisticsEntry> e = table_->reader->get(key);
+   if (e && !(checked_p(*e).key == key)) {
+      throw Kivo::Exception("collector statistics table " + name_ +
+                            ": damaged entry: its key differs from the key of its slot");
+   }
+   return e;
 }
 
 std::vector<CollectorStatisticsEntry> CollectorStatisticsReader::allStats() {
    std::vector<CollectorStatisticsEntry> out;
-   out.reserve(table_->reader->size());
-   table_->reader->forEach(
-       [&](CollectorStatisticsKey const&, CollectorStatisticsEntry const& e) { out.push_back(e); });
+   out.reserve(table_->reader->size());  // no more than the slots: the reader checks
+   table_->reader->forEach([&](CollectorStatisticsKey const& k, CollectorStatisticsEntry const& e) {
+      if (!(checked_p(e).key == k)) {
+         throw Kivo::Exception("collector statistics table " + name_ +
+                               ": damaged entry: its key differs from the key of its slot");
+      }
+      out.push_back(e);
+   });
    return out;
 }
 

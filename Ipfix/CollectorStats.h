@@ -9,6 +9,10 @@
 // when each kind of message was last sent and when the counters were last cleared, and per set id
 // the data records and template records sent. A writer reads the entry, changes it and writes it
 // back whole.
+//
+// An entry read from shared memory may have been damaged by another process: its operations never
+// index past the storage whatever its counts say, and validationError() says whether it can be
+// believed.
 #pragma once
 
 #include <array>
@@ -19,6 +23,8 @@
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include <sys/types.h>
 
 #include "Kivo/Kivo.h"
 #include "Pelto/Address.h"
@@ -67,14 +73,15 @@ class SetId {
    std::uint16_t v_;
 };
 
-// A name stored inline: a length and up to 128 bytes.
+// A name stored inline: a length and up to 128 bytes. A length over 128 (a damaged record) reads
+// as the 128 bytes there are.
 struct InlineName {
    std::uint8_t len = 0;
    char bytes[StringIndex::max() + 1] = {};
 
    // REQUIRES: at most 128 bytes.
    void assign(std::string_view s);
-   std::string_view view() const { return {bytes, len}; }
+   std::string_view view() const { return {bytes, len <= sizeof(bytes) ? len : sizeof(bytes)}; }
    bool operator==(InlineName const& o) const { return view() == o.view(); }
 };
 static_assert(sizeof(InlineName) == 129);
@@ -145,6 +152,11 @@ struct CollectorStatisticsEntry {
    CollectorSetStatisticsEntry setEntryDel(SetId setId);
    void setEntryStorageDelAll();
 
+   // What makes this entry one that no writer could have written (a name longer than 128 bytes,
+   // an unknown address family, more than 22 set entries, a reuse slot out of range, a set id
+   // that fails the SetId check), on one line; empty when there is nothing wrong.
+   Kivo::String validationError() const;
+
    bool operator==(CollectorStatisticsEntry const&) const = default;
    Kivo::String toString() const;
    // The short form used in traces.
@@ -170,6 +182,8 @@ class CollectorStatistics : public Kivo::Object {
    explicit CollectorStatistics(Kivo::String const& name, std::size_t initialCapacity = 64);
    ~CollectorStatistics() override;
 
+   // The entry of `key`; nothing when there is none, or when another process has damaged it so
+   // that it fails validationError() (traced; the caller's next statsIs replaces it).
    std::optional<CollectorStatisticsEntry> stats(CollectorStatisticsKey const& key) const;
    // Inserts or replaces the entry of `e.key`. Returns false, changing nothing, when the table is
    // full and cannot grow.
@@ -187,12 +201,17 @@ class CollectorStatistics : public Kivo::Object {
    std::unique_ptr<Table> table_;
 };
 
-// A reader of the table from another process (show and clear tools). Every entry is read whole;
-// a walk over all entries is not a snapshot. Throws Kivo::ErrnoException when there is no table
-// of that name, Kivo::Exception when the segment is not a statistics table or is damaged.
+// A reader of the table from another process (show and clear tools), which any user may run. Every
+// entry is read whole; a walk over all entries is not a snapshot. Throws Kivo::ErrnoException when
+// there is no table of that name. Throws Kivo::Exception, with one line saying what is wrong, when
+// the segments are not a statistics table, are owned by anyone but root and `writerUid` (by
+// default this process's effective uid) or writable by anyone else, have been damaged or cut
+// short, and when an entry read fails validationError(): whatever is in shared memory, a reader
+// throws rather than crash or hang, and every entry it returns passes validation.
 class CollectorStatisticsReader : public Kivo::Object {
  public:
-   explicit CollectorStatisticsReader(Kivo::String const& name);
+   explicit CollectorStatisticsReader(Kivo::String const& name,
+                                      std::optional<uid_t> writerUid = std::nullopt);
    ~CollectorStatisticsReader() override;
 
    std::optional<CollectorStatisticsEntry> stats(CollectorStatisticsKey const& key);
@@ -202,6 +221,9 @@ class CollectorStatisticsReader : public Kivo::Object {
    std::uint64_t generation();
 
  private:
+   CollectorStatisticsEntry const& checked_p(CollectorStatisticsEntry const& e) const;
+
+   Kivo::String name_;
    struct Table;
    std::unique_ptr<Table> table_;
 };

@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include "Ipfix/CollectorStats.h"
 
 #include <chrono>
+#include <functional>
 
+#include "Ipfix/CollectorStats.h"
+#include "Mirra/ShmTable.h"
 #include "support/DeathText.h"
 
 using namespace Mirra::Ipfix;
@@ -44,6 +49,33 @@ TEST(CollectorStats, DeletedSlotIsReusedFirstAndCountStays) {
    e.setEntryIs(set(302));
    EXPECT_EQ(e.indexForSetId(SetId(302)), 5);
    EXPECT_EQ(e.setEntryCount, 6);
+}
+
+// The slot freed last is reused first even when a lower slot is free; only then the lowest free
+// slot, then appending.
+TEST(CollectorStats, LastFreedSlotIsReusedBeforeALowerFreeOne) {
+   CollectorStatisticsEntry e(key());
+   for (std::uint16_t id : {256, 257, 258, 259, 260}) {
+      e.setEntryIs(set(id, id));
+   }
+   e.setEntryDel(SetId(257));  // slot 1
+   e.setEntryDel(SetId(259));  // slot 3, freed last
+   EXPECT_EQ(e.nextIdx, 3);
+   EXPECT_EQ(e.maybeNewIndexForSetId(SetId(2)), 3);
+   e.setEntryIs(set(2, 1));
+   EXPECT_EQ(e.indexForSetId(SetId(2)), 3);
+   e.setEntryIs(set(3, 1));
+   EXPECT_EQ(e.indexForSetId(SetId(3)), 1);
+   e.setEntryIs(set(261, 1));
+   EXPECT_EQ(e.indexForSetId(SetId(261)), 5);
+   EXPECT_EQ(e.setEntryCount, 6);
+   // Slot 0 freed first and slot 4 last: slot 4 again, then slot 0.
+   e.setEntryDel(SetId(256));
+   e.setEntryDel(SetId(260));
+   e.setEntryIs(set(262));
+   e.setEntryIs(set(263));
+   EXPECT_EQ(e.indexForSetId(SetId(262)), 4);
+   EXPECT_EQ(e.indexForSetId(SetId(263)), 0);
 }
 
 TEST(CollectorStats, UnknownSetIdReadsAsZeroAndChangesNothing) {
@@ -190,4 +222,166 @@ TEST(CollectorStatsTable, ForkedReaderSeesWholeEntriesAndTheFinalValues) {
    ASSERT_EQ(waitpid(child, &status, 0), child);
    ASSERT_TRUE(WIFEXITED(status));
    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: torn entry, 2: final values not seen, 3: error";
+}
+
+namespace {
+
+using Damage = std::function<void(CollectorStatisticsEntry&)>;
+
+struct Damaged {
+   char const* what;
+   Damage damage;
+   char const* text;
+};
+
+// Ways another process could have changed an entry in shared memory, and what is wrong then.
+std::vector<Damaged> damagedEntries() {
+   using E = CollectorStatisticsEntry;
+   return {
+       {"long tracker name", [](E& e) { e.key.trackerStorage.len = 200; },
+        "tracker name length 200 exceeds 128"},
+       {"long exporter name", [](E& e) { e.key.exporterStorage.len = 129; },
+        "exporter name length 129 exceeds 128"},
+       {"address family",
+        [](E& e) { e.key.collector.addr.family = static_cast<Pelto::IpGenAddr::Family>(9); },
+        "collector address family 9 is neither IPv4 nor IPv6"},
+       {"set count", [](E& e) { e.setEntryCount = 23; }, "set entry count 23 exceeds 22"},
+       {"set count, all ones", [](E& e) { e.setEntryCount = 255; },
+        "set entry count 255 exceeds 22"},
+       {"slot to reuse", [](E& e) { e.nextIdx = 22; },
+        "slot to reuse 22 is past the 22 set entries"},
+       {"set id", [](E& e) { e.setEntryStorage[0].setId = 255; },
+        "set entry 0 has set id 255, neither a template set id nor a data set id"},
+   };
+}
+
+CollectorStatisticsEntry goodEntry() {
+   CollectorStatisticsEntry e(key());
+   e.exportedMessageTotalCount = 4;
+   e.setEntryIs(set(2, 0));
+   e.setEntryIs(set(256, 7));
+   return e;
+}
+
+// Runs `fn` on the one live entry of the table `name`, in its shared memory.
+void inSharedMemory(std::string const& name, std::function<void(CollectorStatisticsEntry&)> fn) {
+   int const fd = shm_open(Mirra::shmTableDataName(name, 1).c_str(), O_RDWR, 0);
+   ASSERT_GE(fd, 0);
+   struct stat st {};
+   fstat(fd, &st);
+   void* p = mmap(nullptr, st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   close(fd);
+   ASSERT_NE(p, MAP_FAILED);
+   auto* base = static_cast<std::byte*>(p);
+   auto const& h = *reinterpret_cast<Mirra::ShmLayout::DataHeader*>(base);
+   int live = 0;
+   for (std::uint32_t i = 0; i < h.slotCount; ++i) {
+      std::byte* slot = base + h.slotsOffset + std::size_t{i} * h.slotSize;
+      if (reinterpret_cast<Mirra::ShmLayout::SlotHeader*>(slot)->state ==
+          Mirra::ShmLayout::slotLive) {
+         fn(*reinterpret_cast<CollectorStatisticsEntry*>(slot + h.valueOffset));
+         ++live;
+      }
+   }
+   munmap(p, st.st_size);
+   EXPECT_EQ(live, 1);
+}
+
+template <class F>
+std::string errorOf(F fn) {
+   try {
+      fn();
+   } catch (Kivo::Exception const& e) {
+      return e.what();
+   }
+   return "(no error)";
+}
+
+struct CollectorStatsTableTest : ::testing::Test {
+   std::string name = "/ipfix-test-collstats-" + std::to_string(getpid()) + "-" +
+                      ::testing::UnitTest::GetInstance()->current_test_info()->name();
+};
+
+}  // namespace
+
+// An entry damaged in shared memory never makes its own operations read or write past its
+// storage, and says what is wrong with it.
+TEST(CollectorStats, DamagedEntryStaysInsideItsStorageAndSaysWhatIsWrong) {
+   EXPECT_EQ(goodEntry().validationError(), "");
+   for (auto const& d : damagedEntries()) {
+      SCOPED_TRACE(d.what);
+      CollectorStatisticsEntry e = goodEntry();
+      d.damage(e);
+      EXPECT_EQ(e.validationError(), d.text);
+      // Whatever the counts say, nothing goes past the 22 slots or the 128 name bytes.
+      EXPECT_LE(e.key.tracker().size(), 128u);
+      EXPECT_LE(e.key.exporter().size(), 128u);
+      EXPECT_NE(e.toString().find("'exportedMessageTotalCount': 4"), std::string::npos);
+      EXPECT_NE(e.mirraString().find("msgs: 4"), std::string::npos);
+      EXPECT_EQ(e.setEntry(SetId(256)).exportedFlowRecordCount, 7u);
+      EXPECT_EQ(e.indexForSetId(SetId(300)), SetIndex::none());
+   }
+}
+
+// The writer's own table damaged by another process: the damaged entry reads as absent, so that
+// the exporter's next count replaces it instead of building on it.
+TEST_F(CollectorStatsTableTest, WriterTreatsADamagedEntryAsAbsent) {
+   for (auto const& d : damagedEntries()) {
+      SCOPED_TRACE(d.what);
+      auto table = Kivo::make<CollectorStatistics>(name);
+      ASSERT_TRUE(table->statsIs(goodEntry()));
+      inSharedMemory(name, d.damage);
+      EXPECT_EQ(table->stats(key()), std::nullopt);
+      ASSERT_TRUE(table->statsIs(goodEntry()));
+      EXPECT_EQ(table->stats(key()), goodEntry());
+   }
+}
+
+// Each case damages one field of the entry of a good table; a reader refuses it with the reason.
+TEST_F(CollectorStatsTableTest, ReaderRefusesADamagedEntryWithTheReason) {
+   auto cases = damagedEntries();
+   cases.push_back({"key", [](CollectorStatisticsEntry& e) { e.key.exporterIs("e2"); },
+                    "its key differs from the key of its slot"});
+   for (auto const& d : cases) {
+      SCOPED_TRACE(d.what);
+      auto table = Kivo::make<CollectorStatistics>(name);
+      ASSERT_TRUE(table->statsIs(goodEntry()));
+      CollectorStatisticsReader reader(name);
+      EXPECT_EQ(reader.stats(key()), goodEntry());
+      inSharedMemory(name, d.damage);
+      std::string const expected =
+          "collector statistics table " + name + ": damaged entry: " + d.text;
+      EXPECT_EQ(errorOf([&] { reader.allStats(); }), expected);
+      EXPECT_EQ(errorOf([&] { reader.stats(key()); }), expected);
+      EXPECT_EQ(reader.stats(key("t2")), std::nullopt);  // other keys still read
+   }
+}
+
+// The count a reader sizes its answer by, and the size of the segments, come from shared memory
+// too: a reader refuses them rather than allocating without end or faulting.
+TEST_F(CollectorStatsTableTest, ReaderRefusesALiveCountBeyondTheSlotsAndASegmentCutShort) {
+   auto table = Kivo::make<CollectorStatistics>(name, 4);
+   ASSERT_TRUE(table->statsIs(goodEntry()));
+   CollectorStatisticsReader reader(name);
+   EXPECT_EQ(reader.allStats().size(), 1u);
+   std::string const data = Mirra::shmTableDataName(name, 1);
+   int const fd = shm_open(data.c_str(), O_RDWR, 0);
+   ASSERT_GE(fd, 0);
+   struct stat st {};
+   fstat(fd, &st);
+   auto* h = static_cast<Mirra::ShmLayout::DataHeader*>(mmap(
+       nullptr, sizeof(Mirra::ShmLayout::DataHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+   h->liveCount = 0xfffffff0u;
+   EXPECT_EQ(errorOf([&] { reader.allStats(); }),
+             "shared-memory table " + data + ": live count 4294967280 exceeds the 8 slots");
+   h->liveCount = 1;
+   munmap(h, sizeof(Mirra::ShmLayout::DataHeader));
+   ASSERT_EQ(ftruncate(fd, 64), 0);
+   EXPECT_NE(errorOf([&] { reader.allStats(); }).find("data segment shrank to 64 bytes"),
+             std::string::npos);
+   EXPECT_NE(errorOf([&] { reader.stats(key()); }).find("data segment shrank to 64 bytes"),
+             std::string::npos);
+   ASSERT_EQ(ftruncate(fd, st.st_size), 0);
+   close(fd);
+   EXPECT_TRUE(reader.allStats().empty());  // backed again, with the cut part zero
 }

@@ -463,3 +463,352 @@ TEST_F(MirraShmTable, ForkedReaderNeverSeesATornEntry) {
    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
        << "status " << status << "; 1: torn entry, 2: went backwards, 3: never saw the end";
 }
+
+namespace {
+
+// The mode bits of a shared-memory object.
+unsigned modeOf(std::string const& name) {
+   int const fd = shm_open(name.c_str(), O_RDONLY, 0);
+   struct stat st {};
+   fstat(fd, &st);
+   close(fd);
+   return st.st_mode & 07777;
+}
+
+// Runs `fn(fd)` on a descriptor of the object `name` opened read-write.
+template <class F>
+void withFd(std::string const& name, F fn) {
+   int const fd = shm_open(name.c_str(), O_RDWR, 0);
+   ASSERT_GE(fd, 0) << name;
+   fn(fd);
+   close(fd);
+}
+
+// Leaves the table of a writer that is gone: a child creates it and is killed, never closing it.
+pid_t killedWritersTable(std::string const& name) {
+   int ready[2];
+   EXPECT_EQ(pipe(ready), 0);
+   pid_t const child = fork();
+   if (child == 0) {
+      Writer* w = new Writer(name, 16);
+      w->upsert(key(1), stats(1));
+      (void)!write(ready[1], "x", 1);
+      pause();
+      _exit(0);
+   }
+   char c = 0;
+   EXPECT_EQ(read(ready[0], &c, 1), 1);
+   close(ready[0]);
+   close(ready[1]);
+   kill(child, SIGKILL);
+   int status = 0;
+   EXPECT_EQ(waitpid(child, &status, 0), child);
+   EXPECT_TRUE(WIFSIGNALED(status));
+   return child;
+}
+
+}  // namespace
+
+// A segment cut short after the reader mapped it would raise SIGBUS on the next access; each pass
+// first checks that its mappings are still backed.
+TEST_F(MirraShmTable, SegmentsCutShortAfterOpeningAreRefusedNotFaultedOn) {
+   Writer w(name, 16);
+   fill(w, 0, 5);
+   Reader r(name);
+   EXPECT_EQ(iterated(r), range(0, 5));
+   std::size_t const dataBytes =
+       ShmLayout::slotsOffset() +
+       std::size_t{w.slotCount()} * ShmLayout::slotGeometry<Key, Stats>().slotSize;
+   withFd(w.dataSegmentName(), [&](int fd) { ASSERT_EQ(ftruncate(fd, 100), 0); });
+   std::string const shrank = "data segment shrank to 100 bytes, below the " +
+                              std::to_string(dataBytes) + " bytes its " +
+                              std::to_string(w.slotCount()) + " slots need";
+   expectRefused([&] { r.get(key(1)); }, shrank);
+   expectRefused([&] { iterated(r); }, shrank);
+   expectRefused([&] { r.changedSince(0); }, shrank);
+   expectRefused([&] { r.size(); }, shrank);
+   expectRefused([&] { Reader late(name); }, "needs");  // a new reader refuses it from the start
+   withFd(w.dataSegmentName(), [&](int fd) { ASSERT_EQ(ftruncate(fd, dataBytes), 0); });
+   EXPECT_EQ(r.get(key(1)), std::nullopt);  // whole again (its contents gone with the cut)
+
+   withFd(name, [&](int fd) { ASSERT_EQ(ftruncate(fd, 0), 0); });
+   std::string const controlShrank = "control segment shrank to 0 bytes, below the 48 bytes";
+   expectRefused([&] { r.get(key(1)); }, controlShrank);
+   expectRefused([&] { r.generation(); }, controlShrank);
+   expectRefused([&] { r.waitForChange(0, 10); }, controlShrank);
+   expectRefused([&] { r.writerClosed(); }, controlShrank);
+   // The writer trusts its own segments: give it back what it mapped.
+   withFd(name, [&](int fd) { ASSERT_EQ(ftruncate(fd, sizeof(ShmLayout::ControlHeader)), 0); });
+}
+
+// Fields a reader reads on every pass rather than once when it opens the table.
+TEST_F(MirraShmTable, LiveCountBeyondTheSlotsIsRefused) {
+   Writer w(name, 16);
+   fill(w, 0, 3);
+   Reader r(name);
+   EXPECT_EQ(r.size(), 3u);
+   rawMap<ShmLayout::DataHeader>(w.dataSegmentName())->liveCount = 0xffffffffu;
+   expectRefused([&] { r.size(); }, "live count 4294967295 exceeds the 32 slots");
+   EXPECT_EQ(iterated(r), range(0, 3));  // a walk does not depend on it
+}
+
+TEST_F(MirraShmTable, SegmentsOfAnotherUserOrWritableByOthersAreRefused) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "giving a segment to another user takes root";
+   }
+   constexpr uid_t other = 65534;
+   Writer w(name, 16);
+   w.upsert(key(1), stats(1));
+   auto chown = [](std::string const& n, uid_t uid) {
+      withFd(n, [&](int fd) { ASSERT_EQ(fchown(fd, uid, uid), 0); });
+   };
+   chown(w.dataSegmentName(), other);
+   expectRefused([&] { Reader r(name); }, "shared-memory table " + w.dataSegmentName() +
+                                              ": owned by uid 65534, not by root or the "
+                                              "writer's uid 0");
+   // Segments of the expected user, or of root, are believed.
+   EXPECT_TRUE(Reader(name, 1.0, KeyHash(), other).get(key(1)));
+   chown(name, other);
+   expectRefused([&] { Reader r(name); }, "shared-memory table " + name + ": owned by uid 65534");
+   expectRefused([&] { Reader r(name, 1.0, KeyHash(), 65533); },
+                 "owned by uid 65534, not by root or the writer's uid 65533");
+   EXPECT_TRUE(Reader(name, 1.0, KeyHash(), other).get(key(1)));
+   chown(name, 0);
+   chown(w.dataSegmentName(), 0);
+
+   for (std::string const& segment : {name, std::string(w.dataSegmentName())}) {
+      for (mode_t const mode : {0666, 0620}) {
+         withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, mode), 0); });
+         char text[64];
+         std::snprintf(text, sizeof(text), "writable by users other than its owner (mode 0%o)",
+                       mode);
+         expectRefused([&] { Reader r(name); }, text);
+      }
+      withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, 0644), 0); });
+   }
+   EXPECT_TRUE(Reader(name).get(key(1)));
+   // Another user may put anything under the name of a table not running yet.
+   Kivo::String const squatted = name + "-squatted";
+   int const fd = shm_open(squatted.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+   ASSERT_TRUE(fd >= 0 && fchown(fd, other, other) == 0 && !close(fd));
+   expectRefused([&] { Writer taken(squatted, 16); }, "taken by an object of uid 65534", EEXIST);
+   expectRefused([&] { Reader r(squatted); }, "owned by uid 65534");
+   shmUnlink(squatted);
+}
+
+// A show command run by any user reads the table of an agent running as root, even one started
+// under a strict umask, without being able to write to it.
+TEST_F(MirraShmTable, ReaderOfAnotherUserReadsARootTable) {
+   if (geteuid() != 0) {
+      GTEST_SKIP() << "running a reader as another user takes root";
+   }
+   mode_t const saved = umask(077);
+   Writer w(name, 16);
+   umask(saved);
+   w.upsert(key(1), stats(1, 3));
+   pid_t const child = fork();
+   if (child == 0) {
+      alarm(30);
+      int status = 9;
+      try {
+         status = setuid(65534) != 0                                    ? 1
+                  : Reader(name).get(key(1)).value_or(Stats()).seq != 3 ? 2
+                  : shm_open(name.c_str(), O_RDWR, 0) >= 0              ? 3
+                                                                        : 0;
+      } catch (std::exception const& e) {
+         std::fprintf(stderr, "reader: %s\n", e.what());
+         status = 4;
+      }
+      _exit(status);
+   }
+   int status = 0;
+   ASSERT_EQ(waitpid(child, &status, 0), child);
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+       << "status " << status << "; 2: wrong value, 3: could write, 4: refused";
+}
+
+// Whatever the umask, every segment the writer makes is readable by all and writable by it alone.
+TEST_F(MirraShmTable, SegmentsAreMode0644WhateverTheUmask) {
+   for (mode_t const mask : {mode_t{0}, mode_t{077}, mode_t{0277}}) {
+      mode_t const saved = umask(mask);
+      {
+         Writer w(name, 1);
+         fill(w, 0, 40);  // grows: a data segment made after the first
+         EXPECT_GT(w.slotCount(), 4u);
+         EXPECT_EQ(modeOf(name), 0644u) << std::oct << mask;
+         EXPECT_EQ(modeOf(w.dataSegmentName()), 0644u) << std::oct << mask;
+      }
+      umask(saved);
+   }
+}
+
+// Another process of the writer's user turns every empty slot into a tombstone, so no probe
+// sequence ends: the writer must neither spin nor lose an entry.
+TEST_F(MirraShmTable, WriterWhoseSlotsHaveNoEmptySlotLeftNeitherSpinsNorLosesEntries) {
+   Writer w(name, 16);
+   fill(w, 0, 10);
+   Reader r(name);
+   auto data = rawMap<std::byte>(w.dataSegmentName());
+   auto const& h = *reinterpret_cast<ShmLayout::DataHeader*>(data.get());
+   std::uint32_t damaged = 0;
+   for (std::uint32_t i = 0; i < h.slotCount; ++i) {
+      auto& s = *reinterpret_cast<ShmLayout::SlotHeader*>(data.get() + h.slotsOffset +
+                                                          std::size_t{i} * h.slotSize);
+      if (s.state == ShmLayout::slotEmpty) {
+         s.state = ShmLayout::slotDeleted;
+         ++damaged;
+      }
+   }
+   ASSERT_GT(damaged, 0u);
+   EXPECT_EQ(w.find(key(99)), nullptr);
+   EXPECT_FALSE(w.del(key(99)));
+   EXPECT_EQ(r.get(key(99)), std::nullopt);
+   EXPECT_EQ(found(w, 10), range(0, 10));
+   EXPECT_TRUE(w.upsert(key(99), stats(99)));  // rebuilds into a clean segment
+   Ids expected = range(0, 10);
+   expected.insert(99);
+   EXPECT_EQ(found(r, 100), expected);
+   EXPECT_EQ(iterated(w), expected);
+}
+
+// What a writer that is gone may leave under the name, each made from a killed writer's table.
+// None of it may keep a new writer out: only a live writer's lock does, whatever pid the control
+// segment names.
+TEST_F(MirraShmTable, WhatADeadWriterLeftNeverBlocksTheNextWriter) {
+   using C = ShmLayout::ControlHeader;
+   struct Case {
+      char const* what;
+      void (*leave)(std::string const& name);
+   } const cases[] = {
+       {"its table", [](std::string const&) {}},
+       {"its table naming a live pid",  // the pid has been reused
+        [](std::string const& n) { rawMap<C>(n)->writerPid = 1; }},
+       {"its table, closed", [](std::string const& n) { rawMap<C>(n)->closed = 1; }},
+       {"a control segment sized but not set up",
+        [](std::string const& n) { rawMap<C>(n)->magic = 0; }},
+       {"an empty control segment",
+        [](std::string const& n) { withFd(n, [](int fd) { ASSERT_EQ(ftruncate(fd, 0), 0); }); }},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.what);
+      pid_t const dead = killedWritersTable(name);
+      c.leave(name);
+      std::optional<Reader> stale;
+      if (std::string_view(c.what).starts_with("its table")) {
+         stale.emplace(name);
+         EXPECT_EQ(stale->writerPid(), c.what == cases[1].what ? 1 : dead);
+      }
+      {
+         Writer w(name, 16);
+         Reader r(name);
+         EXPECT_EQ(r.writerPid(), getpid());
+         EXPECT_EQ(r.size(), 0u);
+         EXPECT_TRUE(w.upsert(key(2), stats(2)));
+         EXPECT_EQ(found(r, 3), Ids{2});
+         expectRefused([&] { Writer second(name, 16); },
+                       "in use by writer pid " + std::to_string(getpid()), EEXIST);
+         if (stale) {  // a reader left on the dead table learns that it is over
+            EXPECT_TRUE(stale->writerClosed());
+            EXPECT_EQ(stale->waitForChange(stale->generation(), 10), std::nullopt);
+         }
+      }
+      EXPECT_FALSE(shmExists(name));
+      EXPECT_FALSE(shmExists(shmTableDataName(name, 1)));
+   }
+}
+
+namespace {
+
+constexpr int kRacers = 3;
+
+// Shared by the test and its racing writers.
+struct WriterRace {
+   std::atomic<int> go{0};
+   std::atomic<int> done{0};  // racers that have tried
+   // Per racer: 1 won and found its table intact after every loser was done, 2 lost with EEXIST
+   // "in use by", 3 won but its table changed, 4 any other outcome.
+   std::atomic<int> outcome[kRacers] = {};
+};
+
+// Spins until `cond`; false if it did not come within 20 s (a racer that hangs).
+template <class F>
+bool awaitCond(F cond) {
+   for (double const until = now() + 20; !cond();) {
+      if (now() > until) {
+         return false;
+      }
+      sched_yield();
+   }
+   return true;
+}
+
+int race(std::string const& name, WriterRace& race, int me) {
+   if (!awaitCond([&] { return race.go.load() != 0; })) {
+      return 4;
+   }
+   try {
+      Writer w(name, 16);
+      w.upsert(key(me), stats(me));
+      ++race.done;
+      if (!awaitCond([&] { return race.done.load() == kRacers; })) {
+         return 4;
+      }
+      Reader r(name);
+      return r.writerPid() == getpid() && found(r, kRacers) == Ids{std::uint32_t(me)} ? 1 : 3;
+   } catch (Kivo::ErrnoException const& e) {
+      ++race.done;
+      bool const lost =
+          e.error() == EEXIST && std::string_view(e.what()).find("in use by") != std::string::npos;
+      if (!lost) {
+         std::fprintf(stderr, "racer %d: %s\n", me, e.what());
+      }
+      return lost ? 2 : 4;
+   } catch (std::exception const& e) {
+      std::fprintf(stderr, "racer %d: %s\n", me, e.what());
+      return 4;
+   }
+}
+
+}  // namespace
+
+// Writers started together, over a killed writer's table or over nothing: the kernel's lock lets
+// exactly one through, the others are refused, and no loser touches the winner's table.
+TEST_F(MirraShmTable, WritersStartedTogetherExactlyOneWins) {
+   void* page =
+       mmap(nullptr, sizeof(WriterRace), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+   ASSERT_NE(page, MAP_FAILED);
+   constexpr int kTrials = 100;
+   int stale = 0;
+   for (int trial = 0; trial < kTrials; ++trial) {
+      if (trial % 4 != 3) {
+         killedWritersTable(name);
+         ++stale;
+      }
+      WriterRace& r = *new (page) WriterRace;
+      pid_t racers[kRacers];
+      for (int i = 0; i < kRacers; ++i) {
+         racers[i] = fork();
+         if (racers[i] == 0) {
+            alarm(60);
+            int const outcome = race(name, r, i);
+            r.outcome[i] = outcome;
+            _exit(0);
+         }
+      }
+      r.go = 1;
+      int won = 0, lost = 0;
+      for (int i = 0; i < kRacers; ++i) {
+         int status = 0;
+         ASSERT_EQ(waitpid(racers[i], &status, 0), racers[i]);
+         ASSERT_TRUE(WIFEXITED(status)) << "racer " << i << " status " << status;
+         won += r.outcome[i] == 1;
+         lost += r.outcome[i] == 2;
+      }
+      ASSERT_TRUE(won == 1 && lost == kRacers - 1)
+          << "trial " << trial << ": " << r.outcome[0] << " " << r.outcome[1] << " " << r.outcome[2]
+          << " (1 won, 2 lost, 3 table changed under the winner, 4 error)";
+      ASSERT_FALSE(shmExists(name)) << "the winner removes its table when it closes";
+   }
+   EXPECT_EQ(stale, 75);
+   munmap(page, sizeof(WriterRace));
+}

@@ -4,6 +4,7 @@
 #include <linux/futex.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -11,6 +12,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
 
@@ -68,6 +70,7 @@ void cpuRelax() {
 }
 
 // No such process. A pid of 0 or less was never a writer's (and kill() would signal a group).
+// Only for messages: whether a writer lives is its lock's to say.
 bool processGone(pid_t pid) {
    return pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH);
 }
@@ -91,8 +94,44 @@ String str(std::uint64_t v) {
    return std::to_string(v);
 }
 
+String octal(unsigned v) {
+   char buf[16];
+   std::snprintf(buf, sizeof(buf), "0%03o", v);
+   return buf;
+}
+
 [[noreturn]] void refuse(String const& name, String const& what) {
    throw Kivo::Exception("shared-memory table " + name + ": " + what);
+}
+
+// Another process may have removed the name, or put another object under it, since `fd` was
+// opened.
+bool nameRefersTo(String const& name, int fd) noexcept {
+   struct stat mine {};
+   struct stat named {};
+   if (fd < 0 || fstat(fd, &mine) != 0) {
+      return false;
+   }
+   int const other = shm_open(name.c_str(), O_RDONLY | O_NONBLOCK, 0);
+   if (other < 0) {
+      return false;
+   }
+   bool const same =
+       fstat(other, &named) == 0 && named.st_dev == mine.st_dev && named.st_ino == mine.st_ino;
+   close(other);
+   return same;
+}
+
+// Who holds the lock of a table, for the message that refuses a second writer. The pid is only
+// what the holder wrote: it may be missing while the holder sets the table up.
+String lockHolder(int fd) {
+   ControlHeader c{};
+   ssize_t const got = pread(fd, &c, sizeof(c), 0);
+   if (got >= static_cast<ssize_t>(offsetof(ControlHeader, writerPid) + sizeof(c.writerPid)) &&
+       c.writerPid > 0) {
+      return "writer pid " + std::to_string(c.writerPid);
+   }
+   return "a writer that is still setting it up";
 }
 
 // Checks that `m` is the control segment of a table with this geometry.
@@ -125,14 +164,11 @@ void checkControl(ShmMapping const& m, SlotGeometry const& g) {
    }
 }
 
-// Checks that `m` is data segment `serial` of a table with this geometry and that all of its
-// slots lie inside the mapping, and returns its header.
-DataHeader checkData(ShmMapping const& m, SlotGeometry const& g, std::uint32_t serial) {
-   if (m.size() < sizeof(DataHeader)) {
-      refuse(m.name(), "data segment of " + str(m.size()) +
-                           " bytes is too small for a table data header of " +
-                           str(sizeof(DataHeader)) + " bytes");
-   }
+// Checks that `m`, whose header is mapped, is data segment `serial` of a table with this geometry
+// and that all of its slots lie inside the object's `bytes`, and returns its header.
+DataHeader checkData(ShmMapping const& m, SlotGeometry const& g, std::uint32_t serial,
+                     std::size_t bytes) {
+   KIVO_ASSERT(m.size() >= sizeof(DataHeader));
    // The segment was complete before it was published; copy the header once and check the copy.
    DataHeader h;
    std::memcpy(&h, m.base(), sizeof(h));
@@ -171,9 +207,9 @@ DataHeader checkData(ShmMapping const& m, SlotGeometry const& g, std::uint32_t s
              "slots at offset " + str(h.slotsOffset) + ", expected " + str(slotsOffset()));
    }
    std::uint64_t const needed = h.slotsOffset + std::uint64_t{h.slotCount} * h.slotSize;
-   if (needed > m.size()) {
+   if (needed > bytes) {
       refuse(m.name(), "capacity of " + str(h.slotCount) + " slots needs " + str(needed) +
-                           " bytes but the segment has " + str(m.size()));
+                           " bytes but the segment has " + str(bytes));
    }
    return h;
 }
@@ -186,20 +222,26 @@ DataHeader checkData(ShmMapping const& m, SlotGeometry const& g, std::uint32_t s
 ShmMapping::ShmMapping(ShmMapping&& o) noexcept
     : name_(std::move(o.name_)),
       base_(std::exchange(o.base_, nullptr)),
-      size_(std::exchange(o.size_, 0)) {}
+      size_(std::exchange(o.size_, 0)),
+      fd_(std::exchange(o.fd_, -1)),
+      writable_(o.writable_) {}
 
 ShmMapping& ShmMapping::operator=(ShmMapping&& o) noexcept {
    if (this != &o) {
       unmap();
+      close();
       name_ = std::move(o.name_);
       base_ = std::exchange(o.base_, nullptr);
       size_ = std::exchange(o.size_, 0);
+      fd_ = std::exchange(o.fd_, -1);
+      writable_ = o.writable_;
    }
    return *this;
 }
 
 ShmMapping::~ShmMapping() {
    unmap();
+   close();
 }
 
 void ShmMapping::unmap() noexcept {
@@ -210,16 +252,30 @@ void ShmMapping::unmap() noexcept {
    size_ = 0;
 }
 
+void ShmMapping::close() noexcept {
+   if (fd_ >= 0) {
+      ::close(fd_);
+   }
+   fd_ = -1;
+}
+
 ShmMapping ShmMapping::create(String const& name, std::size_t bytes, mode_t mode) {
+   KIVO_ASSERT((mode & (S_IWGRP | S_IWOTH)) == 0);
    int const fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, mode);
    if (fd < 0) {
       throw Kivo::ErrnoException(errno, "creating shared-memory object " + name);
    }
    ShmMapping m;
    m.name_ = name;
+   m.fd_ = fd;
+   m.writable_ = true;
    int error = 0;
    char const* step = nullptr;
-   if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+   // The umask has had its say in shm_open; the mode is the table's own, so set it exactly.
+   if (fchmod(fd, mode) != 0) {
+      error = errno;
+      step = "setting the mode of";
+   } else if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
       error = errno;
       step = "sizing";
    } else if ((error = posix_fallocate(fd, 0, static_cast<off_t>(bytes))) != 0) {
@@ -234,9 +290,8 @@ ShmMapping ShmMapping::create(String const& name, std::size_t bytes, mode_t mode
          m.size_ = bytes;
       }
    }
-   close(fd);
    if (step) {
-      shm_unlink(name.c_str());
+      m.unlinkName();
       throw Kivo::ErrnoException(
           error, String(step) + " shared-memory object " + name + " (" + str(bytes) + " bytes)");
    }
@@ -244,34 +299,82 @@ ShmMapping ShmMapping::create(String const& name, std::size_t bytes, mode_t mode
 }
 
 ShmMapping ShmMapping::open(String const& name, bool writable) {
-   int const fd = shm_open(name.c_str(), writable ? O_RDWR : O_RDONLY, 0);
+   int const fd = shm_open(name.c_str(), (writable ? O_RDWR : O_RDONLY) | O_NONBLOCK, 0);
    if (fd < 0) {
       throw Kivo::ErrnoException(errno, "opening shared-memory object " + name);
    }
-   ShmMapping m;
-   m.name_ = name;
-   struct stat st {};
-   int error = 0;
-   char const* step = nullptr;
-   if (fstat(fd, &st) != 0) {
-      error = errno;
-      step = "examining";
-   } else if (st.st_size > 0) {
-      auto const bytes = static_cast<std::size_t>(st.st_size);
-      void* p = mmap(nullptr, bytes, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, fd, 0);
-      if (p == MAP_FAILED) {
-         error = errno;
-         step = "mapping";
-      } else {
-         m.base_ = static_cast<std::byte*>(p);
-         m.size_ = bytes;
-      }
-   }
-   close(fd);
-   if (step) {
-      throw Kivo::ErrnoException(error, String(step) + " shared-memory object " + name);
+   ShmMapping m = adopt(name, fd, 0, writable);
+   if (std::size_t const bytes = m.objectSize(); bytes > 0) {
+      m.mapPrefix(bytes);
    }
    return m;
+}
+
+// Not blocking: a FIFO under the name would otherwise hang the open; it is refused below.
+ShmMapping ShmMapping::openTrusted(String const& name, bool writable, uid_t ownerUid) {
+   int const fd = shm_open(name.c_str(), (writable ? O_RDWR : O_RDONLY) | O_NONBLOCK, 0);
+   if (fd < 0) {
+      throw Kivo::ErrnoException(errno, "opening shared-memory object " + name);
+   }
+   ShmMapping m = adopt(name, fd, 0, writable);
+   struct stat st {};
+   if (fstat(fd, &st) != 0) {
+      throw Kivo::ErrnoException(errno, "examining shared-memory object " + name);
+   }
+   if (!S_ISREG(st.st_mode)) {
+      refuse(name, "not a shared-memory object (mode " + octal(st.st_mode) + ")");
+   }
+   if (st.st_uid != 0 && st.st_uid != ownerUid) {
+      refuse(name, "owned by uid " + str(st.st_uid) + ", not by root or the writer's uid " +
+                       str(ownerUid));
+   }
+   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+      refuse(name,
+             "writable by users other than its owner (mode " + octal(st.st_mode & 07777) + ")");
+   }
+   return m;
+}
+
+ShmMapping ShmMapping::adopt(String const& name, int fd, std::size_t bytes, bool writable) {
+   ShmMapping m;
+   m.name_ = name;
+   m.fd_ = fd;
+   m.writable_ = writable;
+   if (bytes > 0) {
+      m.mapPrefix(bytes);
+   }
+   return m;
+}
+
+void ShmMapping::mapPrefix(std::size_t bytes) {
+   KIVO_ASSERT(fd_ >= 0 && bytes > 0);
+   std::size_t const now = objectSize();
+   if (now < bytes) {
+      refuse(name_, "object of " + str(now) + " bytes is too small to map " + str(bytes));
+   }
+   void* p = mmap(nullptr, bytes, PROT_READ | (writable_ ? PROT_WRITE : 0), MAP_SHARED, fd_, 0);
+   if (p == MAP_FAILED) {
+      throw Kivo::ErrnoException(errno, "mapping shared-memory object " + name_);
+   }
+   unmap();
+   base_ = static_cast<std::byte*>(p);
+   size_ = bytes;
+}
+
+std::size_t ShmMapping::objectSize() const {
+   struct stat st {};
+   if (fstat(fd_, &st) != 0) {
+      throw Kivo::ErrnoException(errno, "examining shared-memory object " + name_);
+   }
+   return static_cast<std::size_t>(st.st_size);
+}
+
+bool ShmMapping::nameIsThisObject() const noexcept {
+   return nameRefersTo(name_, fd_);
+}
+
+bool ShmMapping::unlinkName() const noexcept {
+   return nameIsThisObject() && shm_unlink(name_.c_str()) == 0;
 }
 
 bool shmUnlink(String const& name) noexcept {
@@ -297,12 +400,12 @@ ShmTableWriterCore::ShmTableWriterCore(String baseName, SlotGeometry geometry,
    KIVO_ASSERT(1 <= initialCapacity && initialCapacity <= maxCapacity &&
                maxCapacity <= maxCapacityLimit());
    maxSlotCount_ = slotsFor(maxCapacity_);
-   createControl();
+   acquireControl_p();
    std::uint32_t const slots = slotsFor(initialCapacity);
    try {
       data_ = createData(1, slots);
    } catch (...) {
-      shmUnlink(baseName_);
+      control_.unlinkName();
       throw;
    }
    serial_ = 1;
@@ -325,62 +428,119 @@ ShmTableWriterCore::~ShmTableWriterCore() {
    store(c.closed, 1u, std::memory_order_seq_cst);
    // A new generation too, so that a reader about to sleep on the old one does not.
    store(c.generation, generation_ + 1, std::memory_order_seq_cst);
-   shmUnlink(data_.name());
-   shmUnlink(baseName_);
+   // Still under the lock, which goes with control_ after this: no other writer can have put
+   // anything under these names, and the checks keep it that way should one misbehave.
+   data_.unlinkName();
+   control_.unlinkName();
    wakeAll(c.generation);
    KTRACE(facility(), 3, "closed shared-memory table " << baseName_);
 }
 
-void ShmTableWriterCore::createControl() {
-   for (int attempt = 0;; ++attempt) {
-      try {
-         control_ = ShmMapping::create(baseName_, sizeof(ControlHeader), 0644);
-         break;
-      } catch (Kivo::ErrnoException const& e) {
-         if (e.error() != EEXIST || attempt == 2) {
-            throw;
-         }
+// Makes this writer the one writer of the table name. The name is opened (created when missing)
+// and locked without waiting: the lock says whether a writer lives, whatever the control segment
+// says. Once locked, the object must still be the one under the name (a writer that closed, or
+// one that cleared away what a dead writer left, unlinks the object it locked); then this writer
+// owns it and sets it up when it is empty, or removes what a dead writer left and starts again.
+void ShmTableWriterCore::acquireControl_p() {
+   // Each round that does not end here found the name replaced or removed what was left there.
+   // With one writer at a time that takes two rounds; a name changing more often than this is
+   // being fought over.
+   constexpr int rounds = 16;
+   for (int round = 0; round < rounds; ++round) {
+      int const fd = shm_open(baseName_.c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0644);
+      if (fd < 0) {
+         throw Kivo::ErrnoException(errno, "opening shared-memory table " + baseName_);
       }
-      replaceStale();
+      // Closes the descriptor, and with it the lock, on every way out but success.
+      ShmMapping held = ShmMapping::adopt(baseName_, fd, 0, true);
+      struct stat st {};
+      if (fstat(fd, &st) != 0) {
+         throw Kivo::ErrnoException(errno, "examining shared-memory table " + baseName_);
+      }
+      if (!S_ISREG(st.st_mode) || st.st_uid != geteuid()) {
+         throw Kivo::ErrnoException(EEXIST, "creating shared-memory table " + baseName_ +
+                                                ": the name is taken by an object of uid " +
+                                                str(st.st_uid) + ", mode " + octal(st.st_mode) +
+                                                "; this writer runs as uid " + str(geteuid()));
+      }
+      if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+         int const error = errno;
+         if (error == EWOULDBLOCK) {
+            throw Kivo::ErrnoException(EEXIST, "creating shared-memory table " + baseName_ +
+                                                   ": in use by " + lockHolder(fd));
+         }
+         throw Kivo::ErrnoException(error, "locking shared-memory table " + baseName_);
+      }
+      if (!held.nameIsThisObject()) {
+         continue;  // removed (or replaced) by the writer that held it before
+      }
+      std::size_t const bytes = held.objectSize();
+      if (bytes > 0) {
+         retireStale_p(fd, bytes);
+         held.unlinkName();
+         continue;
+      }
+      // Empty: created by this writer a moment ago, or by one that died before sizing it.
+      if (fchmod(fd, 0644) != 0 || ftruncate(fd, sizeof(ControlHeader)) != 0) {
+         int const error = errno;
+         held.unlinkName();
+         throw Kivo::ErrnoException(error, "sizing shared-memory table " + baseName_);
+      }
+      if (int const error = posix_fallocate(fd, 0, sizeof(ControlHeader)); error != 0) {
+         held.unlinkName();
+         throw Kivo::ErrnoException(error, "allocating shared-memory table " + baseName_);
+      }
+      held.mapPrefix(sizeof(ControlHeader));
+      control_ = std::move(held);
+      ControlHeader& c = control();
+      c.layoutVersion = layoutVersion();
+      c.headerSize = sizeof(ControlHeader);
+      c.writerPid = getpid();
+      c.keySize = geometry_.keySize;
+      c.valueSize = geometry_.valueSize;
+      return;
    }
-   ControlHeader& c = control();
-   c.layoutVersion = layoutVersion();
-   c.headerSize = sizeof(ControlHeader);
-   c.writerPid = getpid();
-   c.keySize = geometry_.keySize;
-   c.valueSize = geometry_.valueSize;
+   throw Kivo::ErrnoException(EAGAIN, "creating shared-memory table " + baseName_ +
+                                          ": the name kept changing under this writer");
 }
 
-// The name is taken. Removes the table there if its writer is gone; refuses anything else.
-void ShmTableWriterCore::replaceStale() {
-   ShmMapping old;
-   try {
-      old = ShmMapping::open(baseName_, false);
-   } catch (Kivo::ErrnoException const& e) {
-      if (e.error() == ENOENT) {
-         return;  // gone already
-      }
-      throw;
-   }
-   auto const& c = *reinterpret_cast<ControlHeader const*>(old.base());
-   if (old.size() < sizeof(ControlHeader) || load(c.magic) != controlMagic()) {
+// This writer holds the lock of `fd`, the object under the name, which has `bytes` in it: what a
+// writer that is gone left there. A table (of any layout version) or a control segment set up
+// only part way (sized, magic not yet written) is cleared away, with the data segments it names;
+// anything else is not this writer's to remove.
+void ShmTableWriterCore::retireStale_p(int fd, std::size_t bytes) {
+   ControlHeader c{};
+   ssize_t const got = pread(fd, &c, sizeof(c), 0);
+   bool const table = got >= static_cast<ssize_t>(sizeof(c.magic)) && c.magic == controlMagic();
+   bool const partial =
+       bytes == sizeof(c) && got == static_cast<ssize_t>(sizeof(c)) && c.magic == 0;
+   if (!table && !partial) {
       throw Kivo::ErrnoException(EEXIST, "creating shared-memory table " + baseName_ +
                                              ": the name is taken by something else");
    }
-   pid_t const pid = load(c.writerPid);
-   bool const closed = load(c.closed) != 0;
-   if (!closed && !processGone(pid)) {
-      throw Kivo::ErrnoException(EEXIST, "creating shared-memory table " + baseName_ +
-                                             ": in use by writer pid " + std::to_string(pid));
-   }
-   std::uint32_t const serial = load(c.dataSerial);
    KTRACE(facility(), 1,
-          "replacing shared-memory table " << baseName_ << " left behind by writer pid " << pid
-                                           << (closed ? " (closed)" : " (gone)"));
+          "replacing shared-memory table " << baseName_ << " left behind by writer pid "
+                                           << c.writerPid
+                                           << (!table     ? " (not set up)"
+                                               : c.closed ? " (closed)"
+                                                          : " (gone)"));
+   bool const thisLayout = got == static_cast<ssize_t>(sizeof(c)) &&
+                           c.layoutVersion == layoutVersion() && c.headerSize == sizeof(c);
+   if (!table || !thisLayout) {
+      return;
+   }
    // Its current data segment, and the next one in case it died while building it.
-   shmUnlink(shmTableDataName(baseName_, serial));
-   shmUnlink(shmTableDataName(baseName_, serial + 1));
-   shmUnlink(baseName_);
+   shmUnlink(shmTableDataName(baseName_, c.dataSerial));
+   shmUnlink(shmTableDataName(baseName_, c.dataSerial + 1));
+   // Readers still on it learn that it will not change again.
+   void* p = mmap(nullptr, sizeof(c), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   if (p != MAP_FAILED) {
+      auto& shared = *static_cast<ControlHeader*>(p);
+      store(shared.closed, 1u, std::memory_order_seq_cst);
+      store(shared.generation, load(shared.generation) + 1, std::memory_order_seq_cst);
+      wakeAll(shared.generation);
+      munmap(p, sizeof(c));
+   }
 }
 
 ShmMapping ShmTableWriterCore::createData(std::uint32_t serial, std::uint32_t slotCount) {
@@ -448,9 +608,16 @@ bool ShmTableWriterCore::insert(std::uint32_t hash, void const* key, void const*
    if ((std::uint64_t{used_} + 1) * 4 > std::uint64_t{slotCount_} * 3 && !rebuild()) {
       return false;
    }
-   std::uint32_t i = home(hash);
-   while (headerAt(i)->state != slotEmpty) {
-      i = next(i);
+   std::uint32_t i = emptySlot_p(hash);
+   if (i == noSlot()) {
+      // The count leaves room, so another process has damaged the slots; a rebuild keeps what is
+      // live in them and starts a clean segment.
+      KTRACE(facility(), 1,
+             "shared-memory table " << data_.name() << " has no empty slot left for " << live_
+                                    << " entries; rebuilding it");
+      if (!rebuild() || (i = emptySlot_p(hash)) == noSlot()) {
+         return false;
+      }
    }
    SlotHeader* s = headerAt(i);
    ++generation_;
@@ -465,6 +632,18 @@ bool ShmTableWriterCore::insert(std::uint32_t hash, void const* key, void const*
    ++used_;
    publish();
    return true;
+}
+
+// The first empty slot of the probe sequence of `hash`, or noSlot() when a walk over every slot
+// found none.
+std::uint32_t ShmTableWriterCore::emptySlot_p(std::uint32_t hash) const {
+   std::uint32_t i = home(hash);
+   for (std::uint32_t n = 0; n < slotCount_; ++n, i = next(i)) {
+      if (headerAt(i)->state == slotEmpty) {
+         return i;
+      }
+   }
+   return noSlot();
 }
 
 bool ShmTableWriterCore::update(std::uint32_t i, void const* value) {
@@ -524,10 +703,16 @@ bool ShmTableWriterCore::eraseAll() {
 }
 
 // Moves the live entries to a new data segment with room for at least one more, twice as many
-// slots as live entries when the maximum allows, leaving the tombstones behind.
+// slots as live entries when the maximum allows, leaving the tombstones behind. The live slots
+// are counted in the segment rather than taken from live_, which another process that damaged
+// the segment cannot change; entries beyond what the largest segment holds are dropped.
 bool ShmTableWriterCore::rebuild() {
+   std::uint32_t liveSlots = 0;
+   for (std::uint32_t i = 0; i < slotCount_; ++i) {
+      liveSlots += headerAt(i)->state == slotLive ? 1 : 0;
+   }
    std::uint64_t want = slotCount_;
-   while ((std::uint64_t{live_} + 1) * 2 > want && want < maxSlotCount_) {
+   while ((std::uint64_t{liveSlots} + 1) * 2 > want && want < maxSlotCount_) {
       want *= 2;
    }
    auto const slots = static_cast<std::uint32_t>(want);
@@ -542,31 +727,39 @@ bool ShmTableWriterCore::rebuild() {
    }
    unsigned const shift = homeShift(slots);
    std::byte* const slotsBase = next.base() + slotsOffset();
-   for (std::uint32_t i = 0; i < slotCount_; ++i) {
+   auto newHeader = [&](std::uint32_t j) {
+      return reinterpret_cast<SlotHeader*>(slotsBase + std::size_t{j} * geometry_.slotSize);
+   };
+   std::uint32_t moved = 0;
+   for (std::uint32_t i = 0; i < slotCount_ && moved + 1 < slots; ++i) {
       SlotHeader const* s = headerAt(i);
       if (s->state != slotLive) {
          continue;
       }
       std::uint32_t j = ShmLayout::home(s->hash, shift);
-      while (
-          reinterpret_cast<SlotHeader*>(slotsBase + std::size_t{j} * geometry_.slotSize)->state !=
-          slotEmpty) {
+      while (newHeader(j)->state != slotEmpty) {  // ends: one slot at least is still empty
          j = (j + 1) & (slots - 1);
       }
-      std::memcpy(slotsBase + std::size_t{j} * geometry_.slotSize, slotAt(i), geometry_.slotSize);
+      std::memcpy(newHeader(j), slotAt(i), geometry_.slotSize);
+      ++moved;
    }
-   reinterpret_cast<DataHeader*>(next.base())->liveCount = live_;
+   if (moved < liveSlots) {
+      KTRACE(facility(), 1,
+             "shared-memory table " << baseName_ << " dropped " << liveSlots - moved
+                                    << " entries of a damaged segment that did not fit");
+   }
+   reinterpret_cast<DataHeader*>(next.base())->liveCount = moved;
    // From here on readers that look at the control segment go to the new segment; readers still
    // on the old one keep their mapping of it after the name is gone.
    store(dataHeader().successor, serial_ + 1);
    store(control().dataSerial, serial_ + 1);
-   String const old = data_.name();
-   data_ = std::move(next);
-   shmUnlink(old);
+   ShmMapping const old = std::exchange(data_, std::move(next));
+   old.unlinkName();
    ++serial_;
    slotCount_ = slots;
    shift_ = shift;
-   used_ = live_;
+   live_ = moved;
+   used_ = moved;
    KTRACE(facility(), 3,
           "shared-memory table " << baseName_ << " moved to " << data_.name() << ": " << slots
                                  << " slots for " << live_ << " entries");
@@ -577,35 +770,73 @@ bool ShmTableWriterCore::rebuild() {
 // ShmTableReaderCore
 
 ShmTableReaderCore::ShmTableReaderCore(String baseName, SlotGeometry geometry,
-                                       double stallLimitSeconds)
-    : baseName_(std::move(baseName)), geometry_(geometry), stallLimit_(stallLimitSeconds) {
+                                       double stallLimitSeconds, std::optional<uid_t> writerUid)
+    : baseName_(std::move(baseName)),
+      geometry_(geometry),
+      stallLimit_(stallLimitSeconds),
+      writerUid_(writerUid.value_or(geteuid())) {
    KIVO_ASSERT(stallLimitSeconds > 0);
    // Writable only to register in `waiters`; a reader without write access polls instead.
    try {
-      control_ = ShmMapping::open(baseName_, true);
+      control_ = ShmMapping::openTrusted(baseName_, true, writerUid_);
    } catch (Kivo::ErrnoException const& e) {
       if (e.error() != EACCES) {
          throw;
       }
-      control_ = ShmMapping::open(baseName_, false);
+      control_ = ShmMapping::openTrusted(baseName_, false, writerUid_);
       canRegister_ = false;
    }
+   if (std::size_t const bytes = control_.objectSize(); bytes < sizeof(ControlHeader)) {
+      refuse(baseName_, "control segment of " + str(bytes) +
+                            " bytes is too small for a table control header of " +
+                            str(sizeof(ControlHeader)) + " bytes");
+   }
+   control_.mapPrefix(sizeof(ControlHeader));
    checkControl(control_, geometry_);
    mapData(load(control().dataSerial));
 }
 
 void ShmTableReaderCore::refresh() {
+   checkControlSize_p();
    std::uint32_t const serial = load(control().dataSerial);
    if (serial != serial_) {
       mapData(serial);
+   }
+   checkDataSize_p();
+}
+
+// A segment cut short under a mapping turns every access past its new end into SIGBUS, so each
+// pass first makes sure the whole mapping is still backed. (A segment can only be cut short by
+// its owner, the writer's user or root, which readers trust not to do so in the middle of a pass.)
+void ShmTableReaderCore::checkControlSize_p() const {
+   if (std::size_t const bytes = control_.objectSize(); bytes < control_.size()) {
+      refuse(control_.name(), "control segment shrank to " + str(bytes) + " bytes, below the " +
+                                  str(control_.size()) + " bytes of its header");
+   }
+}
+
+void ShmTableReaderCore::checkDataSize_p() const {
+   if (std::size_t const bytes = data_.objectSize(); bytes < data_.size()) {
+      refuse(data_.name(), "data segment shrank to " + str(bytes) + " bytes, below the " +
+                               str(data_.size()) + " bytes its " + str(slotCount_) + " slots need");
    }
 }
 
 void ShmTableReaderCore::mapData(std::uint32_t serial) {
    for (int attempt = 0;; ++attempt) {
       try {
-         ShmMapping m = ShmMapping::open(shmTableDataName(baseName_, serial), false);
-         DataHeader const h = checkData(m, geometry_, serial);
+         ShmMapping m =
+             ShmMapping::openTrusted(shmTableDataName(baseName_, serial), false, writerUid_);
+         std::size_t const bytes = m.objectSize();
+         if (bytes < sizeof(DataHeader)) {
+            refuse(m.name(), "data segment of " + str(bytes) +
+                                 " bytes is too small for a table data header of " +
+                                 str(sizeof(DataHeader)) + " bytes");
+         }
+         m.mapPrefix(sizeof(DataHeader));
+         DataHeader const h = checkData(m, geometry_, serial, bytes);
+         // Only the slots: whatever lies past them is none of this reader's business.
+         m.mapPrefix(h.slotsOffset + std::size_t{h.slotCount} * h.slotSize);
          data_ = std::move(m);
          serial_ = serial;
          slotCount_ = h.slotCount;
@@ -626,18 +857,25 @@ void ShmTableReaderCore::mapData(std::uint32_t serial) {
 }
 
 std::uint32_t ShmTableReaderCore::liveCount() const {
-   return load(reinterpret_cast<DataHeader const*>(data_.base())->liveCount);
+   std::uint32_t const n = load(reinterpret_cast<DataHeader const*>(data_.base())->liveCount);
+   if (n > slotCount_) {
+      refuse(data_.name(), "live count " + str(n) + " exceeds the " + str(slotCount_) + " slots");
+   }
+   return n;
 }
 
 std::uint64_t ShmTableReaderCore::generation() const {
+   checkControlSize_p();
    return load(control().generation);
 }
 
 pid_t ShmTableReaderCore::writerPid() const {
+   checkControlSize_p();
    return load(control().writerPid);
 }
 
 bool ShmTableReaderCore::writerClosed() const {
+   checkControlSize_p();
    return load(control().closed) != 0;
 }
 
@@ -649,6 +887,7 @@ std::optional<std::uint64_t> ShmTableReaderCore::waitForChange(std::uint64_t las
    auto const timeoutNs = static_cast<std::uint64_t>(std::min(timeoutSeconds, 1e9) * 1e9);
    std::uint64_t const deadline = monotonicNs() + timeoutNs;
    for (;;) {
+      checkControlSize_p();
       if (load(c.closed, std::memory_order_seq_cst) != 0) {
          return std::nullopt;
       }

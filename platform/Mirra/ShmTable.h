@@ -25,9 +25,22 @@
 // maximum capacity is reached or shared memory cannot be had), inserting a new key is refused
 // and traced, and the table keeps everything it had.
 //
-// The writer's pid is recorded in the control segment: a writer that finds a table whose writer
-// has died takes its name over, and refuses one whose writer still runs. A pid reused by another
-// process since the writer died makes the stale table look alive; remove it by hand then.
+// One writer per table name, decided by the kernel: the writer holds an exclusive advisory lock
+// (flock) on its control segment for as long as it lives, and the kernel drops the lock when the
+// writer exits or dies, however it dies. A writer that gets the lock on the object the name refers
+// to owns the name: it replaces whatever a dead writer left there (a table, or a control segment it
+// had only begun to set up) and later unlinks only objects it created and still holds. A writer
+// that finds the lock taken is refused. The pid in the control segment is for people and readers
+// only; nothing decides on it. The lock belongs to the open control segment, which a child forked
+// from the writer shares until it exits or execs (the descriptor closes on exec).
+//
+// Readers treat every byte of shared memory as untrusted. They believe only segments owned by root
+// or by the writer's user (by default the reader's own effective uid) that no other user can
+// write, check the size of each segment before every pass over it (a segment cut short while
+// mapped would otherwise kill the reader with SIGBUS), validate every header field, count and
+// index before use, and bound every walk over the slots. Anything wrong is a Kivo::Exception
+// saying, on one line, which segment and what is wrong. The writer bounds its walks too, so that a
+// segment damaged by another process of its user cannot make it spin.
 //
 // Failures to create or open segments are Kivo::ErrnoException; a segment that is not a table of
 // these keys and values, or is damaged, is refused with a Kivo::Exception saying what is wrong.
@@ -52,8 +65,10 @@
 
 namespace Mirra {
 
-// One POSIX shared-memory object mapped into this process. Destruction unmaps it; the object
-// itself stays until it is unlinked.
+// One POSIX shared-memory object, open and mapped into this process. The descriptor stays open
+// with the mapping, so that the object's size can be checked again later and a lock on it lasts as
+// long as the mapping. Destruction unmaps it and closes the descriptor; the object itself stays
+// until it is unlinked.
 class ShmMapping {
  public:
    ShmMapping() = default;
@@ -64,13 +79,32 @@ class ShmMapping {
    ~ShmMapping();
 
    // Creates `name`, which must not exist yet, with `bytes` of zeroed memory set aside for it and
-   // maps it read-write. Setting the memory aside now turns a shortage into an error here rather
-   // than a SIGBUS on first touch. Throws Kivo::ErrnoException (EEXIST when the name is taken);
-   // on failure nothing is left behind.
+   // maps it read-write. The object gets exactly `mode`, whatever the process's umask. Setting the
+   // memory aside now turns a shortage into an error here rather than a SIGBUS on first touch.
+   // Throws Kivo::ErrnoException (EEXIST when the name is taken); on failure nothing is left
+   // behind. REQUIRES: `mode` lets no one but the owner write.
    static ShmMapping create(Kivo::String const& name, std::size_t bytes, mode_t mode);
    // Maps all of an existing object (nothing at all when it is empty). Throws
    // Kivo::ErrnoException.
    static ShmMapping open(Kivo::String const& name, bool writable);
+   // Opens an existing object that a reader may believe, mapping nothing yet: it must be owned by
+   // root or by `ownerUid`, and no one but its owner may write it. Throws Kivo::ErrnoException
+   // when it cannot be opened, Kivo::Exception when it is not to be believed.
+   static ShmMapping openTrusted(Kivo::String const& name, bool writable, uid_t ownerUid);
+   // Takes over `fd`, an open descriptor of `name` (closed when this goes), and maps its first
+   // `bytes` (nothing when 0). Throws as mapPrefix does; `fd` is closed then too.
+   static ShmMapping adopt(Kivo::String const& name, int fd, std::size_t bytes, bool writable);
+
+   // Maps the first `bytes` of the object in place of the current mapping. Throws
+   // Kivo::Exception when the object is smaller now, Kivo::ErrnoException when mapping fails.
+   void mapPrefix(std::size_t bytes);
+   // The size of the object now, which may differ from size() if another process resized it.
+   // Throws Kivo::ErrnoException.
+   std::size_t objectSize() const;
+   // The name still refers to this object (it was not unlinked, or replaced by another).
+   bool nameIsThisObject() const noexcept;
+   // Unlinks the name, but only while it still refers to this object; false when it did not.
+   bool unlinkName() const noexcept;
 
    Kivo::String const& name() const { return name_; }
    std::byte* base() const { return base_; }
@@ -78,10 +112,13 @@ class ShmMapping {
 
  private:
    void unmap() noexcept;
+   void close() noexcept;
 
    Kivo::String name_;
    std::byte* base_ = nullptr;
    std::size_t size_ = 0;
+   int fd_ = -1;
+   bool writable_ = false;
 };
 
 // Removes the shared-memory object `name`; false when there was none (or it could not be removed).
@@ -94,14 +131,16 @@ Kivo::String shmTableDataName(Kivo::String const& baseName, std::uint32_t serial
 // generations and the slot protocol. Keys are bytes here; ShmTableWriter compares them.
 class ShmTableWriterCore {
  public:
-   // Creates the table `baseName` ("/name": a leading slash and no other). An existing table
-   // whose writer has died is replaced; one whose writer lives is refused (EEXIST), as is an
-   // object by that name that is not a table. REQUIRES: 1 <= initialCapacity <= maxCapacity <=
-   // maxCapacityLimit().
+   // Creates the table `baseName` ("/name": a leading slash and no other) and holds its lock
+   // until destroyed. What a writer that is gone left under the name (a table, an empty or
+   // half-made control segment) is replaced. Refused with EEXIST: a name whose lock a live writer
+   // holds, and an object by that name that is not a table or belongs to another user.
+   // REQUIRES: 1 <= initialCapacity <= maxCapacity <= maxCapacityLimit().
    ShmTableWriterCore(Kivo::String baseName, ShmLayout::SlotGeometry geometry,
                       std::uint32_t initialCapacity, std::uint32_t maxCapacity);
-   // Marks the table closed, wakes sleeping readers and unlinks every segment. In a child forked
-   // from the writer's process it only unmaps: the table stays its creator's.
+   // Marks the table closed, wakes sleeping readers and unlinks its segments (those the names
+   // still refer to), then lets the lock go. In a child forked from the writer's process it only
+   // unmaps: the table stays its creator's.
    ~ShmTableWriterCore();
    ShmTableWriterCore(ShmTableWriterCore const&) = delete;
    ShmTableWriterCore& operator=(ShmTableWriterCore const&) = delete;
@@ -116,6 +155,9 @@ class ShmTableWriterCore {
    std::uint32_t maxCapacity() const { return maxCapacity_; }
    std::uint64_t generation() const { return generation_; }
 
+   // What a probe returns when it walked every slot without finding the key or an empty slot.
+   static constexpr std::uint32_t noSlot() { return ~std::uint32_t{0}; }
+
    std::uint32_t home(std::uint32_t hash) const { return ShmLayout::home(hash, shift_); }
    std::uint32_t next(std::uint32_t i) const { return (i + 1) & (slotCount_ - 1); }
    ShmLayout::SlotHeader const& header(std::uint32_t i) const { return *headerAt(i); }
@@ -125,8 +167,8 @@ class ShmTableWriterCore {
    // Each change below is one new generation. Slot indexes are valid until the next change.
 
    // Adds a key that is not in the table, building a bigger data segment first when the slots
-   // are full. False, with the table unchanged, when the table is at its maximum capacity or
-   // cannot grow.
+   // are full (or have no empty slot left because another process damaged them). False, with the
+   // table unchanged, when the table is at its maximum capacity or cannot grow.
    bool insert(std::uint32_t hash, void const* key, void const* value);
    // Gives the key in slot `i`, live or deleted, this value; a deleted key comes back, unless
    // the table is at its maximum capacity (false, table unchanged).
@@ -153,8 +195,9 @@ class ShmTableWriterCore {
    ShmLayout::DataHeader& dataHeader() const {
       return *reinterpret_cast<ShmLayout::DataHeader*>(data_.base());
    }
-   void createControl();
-   void replaceStale();
+   void acquireControl_p();
+   void retireStale_p(int fd, std::size_t bytes);
+   std::uint32_t emptySlot_p(std::uint32_t hash) const;
    ShmMapping createData(std::uint32_t serial, std::uint32_t slotCount);
    bool rebuild();
    void beginWrite(ShmLayout::SlotHeader* s);
@@ -182,14 +225,18 @@ class ShmTableReaderCore {
  public:
    // Opens the table `baseName` and its current data segment. Throws Kivo::ErrnoException when
    // they cannot be opened (ENOENT: no such table) and Kivo::Exception when they are not a table
-   // of this geometry or are damaged. A slot left mid-write for longer than `stallLimitSeconds`
+   // of this geometry, are damaged, or are not owned by root or `writerUid` (by default this
+   // process's effective uid) alone. A slot left mid-write for longer than `stallLimitSeconds`
    // makes a read throw.
    ShmTableReaderCore(Kivo::String baseName, ShmLayout::SlotGeometry geometry,
-                      double stallLimitSeconds);
+                      double stallLimitSeconds, std::optional<uid_t> writerUid = std::nullopt);
    ShmTableReaderCore(ShmTableReaderCore const&) = delete;
    ShmTableReaderCore& operator=(ShmTableReaderCore const&) = delete;
 
-   // Moves to the writer's current data segment if it has built a new one.
+   // Starts a pass over the table: checks that both segments are still as large as their
+   // mappings and moves to the writer's current data segment if it has built a new one. Throws
+   // Kivo::Exception when a segment has shrunk. Every operation below that reads the segments
+   // calls it (or checks the control segment) first.
    void refresh();
 
    Kivo::String const& baseName() const { return baseName_; }
@@ -198,6 +245,7 @@ class ShmTableReaderCore {
    std::uint32_t home(std::uint32_t hash) const { return ShmLayout::home(hash, shift_); }
    std::uint32_t next(std::uint32_t i) const { return (i + 1) & (slotCount_ - 1); }
    std::uint64_t baseGeneration() const { return baseGeneration_; }
+   // The writer's count of entries. Throws Kivo::Exception when it exceeds the slots.
    std::uint32_t liveCount() const;
    std::uint64_t generation() const;
    pid_t writerPid() const;
@@ -232,11 +280,14 @@ class ShmTableReaderCore {
       return *reinterpret_cast<ShmLayout::ControlHeader*>(control_.base());
    }
    void mapData(std::uint32_t serial);
+   void checkControlSize_p() const;
+   void checkDataSize_p() const;
    void backOff(std::uint32_t i, unsigned attempt, std::uint64_t& stallStart) const;
 
    Kivo::String baseName_;
    ShmLayout::SlotGeometry geometry_;
    double stallLimit_;
+   uid_t writerUid_;
    ShmMapping control_;
    bool canRegister_ = true;  // control mapped writable: this reader can ask to be woken
    ShmMapping data_;
@@ -361,17 +412,21 @@ class ShmTableWriter : public Kivo::Object {
       return *std::launder(reinterpret_cast<Key const*>(core_.keyAt(i)));
    }
    // The slot holding `key` (live or deleted) and true, or the empty slot ending its probe
-   // sequence and false. The writer always leaves an empty slot, so the walk ends.
+   // sequence and false. The writer always leaves an empty slot, but another process may have
+   // damaged the segment: the walk visits each slot once at most and then ends with noSlot().
    std::pair<std::uint32_t, bool> probe(Key const& key, std::uint32_t h) const {
-      for (std::uint32_t i = core_.home(h);; i = core_.next(i)) {
+      std::uint32_t i = core_.home(h);
+      for (std::uint32_t n = 0; n < core_.slotCount(); ++n, i = core_.next(i)) {
          ShmLayout::SlotHeader const& s = core_.header(i);
          if (s.state == ShmLayout::slotEmpty) {
             return {i, false};
          }
-         if (s.hash == h && keyAt(i) == key) {
+         if ((s.state == ShmLayout::slotLive || s.state == ShmLayout::slotDeleted) && s.hash == h &&
+             keyAt(i) == key) {
             return {i, true};
          }
       }
+      return {ShmTableWriterCore::noSlot(), false};
    }
 
    Hash hash_;
@@ -391,12 +446,16 @@ class ShmTableReader : public Kivo::Object {
 
    // Opens the table `baseName`. Throws Kivo::ErrnoException when there is no such table (ENOENT)
    // or it cannot be opened, Kivo::Exception when the segments are not a table of these keys and
-   // values or are damaged. An operation that finds an entry mid-write for longer than
-   // `stallLimitSeconds` throws Kivo::Exception.
+   // values, are damaged, or are owned by anyone but root and `writerUid` (by default this
+   // process's effective uid) or writable by anyone else. An operation that finds an entry
+   // mid-write for longer than `stallLimitSeconds` throws Kivo::Exception, and so does one that
+   // finds a segment shrunk or damaged. Keys and values come out as raw bytes of shared memory:
+   // the caller validates them before it relies on them.
    explicit ShmTableReader(Kivo::String baseName, double stallLimitSeconds = 1.0,
-                           Hash hash = Hash())
+                           Hash hash = Hash(), std::optional<uid_t> writerUid = std::nullopt)
        : hash_(std::move(hash)),
-         core_(std::move(baseName), ShmLayout::slotGeometry<Key, Value>(), stallLimitSeconds) {}
+         core_(std::move(baseName), ShmLayout::slotGeometry<Key, Value>(), stallLimitSeconds,
+               writerUid) {}
 
    // The value of `key`, or nothing when the table does not hold it.
    std::optional<Value> get(Key const& key) {
@@ -429,7 +488,7 @@ class ShmTableReader : public Kivo::Object {
       return std::nullopt;
    }
 
-   // The number of entries, as the writer last counted them.
+   // The number of entries, as the writer last counted them (at most the number of slots).
    std::uint32_t size() {
       core_.refresh();
       return core_.liveCount();
@@ -485,6 +544,7 @@ class ShmTableReader : public Kivo::Object {
       return c;
    }
 
+   // Throws Kivo::Exception when the control segment has shrunk.
    std::uint64_t generation() const { return core_.generation(); }
    // Sleeps until the generation differs from `lastGen` and returns the new one, or returns
    // nothing once `timeoutSeconds` have passed or the writer has closed the table.
