@@ -6,14 +6,12 @@
 
 namespace Agent {
 
-std::string vrfNetNs(std::string const& vrf) {
-   if (Ip::AllVrfStatusLocal::isDefaultVrf(vrf)) {
-      return {};
-   }
-   return "ns-" + vrf;
-}
-
 namespace {
+
+// The loader has refused every VRF name the component would refuse.
+std::string vrfNetNs(std::string const& vrf) {
+   return FlowTracking::netNsForVrf(vrf);
+}
 
 template <class Map, class Fn>
 void forRemovedKeys(Map const& prev, Map const& next, Fn fn) {

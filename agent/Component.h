@@ -34,9 +34,6 @@
 
 namespace Agent {
 
-// The network namespace a VRF's sockets live in: "" for the default VRF, else "ns-<vrf>".
-std::string vrfNetNs(std::string const& vrf);
-
 class Component {
  public:
    // Network namespaces that exist, by name, with an identity that changes when a namespace is

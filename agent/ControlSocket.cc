@@ -70,6 +70,16 @@ std::string defaultControlSocketPath(std::string const& table) {
    return dir + table + ".sock";
 }
 
+std::string collectorText(Mirra::Ipfix::CollectorInfo const& c) {
+   if (c.addr.isV4()) {
+      return Pelto::IpAndPort(c.addr.v4(), c.port).toString();
+   }
+   if (c.addr.isV6()) {
+      return Pelto::Ip6AndPort(c.addr.v6(), c.port).toString();
+   }
+   return ":" + std::to_string(c.port);
+}
+
 struct ControlSocket::Client {
    int fd = -1;
    std::string in;
@@ -81,8 +91,8 @@ struct ControlSocket::Client {
 ControlSocket::ControlSocket(Orbo::EventLoop& loop, Kivo::Ptr<Orbo::TaskScheduler> scheduler,
                              std::string path, Component& component)
     : loop_(loop), path_(std::move(path)), component_(component) {
-   flushTask_ = Kivo::make<Orbo::Task>(std::move(scheduler), 3, "controlFlushTask",
-                                       [this] { handleFlush_(); });
+   serviceTask_ = Kivo::make<Orbo::Task>(std::move(scheduler), 3, "controlServiceTask",
+                                         [this] { handleService_(); });
    sockaddr_un const sa = socketAddress(path_);
    struct stat st {};
    if (lstat(path_.c_str(), &st) == 0) {
@@ -112,7 +122,7 @@ ControlSocket::ControlSocket(Orbo::EventLoop& loop, Kivo::Ptr<Orbo::TaskSchedule
 }
 
 ControlSocket::~ControlSocket() {
-   flushTask_ = nullptr;
+   serviceTask_ = nullptr;
    while (!clients_.empty()) {
       clientDel_(clients_.begin()->first);
    }
@@ -160,10 +170,20 @@ void ControlSocket::handleReadable_(int fd) {
    if (n > 0) {
       c.in.append(buf, static_cast<std::size_t>(n));
    }
+   if (!serve_(c)) {
+      clientDel_(fd);
+   }
+}
+
+bool ControlSocket::serve_(Client& c) {
    int handled = 0;
-   for (std::size_t nl; !c.closing && handled < requestsPerWakeup() &&
-                        (nl = c.in.find('\n')) != std::string::npos;
-        ++handled) {
+   std::size_t nl = 0;
+   while (!c.closing && (nl = c.in.find('\n')) != std::string::npos) {
+      if (handled++ == requestsPerWakeup()) {
+         // The rest on a later pass, so that other work runs in between.
+         serviceTask_->scheduleTask();
+         break;
+      }
       std::string const line = c.in.substr(0, nl);
       c.in.erase(0, nl + 1);
       if (line.size() > maxRequestBytes()) {
@@ -175,14 +195,12 @@ void ControlSocket::handleReadable_(int fd) {
       }
       c.out += handleRequest(line) + "\n";
    }
-   if (!c.closing && c.in.size() > maxRequestBytes()) {
+   if (!c.closing && c.in.find('\n') == std::string::npos && c.in.size() > maxRequestBytes()) {
       c.out += errorReply("request longer than " + std::to_string(maxRequestBytes()) + " bytes") +
                "\n";
       c.closing = true;
    }
-   if (!flush_(c)) {
-      clientDel_(fd);
-   }
+   return flush_(c);
 }
 
 bool ControlSocket::flush_(Client& c) {
@@ -198,7 +216,7 @@ bool ControlSocket::flush_(Client& c) {
          if (c.stalledSince == 0) {
             c.stalledSince = now;
          }
-         flushTask_->scheduleTaskLowestDelay(flushRetry());
+         serviceTask_->scheduleTaskLowestDelay(flushRetry());
          return c.out.size() <= maxPendingReplyBytes() && now - c.stalledSince < maxStall();
       }
       c.out.erase(0, static_cast<std::size_t>(n));
@@ -207,12 +225,10 @@ bool ControlSocket::flush_(Client& c) {
    return !c.closing;
 }
 
-void ControlSocket::handleFlush_() {
+void ControlSocket::handleService_() {
    std::vector<int> drop;
    for (auto& [fd, c] : clients_) {
-      if (!c->out.empty() && !flush_(*c)) {
-         drop.push_back(fd);
-      } else if (c->out.empty() && c->closing) {
+      if (!serve_(*c)) {
          drop.push_back(fd);
       }
    }
@@ -345,7 +361,7 @@ std::string ControlSocket::clear_(std::string const& tracker, std::string const&
       if (match) {
          cleared.push_back(json{{"tracker", k.tracker()},
                                 {"exporter", k.exporter()},
-                                {"collector", std::string(k.collector.toString())}});
+                                {"collector", collectorText(k.collector)}});
       }
    });
    req.requestTime = Kivo::currentTime();

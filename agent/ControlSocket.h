@@ -30,6 +30,9 @@ namespace Agent {
 // writable. One name finds both the table and the agent that writes it.
 std::string defaultControlSocketPath(std::string const& table);
 
+// A collector as operators write it: "10.0.0.1:4739" or "[2001:db8::1]:4739".
+std::string collectorText(Mirra::Ipfix::CollectorInfo const& c);
+
 class ControlSocket {
  public:
    static constexpr std::size_t maxRequestBytes() { return 4096; }
@@ -60,9 +63,11 @@ class ControlSocket {
 
    void handleAccept_();
    void handleReadable_(int fd);
-   // Writes what it can of the client's replies; false when the client is to be dropped.
+   // Answers the client's complete requests, a bounded number at a time, and writes what it can
+   // of the replies; false when the client is to be dropped.
+   bool serve_(Client& c);
    bool flush_(Client& c);
-   void handleFlush_();
+   void handleService_();
    void clientDel_(int fd);
    std::string status_();
    std::string clear_(std::string const& tracker, std::string const& exporter,
@@ -73,7 +78,8 @@ class ControlSocket {
    Component& component_;
    int fd_ = -1;
    std::map<int, std::unique_ptr<Client>> clients_;
-   Kivo::Ptr<Orbo::Task> flushTask_;
+   // Serves clients with requests or replies left over from an earlier wakeup.
+   Kivo::Ptr<Orbo::Task> serviceTask_;
 };
 
 }  // namespace Agent

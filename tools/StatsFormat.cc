@@ -1,5 +1,7 @@
 #include "tools/StatsFormat.h"
 
+#include "agent/ControlSocket.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -17,7 +19,7 @@ bool isClearTimeEntry(Entry const& e) {
 }
 
 std::string collectorText(Entry const& e) {
-   return e.key.collector.toString();
+   return Agent::collectorText(e.key.collector);
 }
 
 std::vector<Mirra::Ipfix::CollectorSetStatisticsEntry> setEntries(Entry const& e) {
