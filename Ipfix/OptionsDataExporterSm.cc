@@ -14,14 +14,15 @@ Dualog::Facility& facility() {
    return f;
 }
 
-// Room a message leaves for the IPv6 and UDP headers under the MTU.
-constexpr std::uint32_t ipAndUdpHeaders = 48;
 constexpr std::uint32_t defaultActiveIntervalMs = 300000;
 
 }  // namespace
 
 #define TRACE_ODE(level, expr) \
    KTRACE(facility(), level, "OptionsDataExporterSm " << traceId() << ": " << expr)
+// The line every handler traces on entry.
+#define TRACE_HANDLER(handler) \
+   KTRACE(facility(), 5, "OptionsDataExporterSm::" handler " for " << traceId())
 
 // ---------------------------------------------------------------------------------------------
 // Message building
@@ -130,8 +131,7 @@ Kivo::Ptr<Collector> OptionsDataExporterSm::collector(Kivo::String const& name) 
 }
 
 std::uint16_t OptionsDataExporterSm::maxMsgSize() const {
-   std::uint32_t const mtu = hwExpConfig_ ? hwExpConfig_->ipfixMtu() : 0;
-   return static_cast<std::uint16_t>(mtu > ipAndUdpHeaders ? mtu - ipAndUdpHeaders : 0);
+   return maxMsgSizeForMtu(hwExpConfig_ ? hwExpConfig_->ipfixMtu() : 0);
 }
 
 bool OptionsDataExporterSm::v4Ready() const {
@@ -147,7 +147,7 @@ bool OptionsDataExporterSm::v6Ready() const {
 }
 
 void OptionsDataExporterSm::handleInitialized() {
-   TRACE_ODE(5, "handleInitialized");
+   TRACE_HANDLER("handleInitialized");
    collectorUpdateTask_ = Kivo::make<Orbo::Task>(
        taskScheduler_, 3, "optionsDataExporterCollectorUpdate-" + expName_ + "-" + ftName_,
        [this] { processCollectorQueue(); });
@@ -164,21 +164,18 @@ void OptionsDataExporterSm::handleInitialized() {
    for (auto const& [scope, coll] : dataContainer_->data()) {
       reactor_.watch(coll->onSource(), [this](Kivo::String const&) { handleSourceChange(); });
       for (auto const& [name, source] : coll->sources()) {
-         reactor_.watch(source->onVersion(), [this] { msgCacheValid_ = false; });
+         reactor_.watch(source->onVersion(), [this] { handleSourceVersion(); });
       }
    }
-   reactor_.watch(expInfo_->onCollInfo(), [this](Kivo::String const& name) {
-      watchCollInfo_p(name);
-      handleCollector(name);
-   });
+   reactor_.watch(expInfo_->onCollInfo(),
+                  [this](Kivo::String const& name) { handleCollInfo(name); });
    for (auto const& name : expInfo_->collInfoColl().keys()) {
       watchCollInfo_p(name);
    }
-   // Readiness follows the modules: a new module may make a family ready.
-   reactor_.watch(expInfo_->onUdpPam4(), [this] { maybeSchedulePeriodic(); });
-   reactor_.watch(expInfo_->onUdpPam6(), [this] { maybeSchedulePeriodic(); });
+   reactor_.watch(expInfo_->onUdpPam4(), [this] { handleUdpPam4(); });
+   reactor_.watch(expInfo_->onUdpPam6(), [this] { handleUdpPam6(); });
    if (hwExpConfig_) {
-      reactor_.watch(hwExpConfig_->onIpfixMtu(), [this] { msgCacheValid_ = false; });
+      reactor_.watch(hwExpConfig_->onIpfixMtu(), [this] { handleIpfixMtu(); });
       reactor_.watch(hwExpConfig_->onSrcIp4(), [this] { handleSrc4(); });
       reactor_.watch(hwExpConfig_->onSrcIp6(), [this] { handleSrc6(); });
       auto coll = [this](Kivo::String const& name) { handleCollector(name); };
@@ -186,7 +183,7 @@ void OptionsDataExporterSm::handleInitialized() {
       reactor_.watch(hwExpConfig_->onCollector6(), coll);
    }
    if (hwFtConfig_) {
-      reactor_.watch(hwFtConfig_->onActiveInterval(), [this] { maybeSchedulePeriodic(); });
+      reactor_.watch(hwFtConfig_->onActiveInterval(), [this] { handleActiveInterval(); });
    }
    initialized_ = true;
    for (auto const& name : expInfo_->collInfoColl().keys()) {
@@ -204,7 +201,41 @@ void OptionsDataExporterSm::watchCollInfo_p(Kivo::String const& name) {
    }
 }
 
+void OptionsDataExporterSm::handleCollInfo(Kivo::String const& name) {
+   TRACE_HANDLER("handleCollInfo");
+   watchCollInfo_p(name);
+   handleCollector(name);
+}
+
+void OptionsDataExporterSm::handleSourceVersion() {
+   TRACE_HANDLER("handleSourceVersion");
+   msgCacheValid_ = false;
+}
+
+// Messages of the new size from the next full transmission on.
+void OptionsDataExporterSm::handleIpfixMtu() {
+   TRACE_HANDLER("handleIpfixMtu");
+   msgCacheValid_ = false;
+}
+
+void OptionsDataExporterSm::handleActiveInterval() {
+   TRACE_HANDLER("handleActiveInterval");
+   maybeSchedulePeriodic();
+}
+
+// Readiness follows the modules: a new module may make a family ready, a closed one unready.
+void OptionsDataExporterSm::handleUdpPam4() {
+   TRACE_HANDLER("handleUdpPam4");
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::handleUdpPam6() {
+   TRACE_HANDLER("handleUdpPam6");
+   maybeSchedulePeriodic();
+}
+
 void OptionsDataExporterSm::handleSourceChange() {
+   TRACE_HANDLER("handleSourceChange");
    if (initialized_) {
       KIVO_ASSERT(!"data source changed after init!");
    }
@@ -261,12 +292,13 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
       for (auto const& [name, source] : coll->sources()) {
          for (DataRecordPtr const& record : source->dataRecord()) {
             std::uint32_t consumed = builder.addSetRecord(source->dataSetId(), record);
-            if (consumed == 0) {
+            if (consumed == 0 && !builder.empty()) {
                msgCache_.push_back(builder.finalizeMsg());
                builder.startMsg();
                consumed = builder.addSetRecord(source->dataSetId(), record);
-               KIVO_ASSERT(consumed > 0);
             }
+            // Not even an empty message holds it: the MTU is below minIpfixMtuForRecord().
+            KIVO_ASSERT(consumed > 0);
          }
       }
    }
@@ -311,6 +343,7 @@ void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper const& msgWra
 }
 
 void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
+   TRACE_HANDLER("handleUpdateData");
    KIVO_ASSERT(initialized());
    Kivo::Ptr<OptionsDataUpdate> const u = dataContainer_->update().get(scope);
    if (!u || !u->record()) {
@@ -349,12 +382,12 @@ void OptionsDataExporterSm::flushUpdateQueue() {
       while (queue.records() > 0) {
          DataRecordPtr const record = queue.recordFront();
          std::uint32_t consumed = builder.addSetRecord(queue.setId(), record);
-         if (consumed == 0) {
+         if (consumed == 0 && !builder.empty()) {
             sendMessageToCollectors(*builder.finalizeMsg());
             builder.startMsg();
             consumed = builder.addSetRecord(queue.setId(), record);
-            KIVO_ASSERT(consumed > 0);
          }
+         KIVO_ASSERT(consumed > 0);
          queue.recordDeq();
          updateQueueBytes_ -= record->dataLen();
          if (taskScheduler_->taskShouldYield()) {
@@ -402,10 +435,9 @@ bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
    }();
    Kivo::Ptr<Collector> const existing = collector(name);
    std::set<Kivo::String>& family = v6 ? collector6_ : collector4_;
-   TRACE_ODE(6, (v6 ? "handleCollector6 " : "handleCollector4 ")
-                    << name << ", exists:" << static_cast<bool>(existing) << ", collInfo:"
-                    << static_cast<bool>(ci) << ", dst:" << (dst ? dst->toString() : "none")
-                    << ", templateSent:" << (ci && ci->optTemplateSent()));
+   TRACE_ODE(6, name << ", exists:" << static_cast<bool>(existing) << ", collInfo:"
+                     << static_cast<bool>(ci) << ", dst:" << (dst ? dst->toString() : "none")
+                     << ", templateSent:" << (ci && ci->optTemplateSent()));
    if (!dst || dst->isZero() || !ci || !ci->optTemplateSent()) {
       dropCollector_p(name, family);
       return false;
@@ -432,14 +464,17 @@ bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
 }
 
 bool OptionsDataExporterSm::handleCollector4(Kivo::String const& name) {
+   TRACE_HANDLER("handleCollector4");
    return handleCollectorFamily_p<false>(name);
 }
 
 bool OptionsDataExporterSm::handleCollector6(Kivo::String const& name) {
+   TRACE_HANDLER("handleCollector6");
    return handleCollectorFamily_p<true>(name);
 }
 
 void OptionsDataExporterSm::handleCollector(Kivo::String const& name) {
+   TRACE_HANDLER("handleCollector");
    if (!initialized_) {
       return;
    }
@@ -489,10 +524,12 @@ void OptionsDataExporterSm::handleSrc_p() {
 }
 
 void OptionsDataExporterSm::handleSrc4() {
+   TRACE_HANDLER("handleSrc4");
    handleSrc_p<false>();
 }
 
 void OptionsDataExporterSm::handleSrc6() {
+   TRACE_HANDLER("handleSrc6");
    handleSrc_p<true>();
 }
 

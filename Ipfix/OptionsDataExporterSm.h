@@ -33,6 +33,27 @@ constexpr double defaultUpdateDataCoalesceTime() {
    return 1.0;
 }
 
+// Octets of an exporter's MTU left for the headers below IPFIX: an IPv6 header (40) and a UDP
+// header (8), the larger of the two families, so one message size serves both.
+constexpr std::uint32_t ipAndUdpHeaderLen() {
+   return 48;
+}
+
+// The largest message for an exporter MTU of `ipfixMtu` octets: the MTU less the IP and UDP
+// headers, taken as 16 bits like the message length field. So 1500 gives 1452, 65583 gives 65535;
+// an MTU of 48 or less, or above 65583, wraps around (0 gives 65488, 48 and 65584 give 0).
+constexpr std::uint16_t maxMsgSizeForMtu(std::uint32_t ipfixMtu) {
+   return static_cast<std::uint16_t>(ipfixMtu - ipAndUdpHeaderLen());
+}
+
+// The smallest MTU whose messages carry one data record of `recordLen` octets: the IP and UDP
+// headers, the message header, one set header and the record. A message size below that stops
+// the process at the first record that does not fit an empty message ("consumed > 0").
+constexpr std::uint32_t minIpfixMtuForRecord(std::uint32_t recordLen) {
+   return ipAndUdpHeaderLen() + Pelto::IpfixConst::messageHeaderLen() +
+          Pelto::IpfixConst::setHeaderLen() + recordLen;
+}
+
 class OptionsDataExporterSm;
 
 // The data records of one set id in one message.
@@ -139,7 +160,8 @@ class OptionsDataExporterSm : public Kivo::Object {
                          Kivo::Ptr<Orbo::TaskScheduler> taskScheduler);
    ~OptionsDataExporterSm() override;
 
-   Kivo::String traceId() const { return expName_ + " for " + ftName_; }
+   // Heads every trace line: tracker and exporter, as the other per-exporter state machines.
+   Kivo::String traceId() const { return ftName_ + " for " + expName_; }
    Kivo::String const& expName() const { return expName_; }
    Kivo::String const& ftName() const { return ftName_; }
    Mirra::Ipfix::CollectorStatistics& collStats() const { return *collStats_; }
@@ -159,7 +181,7 @@ class OptionsDataExporterSm : public Kivo::Object {
    Kivo::Ptr<Orbo::Task> const& txPeriodicTask() const { return txPeriodicTask_; }
    Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
 
-   // Largest message: the exporter's MTU less room for an IPv6 and a UDP header.
+   // Largest message: maxMsgSizeForMtu() of the exporter's MTU (of 0 without a configuration).
    std::uint16_t maxMsgSize() const;
    bool v4Ready() const;
    bool v6Ready() const;
@@ -173,6 +195,12 @@ class OptionsDataExporterSm : public Kivo::Object {
    bool handleCollector6(Kivo::String const& name);
    void handleSrc4();
    void handleSrc6();
+   void handleCollInfo(Kivo::String const& name);
+   void handleSourceVersion();
+   void handleIpfixMtu();
+   void handleActiveInterval();
+   void handleUdpPam4();
+   void handleUdpPam6();
 
    void maybeBeginPeriodicTransmission();
    void maybeSchedulePeriodic();

@@ -16,7 +16,7 @@ Dualog::Facility& fac(char const* name) {
 // FtOptionsDataManagerSm
 
 FtOptionsDataManagerSm::FtOptionsDataManagerSm(
-    Kivo::String ftName, FtId ftId, Kivo::Ptr<HwFlowTracking::Config const> hwConfig,
+    Kivo::String ftName, Kivo::Ptr<HwFlowTracking::Config const> hwConfig,
     Kivo::Ptr<HwFlowTracking::Status const> hwStatus,
     Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig,
     Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus,
@@ -24,7 +24,6 @@ FtOptionsDataManagerSm::FtOptionsDataManagerSm(
     Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats,
     Kivo::Ptr<OptionsDataContainer> dataContainer, Kivo::Ptr<Orbo::TaskScheduler> scheduler)
     : ftName_(std::move(ftName)),
-      ftId_(ftId),
       hwConfig_(std::move(hwConfig)),
       hwStatus_(std::move(hwStatus)),
       hwFtConfig_(std::move(hwFtConfig)),
@@ -80,7 +79,8 @@ void FtOptionsDataManagerSm::handleExpConfig(Kivo::String const& expName) {
                                                          << ", expInfo:" << bool(info));
    if (cfg && info) {
       if (!exporterSm_.has(expName)) {
-         // The tracker's id as configured now: it may have been set after this manager was made.
+         // The tracker's id as configured now, as the template exporters of this exporter take
+         // it: it may have been set after this manager was made.
          auto sm = optionsDataExporterSmFactory(expName, ftName_, hwFtConfig_->ftId(), hwFtConfig_,
                                                 cfg, info, collStats_, dataContainer_, scheduler_);
          sm->updateDataCoalesceTimeIs(defaultUpdateDataCoalesceTime());
@@ -166,9 +166,9 @@ void OptionsDataManagerSm::handleTracker(Kivo::String const& ftName) {
       container->updateIs(dataAll_->globalUpdate());
       container->updateIs(trackerData->update());
       ftManagerSm_.put(
-          ftName, Kivo::make<FtOptionsDataManagerSm>(
-                      ftName, ftConfig->ftId(), hwConfig_, hwStatus_, ftConfig, ftStatus, ftInfo,
-                      flowTrackingInfo_->ftrType(), collStats_, container, scheduler_));
+          ftName, Kivo::make<FtOptionsDataManagerSm>(ftName, hwConfig_, hwStatus_, ftConfig,
+                                                     ftStatus, ftInfo, flowTrackingInfo_->ftrType(),
+                                                     collStats_, container, scheduler_));
       return;
    }
    dataAll_->trackerDataDel(ftName);

@@ -10,6 +10,8 @@
 // sources to stay fixed. Trackers and exporters come and go at any time.
 #pragma once
 
+#include <algorithm>
+
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
@@ -23,10 +25,28 @@
 
 namespace FlowTracking {
 
+// The longest options data record any source makes from valid input: the flow tracker table's
+// row of a tracker with a 128-octet name, 149 octets.
+constexpr std::uint32_t maxOptionsDataRecordLen() {
+   return std::max({InterfaceTableSm::maxDataRecordLen(), VrfTableSm::maxDataRecordLen(),
+                    FlowTrackerTableSm::maxDataRecordLen(), FlowKeySm::maxDataRecordLen()});
+}
+
+// The smallest exporter MTU (HwFlowTracking::ExporterConfig::ipfixMtu) that carries every
+// record: 48 + 16 + 4 + 149 = 217. A smaller one stops the process at the first record that
+// does not fit an empty message; the agent refuses it.
+constexpr std::uint32_t minIpfixMtu() {
+   return minIpfixMtuForRecord(maxOptionsDataRecordLen());
+}
+static_assert(minIpfixMtu() == 217);
+
+// Each exporter's options data goes out under the tracker id that hwFtConfig holds when the
+// exporter is made, the id its data and options templates go out under too: a writer creates a
+// tracker's configuration before it sets the id, so an id taken when the tracker is first served
+// can be the 0 of an unset one.
 class FtOptionsDataManagerSm : public Kivo::Object {
  public:
-   FtOptionsDataManagerSm(Kivo::String ftName, FtId ftId,
-                          Kivo::Ptr<HwFlowTracking::Config const> hwConfig,
+   FtOptionsDataManagerSm(Kivo::String ftName, Kivo::Ptr<HwFlowTracking::Config const> hwConfig,
                           Kivo::Ptr<HwFlowTracking::Status const> hwStatus,
                           Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig,
                           Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus,
@@ -51,7 +71,6 @@ class FtOptionsDataManagerSm : public Kivo::Object {
    void initFlowTrackerTableSm();
 
    Kivo::String ftName_;
-   FtId ftId_;
    Kivo::Ptr<HwFlowTracking::Config const> hwConfig_;
    Kivo::Ptr<HwFlowTracking::Status const> hwStatus_;
    Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig_;

@@ -45,6 +45,7 @@ class Hex {
 };
 
 constexpr std::size_t recordLen = sizeof(std::uint16_t) + sizeof(std::uint64_t);
+static_assert(recordLen == FlowKeySm::maxDataRecordLen());
 
 }  // namespace
 

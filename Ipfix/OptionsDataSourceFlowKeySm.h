@@ -33,6 +33,8 @@ class FlowKeySm : public Kivo::Object {
 
    // Template id of the flow key's options template; updates are posted under it.
    static TemplateId setId();
+   // Every record: template id and the 64-bit bitmap.
+   static constexpr std::uint32_t maxDataRecordLen() { return 2 + 8; }
    // The flow key bitmap bit(s) that the field at `position` sets.
    static std::uint64_t flowKeyBit(std::uint32_t position);
 

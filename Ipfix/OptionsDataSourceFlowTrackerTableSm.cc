@@ -23,6 +23,7 @@ constexpr std::uint32_t samplingSize = 1;
 // Octets of the record besides the name.
 constexpr std::size_t fixedRecordLen = 4 + 1 + 2 + 2 + 2 + 4 + 4 + 2;
 static_assert(fixedRecordLen == 21);
+static_assert(FlowTrackerTableSm::maxDataRecordLen() <= fixedRecordLen + 254);
 
 template <class BaseType>
 void addBigEndian(std::uint8_t** pos, std::uint8_t const* max, BaseType value) {

@@ -25,6 +25,7 @@
 #include <iosfwd>
 
 #include "HwFlowTracking/HwFlowTracking.h"
+#include "Ipfix/CollectorStats.h"
 #include "Ipfix/OptionsDataExporter.h"
 #include "Orbo/TaskScheduler.h"
 
@@ -57,6 +58,12 @@ class FlowTrackerTableSm : public Kivo::Object {
 
    // Template id of the flow tracker table's options template; updates are posted under it.
    static TemplateId setId();
+   // The longest record the table can give: the fixed fields (21 octets) and the longest tracker
+   // name, the 128 octets a collector statistics key holds (a longer one stops the process when
+   // the first message is counted). The layout itself has room for 254 octets of name.
+   static constexpr std::uint32_t maxDataRecordLen() {
+      return 21 + Mirra::Ipfix::StringIndex::max() + 1;
+   }
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
    Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }

@@ -20,6 +20,7 @@ using U32 = std::uint32_t;
 
 // The longest record: index, length octet and a 254-octet name.
 constexpr std::size_t maxRecordLen = sizeof(U32) + sizeof(U8) + 254;
+static_assert(InterfaceTableSm::maxDataRecordLen() <= maxRecordLen);
 
 }  // namespace
 

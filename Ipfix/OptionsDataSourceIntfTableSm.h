@@ -54,6 +54,9 @@ class InterfaceTableSm : public Kivo::Object {
 
    // Template id of the interface table's options template; updates are posted under it.
    static TemplateId setId();
+   // The longest record the table can give: index, length octet and the longest interface name.
+   // The layout itself has room for 254 octets of name.
+   static constexpr std::uint32_t maxDataRecordLen() { return 4 + 1 + Pelto::IntfId::maxNameLen; }
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
    Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }

@@ -33,6 +33,11 @@ class VrfTableSm : public Kivo::Object {
 
    // Template id of the VRF table's options template; updates are posted under it.
    static TemplateId setId();
+   // The longest record the VRF table can give: VRF id, length octet and a name of the most
+   // octets a VRF name has. The layout itself has room for 254.
+   static constexpr std::uint32_t maxDataRecordLen() {
+      return 4 + 1 + Vrf::VrfIdMap::VrfName::maxLength;
+   }
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
    Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }

@@ -2,8 +2,12 @@
 // really sent first.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+
 #include "Ipfix/OptionsDataExporterSm.h"
 #include "Pelto/Endian.h"
+#include "Trace/Trace.h"
 #include "support/ExportFixture.h"
 
 using namespace FlowTracking;
@@ -47,6 +51,29 @@ Received receive(testsupport::LoopbackCollector& c) {
       }
    }
    return r;
+}
+
+// Names of the interface records in the data sets of raw datagrams, read without templates: each
+// record is a 4-octet index, a length octet and the name.
+std::vector<std::string> rawIntfNames(std::vector<testsupport::Received> const& datagrams) {
+   std::vector<std::string> names;
+   testsupport::Decoder d;
+   for (auto const& r : datagrams) {
+      for (auto const& s : d.decode(r.payload).sets) {
+         for (std::size_t pos = 0; s.id == intfSet && pos + 5 <= s.body.size();) {
+            std::size_t const len = s.body[pos + 4];
+            names.emplace_back(s.body.begin() + static_cast<long>(pos) + 5,
+                               s.body.begin() + static_cast<long>(pos + 5 + len));
+            pos += 5 + len;
+         }
+      }
+   }
+   return names;
+}
+
+bool traced(std::string const& line) {
+   auto const lines = Snaplog::lines();
+   return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 class OptionsDataExport : public testsupport::ExportFixture {
@@ -177,17 +204,20 @@ TEST_F(OptionsDataExport, CollectorGetsNothingUntilItsOptionsTemplatesAreSent) {
    exporter("e1")->collector4Is("late", c.ipAndPort());
    ASSERT_TRUE(scheduler->runFor(*clock, 61));
    EXPECT_FALSE(exp->collector("late"));
-   EXPECT_TRUE(receive(c).names.empty());
+   // Its decoder never sees the options templates, so count the interface sets undecoded.
+   auto intfSets = [&c] {
+      std::size_t sets = 0;
+      for (auto const& m : c.messages(1000)) {
+         for (auto const& s : m.sets) {
+            sets += s.id == intfSet ? 1 : 0;
+         }
+      }
+      return sets;
+   };
+   EXPECT_EQ(intfSets(), 0u);  // "a" got the table at once and again at 60 s; "late" nothing
    info->ftInfo("t1")->expInfo("e1")->collInfo("late")->optTemplateSentIs(true);
    ASSERT_TRUE(scheduler->runUntilIdle());  // ahead of the next periodic round
-   // Its decoder never saw the options templates: count the interface sets undecoded.
-   std::size_t sets = 0;
-   for (auto const& m : c.messages(1000)) {
-      for (auto const& s : m.sets) {
-         sets += s.id == intfSet ? 1 : 0;
-      }
-   }
-   EXPECT_EQ(sets, 1u);
+   EXPECT_EQ(intfSets(), 1u);
 }
 
 TEST_F(OptionsDataExport, MtuChangeRebuildsTheCache) {
@@ -202,4 +232,174 @@ using OptionsDataExporterDeathTest = OptionsDataExport;
 
 TEST_F(OptionsDataExporterDeathTest, ChangingTheSetOfSourcesAfterInitStops) {
    EXPECT_DEATH(global->sourceIs("Other", 300), "data source changed after init!");
+}
+
+// The message size is the MTU less 48, taken as 16 bits. Records of one length, the longest an
+// empty message holds (at most 259, the longest interface record), one more than a message
+// takes: the first message is as full as that length allows, the second holds the last record.
+// A size too small for the record stops the process: the agent refuses such an MTU.
+TEST_F(OptionsDataExport, EveryMtuGivesMessagesOfTheSizeTheRuleAllows) {
+   struct Case {
+      std::uint32_t mtu;
+      std::uint16_t maxSize;
+   } const cases[] = {{0, 65488},   {1, 65489},     {48, 0},        {49, 1},    {100, 52},
+                      {1500, 1452}, {65535, 65487}, {65583, 65535}, {65584, 0}, {100000, 34416}};
+   std::uint32_t const hdrs = MessageBuilder::calcOverhead(1);
+   std::uint32_t const shortest = 6;  // index, length octet, one-octet name
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   for (auto const& c : cases) {
+      SCOPED_TRACE("ipfixMtu " + std::to_string(c.mtu));
+      EXPECT_EQ(maxMsgSizeForMtu(c.mtu), c.maxSize);
+      exporter("e1")->ipfixMtuIs(c.mtu);
+      EXPECT_EQ(exp->maxMsgSize(), c.maxSize);
+      if (c.maxSize < hdrs + shortest) {
+         EXPECT_DEATH(exp->maybeBeginPeriodicTransmission(), "consumed > 0");
+         continue;
+      }
+      std::uint32_t const len = std::min<std::uint32_t>(259, c.maxSize - hdrs);
+      std::uint32_t const perMsg = (c.maxSize - hdrs) / len;
+      auto nameOf = [len](std::uint32_t i) {
+         std::string n = std::to_string(i);
+         return n + std::string(len - 5 - n.size(), 'x');
+      };
+      std::vector<std::string> expected;
+      source->dataRecordDelAll();
+      for (std::uint32_t i = 0; i <= perMsg; ++i) {
+         source->dataRecordIs(intfRecord(i, nameOf(i)));
+         expected.push_back(nameOf(i));
+      }
+      source->versionInc(1);
+      std::sort(expected.begin(), expected.end());
+      receive(a);
+      receive(v6);
+      exp->maybeBeginPeriodicTransmission();
+      for (auto* col : {&a, &v6}) {
+         std::vector<std::uint16_t> lengths;
+         std::vector<std::string> names;
+         for (auto const& m : col->messages(1000)) {
+            if (m.dataRecordCount() > 0) {
+               lengths.push_back(m.length);
+               for (auto const& rec : m.sets.at(0).records) {
+                  names.push_back(testsupport::fieldText(rec.fields.at(1)));
+               }
+            }
+         }
+         std::sort(names.begin(), names.end());
+         EXPECT_EQ(names, expected);
+         EXPECT_EQ(lengths,
+                   (std::vector<std::uint16_t>{static_cast<std::uint16_t>(hdrs + perMsg * len),
+                                               static_cast<std::uint16_t>(hdrs + len)}));
+         EXPECT_LE(hdrs + perMsg * len, c.maxSize);
+         EXPECT_GT(hdrs + (perMsg + 1) * len, c.maxSize);
+      }
+      // An update of the longest record fits its message too.
+      update->addUpdate(intfSet, intfRecord(9999, nameOf(9999)));
+      ASSERT_TRUE(scheduler->runFor(*clock, defaultUpdateDataCoalesceTime()));
+      Received const r = receive(a);
+      EXPECT_EQ(r.names, std::vector<std::string>{nameOf(9999)});
+   }
+}
+
+TEST_F(OptionsDataExport, HandlersTraceOnEntryWithTrackerAndExporter) {
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   auto const ft = hwConfig->ftConfig("t1");
+   struct Case {
+      char const* handler;
+      std::function<void()> event;
+   } const cases[] = {
+       {"handleUpdateData", [&] { update->addUpdate(intfSet, intfRecord(9, "x")); }},
+       {"handleSourceVersion", [&] { source->versionInc(1); }},
+       {"handleIpfixMtu", [&] { exporter("e1")->ipfixMtuIs(1400); }},
+       {"handleActiveInterval", [&] { ft->activeIntervalIs({30000}); }},
+       {"handleSrc4", [&] { exporter("e1")->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.2")); }},
+       {"handleSrc6", [&] { exporter("e1")->srcIp6Is(Pelto::Ip6Addr()); }},
+       {"handleCollector", [&] { exporter("e1")->collector4Del("a"); }},
+       {"handleCollector4", [&] { exporter("e1")->collector4Is("a", a.ipAndPort()); }},
+       {"handleCollector6", [&] { exporter("e1")->collector6Del("v6"); }},
+       {"handleCollInfo", [&] { exporter("e1")->collector4Is("n", b.ipAndPort()); }},
+       {"handleInitialized",
+        [&] {
+           exp = nullptr;
+           exp = optionsDataExporterSmFactory("e1", "t1", 7, ft, exporter("e1"),
+                                              info->ftInfo("t1")->expInfo("e1"), collStats,
+                                              container, scheduler);
+        }},
+   };
+   for (auto const& c : cases) {
+      Snaplog::clear();
+      c.event();
+      EXPECT_TRUE(traced(std::string("OptionsDataExporterSm::") + c.handler + " for t1 for e1"))
+          << c.handler;
+   }
+   EXPECT_DEATH(global->sourceIs("Other", 300),
+                "OptionsDataExporterSm::handleSourceChange for t1 for e1");
+}
+
+// A full transmission is synchronous; a start asked for while it runs (here by a reaction to a
+// collector's sequence number) is skipped, and the round still sends everything once.
+TEST_F(OptionsDataExport, PeriodicRunWhileProcessingIsSkipped) {
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   receive(a);
+   receive(v6);
+   bool asked = false;
+   Kivo::Reactor reentry;
+   reentry.watch(info->ftInfo("t1")->expInfo("e1")->collInfo("a")->onIpfixMsgSeqNo(), [&] {
+      if (!asked) {
+         asked = true;
+         EXPECT_TRUE(exp->processing());
+         exp->maybeBeginPeriodicTransmission();
+      }
+   });
+   Snaplog::clear();
+   ASSERT_TRUE(scheduler->runFor(*clock, 60));
+   EXPECT_TRUE(asked);
+   EXPECT_TRUE(
+       traced("OptionsDataExporterSm t1 for e1: processing, do not start new periodic "
+              "transmission"));
+   EXPECT_FALSE(exp->processing());
+   for (auto* c : {&a, &v6}) {
+      auto r = receive(*c);
+      std::sort(r.names.begin(), r.names.end());
+      EXPECT_EQ(r.names, (std::vector<std::string>{"Ethernet1", "Ethernet2", "Ethernet3"}));
+   }
+   EXPECT_EQ(exp->txPeriodicTask()->dueTime(), clock->now() + 60);
+}
+
+// Without a tracker configuration the table goes out every 300000 ms.
+TEST_F(OptionsDataExport, NoTrackerConfigurationMeansTheDefaultInterval) {
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   receive(b);
+   Snaplog::clear();
+   auto const noFt = optionsDataExporterSmFactory("e2", "t1", 7, nullptr, exporter("e2"),
+                                                  info->ftInfo("t1")->expInfo("e2"), collStats,
+                                                  container, scheduler);
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   EXPECT_EQ(receive(b).names.size(), 3u);  // catch-up at once
+   EXPECT_TRUE(traced("OptionsDataExporterSm t1 for e2: schedule periodic transmission 300"));
+   EXPECT_EQ(noFt->txPeriodicTask()->dueTime(), clock->now() + 300);
+   ASSERT_TRUE(scheduler->runFor(*clock, 299.5));
+   EXPECT_TRUE(receive(b).names.empty());
+   ASSERT_TRUE(scheduler->runFor(*clock, 0.5));
+   EXPECT_EQ(receive(b).names.size(), 3u);
+}
+
+// A new source address: every collector of that family gets the whole table again at once, from
+// the new address, continuing its sequence numbers; the other family gets nothing.
+TEST_F(OptionsDataExport, SourceAddressChangeSendsTheWholeTableAgain) {
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   receive(a);
+   receive(v6);
+   auto const ci = info->ftInfo("t1")->expInfo("e1")->collInfo("a");
+   std::uint32_t const seqNo = ci->ipfixMsgSeqNo().value;
+   exporter("e1")->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.2"));
+   ASSERT_TRUE(scheduler->runUntilIdle());  // well before the next periodic round
+   auto const datagrams = a.drain(1000);
+   auto names = rawIntfNames(datagrams);
+   std::sort(names.begin(), names.end());
+   EXPECT_EQ(names, (std::vector<std::string>{"Ethernet1", "Ethernet2", "Ethernet3"}));
+   for (auto const& d : datagrams) {
+      EXPECT_EQ(d.srcAddr, "127.0.0.2");
+   }
+   EXPECT_EQ(ci->ipfixMsgSeqNo().value, seqNo + 3);
+   EXPECT_TRUE(receive(v6).names.empty());
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "support/ExportFixture.h"
@@ -170,4 +171,66 @@ TEST_F(OptionsDataPath, TsharkReadsTheOptionsData) {
    EXPECT_EQ(r.all("cflow.sampling_population"), testsupport::TsharkResult::Values{"1000"});
    EXPECT_TRUE(r.all("_ws.malformed").empty()) << r.describe();
    EXPECT_TRUE(r.all("_ws.expert.message").empty()) << r.describe();
+}
+
+// A writer makes a tracker's configuration before it sets the id, so the tracker is served while
+// its id is still 0. Its exporters' options data must still go out in the observation domain its
+// options templates went to, or a collector cannot read it.
+TEST_F(OptionsDataPath, TrackerIdSetAfterTheTrackerAppearsIsTheOptionsDataDomain) {
+   hwConfig->ftConfigDel("t1");
+   auto ft = hwConfig->ftConfigIs("t1");
+   ASSERT_TRUE(manager->ftManagerSm("t1"));  // served before the id is set
+   ft->ftIdIs(9);
+   testsupport::LoopbackCollector c;
+   auto e = ft->expConfigIs("e9");
+   e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
+   e->ipfixMtuIs(1500);
+   e->templateIntervalIs(30000);
+   e->exporter4ResolvedIs(true);
+   e->collector4Is("c", c.ipAndPort());
+   ASSERT_TRUE(scheduler->runUntilIdle());
+   auto const msgs = c.messages(1000);
+   std::set<std::uint32_t> domains;
+   for (auto const& m : msgs) {
+      domains.insert(m.observationDomainId);
+   }
+   EXPECT_EQ(domains, std::set<std::uint32_t>{9});
+   Tables t = tables(msgs);
+   EXPECT_EQ(t[intfSet].size(), 6u);  // decoded: the options templates are in the same domain
+   EXPECT_EQ(t[vrfSet].size(), 3u);
+}
+
+// The longest record is the row of a tracker with a 128-octet name: an exporter MTU of
+// minIpfixMtu() carries it in a message of exactly its size, one octet less cannot.
+TEST_F(OptionsDataPath, SmallestMtuCarriesTheLongestRecord) {
+   std::string const name(128, 'T');
+   auto const addTracker = [&](std::uint32_t mtu, testsupport::LoopbackCollector& c) {
+      hwStatus->ftStatusIs(name)->activeIntervalIs({300000});
+      auto ft = hwConfig->ftConfigIs(name);
+      ft->ftIdIs(8);
+      auto e = ft->expConfigIs("e");
+      e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
+      e->ipfixMtuIs(mtu);
+      e->templateIntervalIs(30000);
+      e->exporter4ResolvedIs(true);
+      e->collector4Is("c", c.ipAndPort());
+      ASSERT_TRUE(scheduler->runUntilIdle());
+   };
+   EXPECT_EQ(minIpfixMtu(), 217u);
+   testsupport::LoopbackCollector c;
+   EXPECT_DEATH(addTracker(minIpfixMtu() - 1, c), "consumed > 0");
+   addTracker(minIpfixMtu(), c);
+   bool found = false;
+   for (auto const& m : c.messages(1000)) {
+      EXPECT_LE(m.length, minIpfixMtu() - ipAndUdpHeaderLen());
+      for (auto const& s : m.sets) {
+         if (s.id == trackerSet) {
+            ASSERT_EQ(s.records.size(), 1u);
+            EXPECT_EQ(fieldText(s.records[0].fields[1]), name);
+            EXPECT_EQ(m.length, minIpfixMtu() - ipAndUdpHeaderLen());
+            found = true;
+         }
+      }
+   }
+   EXPECT_TRUE(found);
 }

@@ -18,6 +18,19 @@
 namespace HwFlowTracking {
 
 // An exporter of a tracker: where it sends from and to, and what it publishes back.
+//
+// MTU contract. Options data messages are at most `ipfixMtu` - 48 octets (room for an IPv6 and a
+// UDP header), taken as 16 bits: FlowTracking::maxMsgSizeForMtu(). A record is never split, so
+// the MTU must carry the longest options data record in one message of its own:
+//    48 (IPv6 + UDP) + 16 (message header) + 4 (set header) + 149 (the flow tracker row: 21
+//    octets and a tracker name of at most 128, the most a statistics key holds; interface and
+//    VRF rows are at most 4 + 1 + 100 = 105, flow key rows 10) = 217,
+//    FlowTracking::minIpfixMtu() (Ipfix/OptionsDataManagerSm.h).
+// The writer keeps `ipfixMtu` within [217, 65535]. Outside it the 16-bit size wraps around: 0 (not
+// set) and 1 to 47 give messages of 65488 to 65535 octets, of which UDP over IPv4 carries at most
+// 65507 and over IPv6 65527 (a larger datagram is refused by the stack and counted as a send
+// error on the module); 48 to 216 and 65584 to 65752 leave no room for the longest record, and
+// the first one that does not fit an empty message stops the process ("consumed > 0").
 class ExporterConfig : public Kivo::Object {
  public:
    explicit ExporterConfig(Kivo::String name) : name_(std::move(name)) {}
