@@ -26,6 +26,14 @@ Entry entry(std::string const& ft, std::string const& exp, char const* addr, std
    return e;
 }
 
+Stats::Filter filter(std::string ft, std::string exp, std::string coll) {
+   Stats::Filter f;
+   f.tracker = std::move(ft);
+   f.exporter = std::move(exp);
+   f.collector = std::move(coll);
+   return f;
+}
+
 Entry clearTimeEntry(double when) {
    Entry e;
    e.lastClearedTime = when;
@@ -63,11 +71,11 @@ TEST(StatsFormat, SelectFiltersSortsAndLeavesOutTheClearTimeEntry) {
    EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::tracker)), (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
    EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::messages)), (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
    EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::exporter)), (V{"ft1/e1", "ft2/e1", "ft1/e2"}));
-   EXPECT_EQ(names(Stats::select(all, {.tracker = "ft1"}, Stats::SortKey::tracker)),
+   EXPECT_EQ(names(Stats::select(all, filter("ft1", "", ""), Stats::SortKey::tracker)),
              (V{"ft1/e1", "ft1/e2"}));
-   EXPECT_EQ(names(Stats::select(all, {.collector = "[::1]:2055"}, Stats::SortKey::tracker)),
+   EXPECT_EQ(names(Stats::select(all, filter("", "", "[::1]:2055"), Stats::SortKey::tracker)),
              (V{"ft1/e2"}));
-   EXPECT_EQ(names(Stats::select(all, {.exporter = "nope"}, Stats::SortKey::tracker)), V{});
+   EXPECT_EQ(names(Stats::select(all, filter("", "nope", ""), Stats::SortKey::tracker)), V{});
    EXPECT_EQ(Stats::lastClearTime(all), 50);
 }
 
