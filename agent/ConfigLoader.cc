@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "Ipfix/Ipfix.h"
+#include "Ipfix/OptionsDataExporterSm.h"
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
 #include "Pelto/IpfixWire.h"
 #include "Trace/Dualog.h"
@@ -38,13 +39,6 @@ constexpr std::uint64_t timeoutLimitMs = 65535ull * 1000;
 constexpr std::uint64_t msPerSecond = 1000;
 constexpr std::uint32_t maxMtu = 65535;
 
-// Options data messages are built for at most MTU - 48 octets, which leaves room for an IPv6 and
-// a UDP header; each record must fit an otherwise empty message beside the message header and
-// one set header. This is the bound OptionsDataExporterSm::maxMsgSize() applies: the two must
-// stay the same.
-constexpr std::uint32_t ipAndUdpHeaderLen = 48;
-constexpr std::uint32_t recordOverhead =
-    ipAndUdpHeaderLen + Pelto::IpfixConst::messageHeaderLen() + Pelto::IpfixConst::setHeaderLen();
 // The data templates of a tracker go out together in one message of at most 65535 octets.
 constexpr std::uint32_t maxTemplateSetLen =
     65535 - Pelto::IpfixConst::messageHeaderLen() - Pelto::IpfixConst::setHeaderLen();
@@ -926,19 +920,21 @@ std::optional<ExporterConfig> Loader::loadExporter_p(YAML::Node const& node,
    auto const mtuIt = fields->find("mtu");
    if (mtuIt != fields->end()) {
       // The lower bound depends on what the tracker exports; checked below.
-      if (auto const v = integer_p(mtuIt->second, 0, maxMtu)) {
+      if (auto const v = integer_p(mtuIt->second, 1, maxMtu)) {
          e.mtu = static_cast<std::uint32_t>(*v);
       } else {
          e.mtu = 0;
       }
    }
-   if (e.mtu != 0 && e.mtu < recordOverhead + largest.len) {
+   // Each record must fit an otherwise empty message of at most MTU - 48 octets.
+   std::uint32_t const minMtu = FlowTracking::minIpfixMtuForRecord(largest.len);
+   if (e.mtu != 0 && e.mtu < minMtu) {
       std::string const mtuText =
           (mtuIt == fields->end() ? "the default mtu " : "mtu ") + std::to_string(e.mtu);
       error_p(mtuIt == fields->end() ? node.Mark() : mtuIt->second.mark(),
               mtuText + " is too small for " + largest.what + " (" + std::to_string(largest.len) +
-                  " octets): it needs at least " + std::to_string(recordOverhead + largest.len) +
-                  " (" + std::to_string(ipAndUdpHeaderLen) +
+                  " octets): it needs at least " + std::to_string(minMtu) + " (" +
+                  std::to_string(FlowTracking::ipAndUdpHeaderLen()) +
                   " octets of IP and UDP headers, the 16-octet message header and a 4-octet "
                   "set header around the record)");
    }

@@ -322,7 +322,8 @@ TEST(ConfigLoader, EveryRefusalNamesItsPosition) {
        {"template-interval: 60s", "template-interval: 500ms", "500ms", "under the minimum of 1s"},
        {"template-interval: 60s", "template-interval: 4294968s", "4294968s",
         "too long (it must be under 4294967296ms)"},
-       {"mtu: 1500", "mtu: 65536", "65536", "mtu: 65536 is out of range (0 to 65535)"},
+       {"mtu: 1500", "mtu: 65536", "65536", "mtu: 65536 is out of range (1 to 65535)"},
+       {"mtu: 1500", "mtu: 0", "mtu: ^0", "mtu: 0 is out of range (1 to 65535)"},
        {"mtu: 1500", "mtu: 91", "91",
         "mtu 91 is too small for the flow tracker table record of \"ft1\" (24 octets): it needs "
         "at least 92"},
