@@ -55,8 +55,8 @@ struct Component::ExporterState {
 };
 
 Component::Component(Kivo::Ptr<Orbo::TaskScheduler> scheduler, AgentConfig const& config,
-                     NetNsMap netNs)
-    : scheduler_(std::move(scheduler)), netNs_(std::move(netNs)) {
+                     NetNsMap netNs, LinkMap links)
+    : scheduler_(std::move(scheduler)), netNs_(std::move(netNs)), links_(std::move(links)) {
    build_(config);
 }
 
@@ -327,10 +327,14 @@ void Component::applySoftwareExport_() {
          }
       }
    }
+   std::vector<std::string> gone;
    for (auto const& [vrf, ns] : allVrfStatus_->vrfNetNsColl()) {
       if (!vrfNs.count(vrf)) {
-         allVrfStatus_->vrfNetNsDel(vrf);
+         gone.push_back(vrf);
       }
+   }
+   for (auto const& vrf : gone) {
+      allVrfStatus_->vrfNetNsDel(vrf);
    }
    for (auto const& [vrf, ns] : vrfNs) {
       allVrfStatus_->vrfNetNsIs(vrf, ns);
@@ -359,6 +363,9 @@ void Component::applySoftwareExport_() {
 
 void Component::intfIs_(std::string const& name, std::uint32_t index) {
    Pelto::IntfId const id(name);
+   if (std::uint32_t const* cur = intfIndexMap_->intfIndex(id); cur && *cur == index) {
+      return;  // unchanged: writing it again would send collectors an update for nothing
+   }
    intfIndexMap_->intfIndexIs(id, index);
    intfIndexMap_->intfIdIs(index, id);
 }

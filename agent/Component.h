@@ -40,11 +40,15 @@ class Component {
    // deleted and made again under the same name.
    using NetNsMap = std::map<std::string, std::uint64_t>;
 
-   // Fills the records from `config` and `netNs`, then builds the state machines on them.
+   // The host's links by index, when the interface table follows the kernel.
+   using LinkMap = std::map<std::uint32_t, std::string>;
+
+   // Fills the records from `config` and what the host has (`netNs`, `links`), then builds the
+   // state machines on them, so that collectors get it all in the first full tables.
    // REQUIRES: `config` was accepted by the configuration loader.
    // Throws Kivo::Exception (e.g. the statistics table is held by another live agent).
    Component(Kivo::Ptr<Orbo::TaskScheduler> scheduler, AgentConfig const& config,
-             NetNsMap netNs = {});
+             NetNsMap netNs = {}, LinkMap links = {});
    // Removes the state machines before the records they maintain; the statistics table goes
    // with it.
    ~Component();
@@ -92,7 +96,7 @@ class Component {
    Kivo::Ptr<Orbo::TaskScheduler> scheduler_;
    AgentConfig config_;
    NetNsMap netNs_;
-   std::map<std::uint32_t, std::string> links_;  // from the kernel, by index
+   LinkMap links_;  // from the kernel
 
    // Records.
    Kivo::Ptr<Ipfix::IpfixInitSm> init_;

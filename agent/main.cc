@@ -75,12 +75,13 @@ class Runner {
                    component_->netNsIs(ns);
                 }
              });
-         component_ = std::make_unique<Component>(scheduler_, *loaded.config, netNs_->current());
+         linkWatchIs_(loaded.config->interfacesFromKernel);
+         component_ = std::make_unique<Component>(scheduler_, *loaded.config, netNs_->current(),
+                                                  std::move(initialLinks_));
          if (controlPath_.empty()) {
             controlPath_ = defaultControlSocketPath(loaded.config->statisticsTable);
          }
          control_ = std::make_unique<ControlSocket>(*loop_, scheduler_, controlPath_, *component_);
-         linkWatchIs_(loaded.config->interfacesFromKernel);
          std::filesystem::path const p = std::filesystem::absolute(path_);
          fileName_ = p.filename();
          fileWatch_ = std::make_unique<DirWatch>(
@@ -128,9 +129,17 @@ class Runner {
          linkWatch_ = std::make_unique<LinkWatch>(
              *loop_,
              [this](std::uint32_t index, std::string const& name) {
-                component_->linkIs(index, name);
+                if (component_) {
+                   component_->linkIs(index, name);
+                } else {
+                   initialLinks_[index] = name;  // present at start: part of the first tables
+                }
              },
-             [this](std::uint32_t index) { component_->linkDel(index); });
+             [this](std::uint32_t index) {
+                if (component_) {
+                   component_->linkDel(index);
+                }
+             });
       } else if (!on) {
          linkWatch_ = nullptr;
       }
@@ -168,6 +177,7 @@ class Runner {
    std::unique_ptr<Component> component_;
    std::unique_ptr<ControlSocket> control_;
    std::unique_ptr<LinkWatch> linkWatch_;
+   Component::LinkMap initialLinks_;
    std::unique_ptr<DirWatch> fileWatch_;
    Kivo::Ptr<Orbo::Task> reloadTask_;
 };
