@@ -207,8 +207,8 @@ void Component::applyExporter_(TrackerConfig const& ft, ExporterConfig const* pr
       state = std::make_unique<ExporterState>();
       watchReadiness_(ft.name, next.name);
    }
-   if (prev && (prev->vrf != next.vrf || prev->source4 != next.source4 ||
-                prev->source6 != next.source6)) {
+   if (prev &&
+       (prev->vrf != next.vrf || prev->source4 != next.source4 || prev->source6 != next.source6)) {
       // Sockets are made for one VRF and source: close them before either changes.
       e->exporter4ResolvedIs(false);
       e->exporter6ResolvedIs(false);
@@ -294,8 +294,7 @@ void Component::watchReadiness_(std::string const& ft, std::string const& exp) {
                  [this, ft, exp, e] { logReadiness_(ft, exp, true, e->exporter6Ready()); });
 }
 
-void Component::logReadiness_(std::string const& ft, std::string const& exp, bool v6,
-                              bool ready) {
+void Component::logReadiness_(std::string const& ft, std::string const& exp, bool v6, bool ready) {
    auto it = exporters_.find({ft, exp});
    if (it == exporters_.end()) {
       return;

@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "Kivo/Kivo.h"
 #include "agent/Log.h"
@@ -187,17 +187,17 @@ bool ControlSocket::serve_(Client& c) {
       std::string const line = c.in.substr(0, nl);
       c.in.erase(0, nl + 1);
       if (line.size() > maxRequestBytes()) {
-         c.out += errorReply("request longer than " + std::to_string(maxRequestBytes()) +
-                             " bytes") +
-                  "\n";
+         c.out +=
+             errorReply("request longer than " + std::to_string(maxRequestBytes()) + " bytes") +
+             "\n";
          c.closing = true;
          break;
       }
       c.out += handleRequest(line) + "\n";
    }
    if (!c.closing && c.in.find('\n') == std::string::npos && c.in.size() > maxRequestBytes()) {
-      c.out += errorReply("request longer than " + std::to_string(maxRequestBytes()) + " bytes") +
-               "\n";
+      c.out +=
+          errorReply("request longer than " + std::to_string(maxRequestBytes()) + " bytes") + "\n";
       c.closing = true;
    }
    return flush_(c);
@@ -295,19 +295,20 @@ std::string ControlSocket::status_() {
          json collectors = json::array();
          for (auto const& [collName, addr] : exp.collectors) {
             json c{{"name", collName}};
-            c["address"] = std::visit([](auto const& a) { return std::string(a.toString()); }, addr);
+            c["address"] =
+                std::visit([](auto const& a) { return std::string(a.toString()); }, addr);
             if (auto ci = ei ? ei->collInfo(collName) : nullptr) {
                c["sequenceNumber"] = ci->ipfixMsgSeqNo().value;
                c["optionsTemplateSent"] = ci->optTemplateSent();
             }
             collectors.push_back(std::move(c));
          }
-         exporters.push_back(json{
-             {"name", expName},
-             {"vrf", exp.vrf.empty() ? "default" : exp.vrf},
-             {"ipv4", familyStatus(e->exporter4Resolved(), e->exporter4Ready(), e->rxPort4())},
-             {"ipv6", familyStatus(e->exporter6Resolved(), e->exporter6Ready(), e->rxPort6())},
-             {"collectors", std::move(collectors)}});
+         exporters.push_back(
+             json{{"name", expName},
+                  {"vrf", exp.vrf.empty() ? "default" : exp.vrf},
+                  {"ipv4", familyStatus(e->exporter4Resolved(), e->exporter4Ready(), e->rxPort4())},
+                  {"ipv6", familyStatus(e->exporter6Resolved(), e->exporter6Ready(), e->rxPort6())},
+                  {"collectors", std::move(collectors)}});
       }
       json t{{"name", ftName}, {"id", ft.id}, {"exporters", std::move(exporters)}};
       if (ft.softwareExport && ftCfg) {

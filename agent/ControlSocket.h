@@ -46,8 +46,8 @@ class ControlSocket {
    // Listens at `path`. A socket file left there by an agent that is gone is replaced; one that
    // answers belongs to a running agent, and Kivo::Exception says so. The component must outlive
    // the socket, as must the loop.
-   ControlSocket(Orbo::EventLoop& loop, Kivo::Ptr<Orbo::TaskScheduler> scheduler,
-                 std::string path, Component& component);
+   ControlSocket(Orbo::EventLoop& loop, Kivo::Ptr<Orbo::TaskScheduler> scheduler, std::string path,
+                 Component& component);
    // Closes every connection and removes the socket file.
    ~ControlSocket();
    ControlSocket(ControlSocket const&) = delete;

@@ -15,8 +15,8 @@ DirWatch::DirWatch(Orbo::EventLoop& loop, std::string dir, Handler onChange)
    if (fd_ < 0) {
       throw Kivo::ErrnoException(errno, "inotify_init1");
    }
-   std::uint32_t const mask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                              IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR;
+   std::uint32_t const mask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE |
+                              IN_ATTRIB | IN_ONLYDIR;
    if (inotify_add_watch(fd_, dir_.c_str(), mask) < 0) {
       int const err = errno;
       close(fd_);

@@ -22,10 +22,8 @@ NetNsWatch::NetNsWatch(Orbo::EventLoop& loop, Kivo::Ptr<Orbo::TaskScheduler> sch
    reviewTask_ = Kivo::make<Orbo::Task>(scheduler, 3, "netNsReviewTask", [this] { review_(); });
    ::mkdir(dir_.c_str(), 0755);  // as `ip netns` would; fine to fail when it exists or we may not
    try {
-      watch_ = std::make_unique<DirWatch>(loop, dir_,
-                                          [this](std::string const&) {
-                                             reviewTask_->scheduleTaskLowestDelay(0.01);
-                                          });
+      watch_ = std::make_unique<DirWatch>(
+          loop, dir_, [this](std::string const&) { reviewTask_->scheduleTaskLowestDelay(0.01); });
    } catch (Kivo::ErrnoException const& e) {
       log(Severity::warning, "cannot watch " + dir_ + " (" + e.what() + "): reading it every " +
                                  std::to_string(static_cast<int>(pollInterval())) + " s instead");

@@ -69,12 +69,12 @@ class Runner {
       scheduler_ = Kivo::make<Orbo::TaskScheduler>();
       loop_ = std::make_unique<Orbo::EventLoop>(scheduler_);
       try {
-         netNs_ = std::make_unique<NetNsWatch>(
-             *loop_, scheduler_, [this](Component::NetNsMap const& ns) {
-                if (component_) {
-                   component_->netNsIs(ns);
-                }
-             });
+         netNs_ = std::make_unique<NetNsWatch>(*loop_, scheduler_,
+                                               [this](Component::NetNsMap const& ns) {
+                                                  if (component_) {
+                                                     component_->netNsIs(ns);
+                                                  }
+                                               });
          linkWatchIs_(loaded.config->interfacesFromKernel);
          component_ = std::make_unique<Component>(scheduler_, *loaded.config, netNs_->current(),
                                                   std::move(initialLinks_));
@@ -84,8 +84,8 @@ class Runner {
          control_ = std::make_unique<ControlSocket>(*loop_, scheduler_, controlPath_, *component_);
          std::filesystem::path const p = std::filesystem::absolute(path_);
          fileName_ = p.filename();
-         fileWatch_ = std::make_unique<DirWatch>(
-             *loop_, p.parent_path(), [this](std::string const& name) {
+         fileWatch_ =
+             std::make_unique<DirWatch>(*loop_, p.parent_path(), [this](std::string const& name) {
                 if (name.empty() || name == fileName_) {
                    reloadTask_->scheduleTaskLowestDelay(0.2);  // one reload for a burst of writes
                 }
@@ -94,7 +94,8 @@ class Runner {
          log(Severity::err, std::string("cannot start: ") + e.what());
          return exitCannotStart;
       }
-      reloadTask_ = Kivo::make<Orbo::Task>(scheduler_, 3, "configReloadTask", [this] { reload_(); });
+      reloadTask_ =
+          Kivo::make<Orbo::Task>(scheduler_, 3, "configReloadTask", [this] { reload_(); });
       loop_->signalIs(SIGHUP, [this] { reloadTask_->scheduleTask(); });
       loop_->signalIs(SIGTERM, [this] { loop_->stop(); });
       loop_->signalIs(SIGINT, [this] { loop_->stop(); });
@@ -185,8 +186,9 @@ class Runner {
 }  // namespace
 
 int main(int argc, char** argv) {
-   CLI::App app{"ipfix-agent: sends IPFIX templates, options data and sequence numbers to the "
-                "collectors of a configuration file"};
+   CLI::App app{
+       "ipfix-agent: sends IPFIX templates, options data and sequence numbers to the "
+       "collectors of a configuration file"};
    std::string configPath;
    std::string checkPath;
    std::string trace;
@@ -203,7 +205,12 @@ int main(int argc, char** argv) {
                   "control socket path (default: /run, or $XDG_RUNTIME_DIR when /run is not "
                   "writable, followed by the statistics table name and .sock)");
    run->excludes(check);
-   CLI11_PARSE(app, argc, argv);
+   try {
+      app.parse(argc, argv);
+   } catch (CLI::ParseError const& e) {
+      int const rc = app.exit(e);  // prints help or the error
+      return rc == 0 ? 0 : 2;
+   }
 
    routeTraceToLog();
    if (!checkPath.empty()) {

@@ -29,7 +29,8 @@ std::vector<Mirra::Ipfix::CollectorSetStatisticsEntry> setEntries(Entry const& e
          out.push_back(s);
       }
    }
-   std::sort(out.begin(), out.end(), [](auto const& a, auto const& b) { return a.setId < b.setId; });
+   std::sort(out.begin(), out.end(),
+             [](auto const& a, auto const& b) { return a.setId < b.setId; });
    return out;
 }
 
@@ -73,9 +74,9 @@ bool Filter::matches(Entry const& e) const {
 
 std::optional<SortKey> sortKeyFromString(std::string const& s) {
    static std::map<std::string, SortKey> const keys = {
-       {"tracker", SortKey::tracker},   {"exporter", SortKey::exporter},
+       {"tracker", SortKey::tracker},     {"exporter", SortKey::exporter},
        {"collector", SortKey::collector}, {"messages", SortKey::messages},
-       {"records", SortKey::records},   {"octets", SortKey::octets},
+       {"records", SortKey::records},     {"octets", SortKey::octets},
        {"last-sent", SortKey::lastSent}};
    auto it = keys.find(s);
    return it == keys.end() ? std::nullopt : std::optional(it->second);
@@ -169,15 +170,15 @@ double lastClearTime(std::vector<Entry> const& all) {
 
 std::string tableText(std::vector<Entry> const& entries, double now) {
    std::vector<std::vector<std::string>> rows = {{"TRACKER", "EXPORTER", "COLLECTOR", "MESSAGES",
-                                                  "RECORDS", "OCTETS", "LAST SENT",
-                                                  "LAST TEMPLATE", "LAST OPTIONS DATA", "CLEARED"}};
+                                                  "RECORDS", "OCTETS", "LAST SENT", "LAST TEMPLATE",
+                                                  "LAST OPTIONS DATA", "CLEARED"}};
    for (Entry const& e : entries) {
-      rows.push_back({std::string(e.key.tracker()), std::string(e.key.exporter()),
-                      collectorText(e), std::to_string(e.exportedMessageTotalCount),
+      rows.push_back({std::string(e.key.tracker()), std::string(e.key.exporter()), collectorText(e),
+                      std::to_string(e.exportedMessageTotalCount),
                       std::to_string(e.exportedFlowRecordTotalCount),
                       std::to_string(e.exportedOctetTotalCount), ageText(now, e.lastSentTime),
-                      ageText(now, e.lastTemplateSentTime),
-                      ageText(now, e.lastOptionsDataSentTime), ageText(now, e.lastClearedTime)});
+                      ageText(now, e.lastTemplateSentTime), ageText(now, e.lastOptionsDataSentTime),
+                      ageText(now, e.lastClearedTime)});
    }
    std::vector<std::size_t> width(rows[0].size(), 0);
    for (auto const& r : rows) {
@@ -240,12 +241,11 @@ std::string prometheusText(std::vector<Entry> const& entries) {
    std::ostringstream os;
    auto labels = [](Entry const& e) {
       return "tracker=\"" + labelValue(e.key.tracker()) + "\",exporter=\"" +
-             labelValue(e.key.exporter()) + "\",collector=\"" + labelValue(collectorText(e)) +
-             "\"";
+             labelValue(e.key.exporter()) + "\",collector=\"" + labelValue(collectorText(e)) + "\"";
    };
    auto family = [&](Family const& f, auto const& value) {
-      os << "# HELP " << f.name << ' ' << f.help << '\n' << "# TYPE " << f.name << ' ' << f.type
-         << '\n';
+      os << "# HELP " << f.name << ' ' << f.help << '\n'
+         << "# TYPE " << f.name << ' ' << f.type << '\n';
       for (Entry const& e : entries) {
          value(e, labels(e));
       }
@@ -268,8 +268,8 @@ std::string prometheusText(std::vector<Entry> const& entries) {
            &Entry::exportedFlowRecordTotalCount);
    counter("ipfix_exporter_sent_bytes_total", "Octets of IPFIX messages sent to the collector.",
            &Entry::exportedOctetTotalCount);
-   auto perSet = [&](char const* name, char const* help, std::uint64_t
-                     Mirra::Ipfix::CollectorSetStatisticsEntry::*field) {
+   auto perSet = [&](char const* name, char const* help,
+                     std::uint64_t Mirra::Ipfix::CollectorSetStatisticsEntry::*field) {
       family({name, "counter", help}, [&](Entry const& e, std::string const& l) {
          for (auto const& s : setEntries(e)) {
             os << name << '{' << l << ",set_id=\"" << s.setId << "\"} " << s.*field << '\n';
@@ -285,8 +285,7 @@ std::string prometheusText(std::vector<Entry> const& entries) {
    timestamp("ipfix_exporter_last_template_sent_timestamp_seconds",
              "When templates were last sent to the collector.", &Entry::lastTemplateSentTime);
    timestamp("ipfix_exporter_last_options_data_sent_timestamp_seconds",
-             "When options data was last sent to the collector.",
-             &Entry::lastOptionsDataSentTime);
+             "When options data was last sent to the collector.", &Entry::lastOptionsDataSentTime);
    timestamp("ipfix_exporter_last_cleared_timestamp_seconds",
              "When the collector's counters were last cleared.", &Entry::lastClearedTime);
    return os.str();

@@ -178,8 +178,8 @@ int main(int argc, char** argv) {
       }
       auto reader = openTable(table);
       if (*prom) {
-         auto const text =
-             Stats::prometheusText(Stats::select(readAll(reader, table), {}, Stats::SortKey::tracker));
+         auto const text = Stats::prometheusText(
+             Stats::select(readAll(reader, table), {}, Stats::SortKey::tracker));
          if (output.empty()) {
             std::cout << text;
          } else {

@@ -65,8 +65,8 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
    Stream s4, s6;
    // Two active intervals: the tables go out at start and again periodically.
    auto deadline = std::chrono::steady_clock::now() + 5s;
-   receiveUntil({{&c4, &r4}, {&c6, &r6}},
-                [&] { return std::chrono::steady_clock::now() > deadline; }, 6s);
+   receiveUntil(
+       {{&c4, &r4}, {&c6, &r6}}, [&] { return std::chrono::steady_clock::now() > deadline; }, 6s);
    ASSERT_EQ(agent.stop(), 0) << agent.log();
    s4.add(r4);
    s6.add(r6);
@@ -92,7 +92,8 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
    }
 
    // tshark, sharing no code with the exporter, reads the same tables.
-   for (auto [rs, v6, port] : {std::tuple{&r4, false, c4.port()}, std::tuple{&r6, true, c6.port()}}) {
+   for (auto [rs, v6, port] :
+        {std::tuple{&r4, false, c4.port()}, std::tuple{&r6, true, c6.port()}}) {
       std::string const path = writeCapture(*rs, v6, port);
       TsharkOptions opt;
       opt.decodePort = port;
@@ -107,8 +108,8 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
          auto const all = t.all(field);
          return std::find(all.begin(), all.end(), value) != all.end();
       };
-      for (char const* name : {"Ethernet1", "Ethernet2", "Management1", "multicast", "discard",
-                               "CPU", "unknown"}) {
+      for (char const* name :
+           {"Ethernet1", "Ethernet2", "Management1", "multicast", "discard", "CPU", "unknown"}) {
          EXPECT_TRUE(has("cflow.if_name", name)) << name;
       }
       EXPECT_TRUE(has("cflow.inputint", "999"));
@@ -153,7 +154,8 @@ TEST_F(AgentEndToEnd, CheckPrintsTheEffectiveConfigurationOrTheErrorsWithTheirPo
    TempFile badFile("bad.yaml");
    std::ofstream(badFile.path()) << bad;
    EXPECT_EQ(runProgram({agentBinary(), "--check", badFile.path()}, &out, &err), 1);
-   auto const line = std::count(bad.begin(), bad.begin() + static_cast<long>(bad.find("dscp: 64")), '\n') + 1;
+   auto const line =
+       std::count(bad.begin(), bad.begin() + static_cast<long>(bad.find("dscp: 64")), '\n') + 1;
    EXPECT_NE(err.find(badFile.path() + ":" + std::to_string(line) + ":15:"), std::string::npos)
        << err;
    EXPECT_NE(err.find("dscp"), std::string::npos) << err;
@@ -165,7 +167,9 @@ class AgentReload : public AgentEndToEnd {
    void startAgent() {
       cfg.collectors = v4Collector("c4", c4);
       agent = std::make_unique<AgentProcess>(cfg.text());
-      ASSERT_TRUE(receiveUntil({{&c4, &r4}}, [&] { return s4Complete(); }, 5s)) << agent->log();
+      ASSERT_TRUE(receiveUntil(
+          {{&c4, &r4}}, [&] { return s4Complete(); }, 5s))
+          << agent->log();
    }
    bool s4Complete() {
       Stream s;
@@ -176,8 +180,8 @@ class AgentReload : public AgentEndToEnd {
    static std::vector<Received> receiveFor(LoopbackCollector& c, std::chrono::milliseconds window) {
       std::vector<Received> rs;
       auto const deadline = std::chrono::steady_clock::now() + window;
-      receiveUntil({{&c, &rs}}, [&] { return std::chrono::steady_clock::now() > deadline; },
-                   window + 1s);
+      receiveUntil(
+          {{&c, &rs}}, [&] { return std::chrono::steady_clock::now() > deadline; }, window + 1s);
       return rs;
    }
 
@@ -189,9 +193,10 @@ class AgentReload : public AgentEndToEnd {
 
 TEST_F(AgentReload, RenamingOneInterfaceSendsOneUpdateWithTheNewName) {
    startAgent();
-   cfg.interfaces = "  - { name: Ethernet1, index: 1 }\n"
-                    "  - { name: Uplink2, index: 2 }\n"
-                    "  - { name: Management1, index: 999 }\n";
+   cfg.interfaces =
+       "  - { name: Ethernet1, index: 1 }\n"
+       "  - { name: Uplink2, index: 2 }\n"
+       "  - { name: Management1, index: 999 }\n";
    receiveFor(c4, 300ms);  // settle past the start
    agent->rewriteConfig(cfg.text());
    ASSERT_TRUE(agent->waitForLog("configuration reloaded", 3s)) << agent->log();
@@ -266,14 +271,16 @@ TEST_F(AgentReload, InvalidFileIsReportedAndTheRunningConfigurationStays) {
 
 TEST_F(AgentReload, RemovedExporterStopsSendingOnSighup) {
    LoopbackCollector other(false);
-   cfg.extraExporters = "      - name: e2\n"
-                        "        source-ipv4: 127.0.0.1\n"
-                        "        template-interval: 1s\n"
-                        "        collectors:\n" +
-                        v4Collector("o", other);
+   cfg.extraExporters =
+       "      - name: e2\n"
+       "        source-ipv4: 127.0.0.1\n"
+       "        template-interval: 1s\n"
+       "        collectors:\n" +
+       v4Collector("o", other);
    startAgent();
    std::vector<Received> ro;
-   ASSERT_TRUE(receiveUntil({{&other, &ro}}, [&] { return !ro.empty(); }, 3s));
+   ASSERT_TRUE(receiveUntil(
+       {{&other, &ro}}, [&] { return !ro.empty(); }, 3s));
    cfg.extraExporters.clear();
    // Written in place (no rename), then announced with SIGHUP.
    std::ofstream(agent->configPath(), std::ios::trunc) << cfg.text();
@@ -315,8 +322,7 @@ TEST_F(AgentNetNs, NamespaceCreatedLateThenRecreatedBringsTheExporterBack) {
    for (int round = 1; round <= 2; ++round) {
       auto ns = makeNs();
       ASSERT_TRUE(ns);
-      auto collector =
-          ns->run([] { return std::make_unique<LoopbackCollector>(false, port); });
+      auto collector = ns->run([] { return std::make_unique<LoopbackCollector>(false, port); });
       std::vector<Received> rs;
       ASSERT_TRUE(receiveUntil(
           {{collector.get(), &rs}},

@@ -21,9 +21,10 @@ inline std::string uniqueSuffix() {
 // few keys are the test's.
 struct ConfigText {
    std::string collectors;  // the lines under "collectors:", already indented
-   std::string interfaces = "  - { name: Ethernet1, index: 1 }\n"
-                            "  - { name: Ethernet2, index: 2 }\n"
-                            "  - { name: Management1, index: 999 }\n";
+   std::string interfaces =
+       "  - { name: Ethernet1, index: 1 }\n"
+       "  - { name: Ethernet2, index: 2 }\n"
+       "  - { name: Management1, index: 999 }\n";
    std::string vrf = "default";
    int dscp = 0;
    std::string extraExporters;  // further exporters, already indented
@@ -34,7 +35,8 @@ struct ConfigText {
           interfaces == "kernel" ? "interfaces: kernel\n" : "interfaces:\n" + interfaces;
       return "type: sampled\n"
              "sample-rate: 1000\n"
-             "statistics-table: " + table + "\n" + interfacesBlock +
+             "statistics-table: " +
+             table + "\n" + interfacesBlock +
              "vrfs:\n"
              "  - { name: red, id: 1 }\n"
              "  - { name: blue, id: 2 }\n"
@@ -57,12 +59,17 @@ struct ConfigText {
              "          - octetDeltaCount\n"
              "    exporters:\n"
              "      - name: e1\n"
-             "        vrf: " + vrf + "\n"
+             "        vrf: " +
+             vrf +
+             "\n"
              "        source-ipv4: 127.0.0.1\n"
              "        source-ipv6: \"::1\"\n"
-             "        dscp: " + std::to_string(dscp) + "\n"
+             "        dscp: " +
+             std::to_string(dscp) +
+             "\n"
              "        template-interval: 1s\n"
-             "        collectors:\n" + collectors + extraExporters;
+             "        collectors:\n" +
+             collectors + extraExporters;
    }
 };
 

@@ -97,8 +97,10 @@ TEST_F(StatsTool, FiguresShownAgreeWithWhatTheCollectorsReceived) {
    start();
    // Compare in a quiet moment: nothing arrives between reading the table and draining again.
    for (int attempt = 0; attempt < 20; ++attempt) {
-      for (auto const& r : c4.drain(50)) r4.push_back(r);
-      for (auto const& r : c6.drain(0)) r6.push_back(r);
+      for (auto const& r : c4.drain(50))
+         r4.push_back(r);
+      for (auto const& r : c6.drain(0))
+         r6.push_back(r);
       json const all = stats();
       auto late4 = c4.drain(30);
       auto late6 = c6.drain(0);
@@ -247,7 +249,8 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
 
    // Through all of it the collectors kept getting their templates.
    std::vector<Received> later;
-   receiveUntil({{&c4, &later}}, [&] { return later.size() >= 2; }, 3s);
+   receiveUntil(
+       {{&c4, &later}}, [&] { return later.size() >= 2; }, 3s);
    EXPECT_GE(later.size(), 2u);
    EXPECT_EQ(agent->stop(), 0) << agent->log();
 }

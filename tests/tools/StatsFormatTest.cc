@@ -15,8 +15,7 @@ using Stats::Entry;
 
 Entry entry(std::string const& ft, std::string const& exp, char const* addr, std::uint16_t port,
             std::uint64_t messages) {
-   Entry e(Mirra::Ipfix::CollectorStatisticsKey(
-       ft, exp, {*Pelto::IpGenAddr::parse(addr), port}));
+   Entry e(Mirra::Ipfix::CollectorStatisticsKey(ft, exp, {*Pelto::IpGenAddr::parse(addr), port}));
    e.exportedMessageTotalCount = messages;
    e.exportedFlowRecordTotalCount = messages * 3;
    e.exportedOctetTotalCount = messages * 100;
@@ -45,8 +44,8 @@ TEST(StatsFormat, AgesAndTimes) {
       double now, when;
       char const* text;
    } const cases[] = {
-       {100, 0, "never"},          {100, 88, "12s ago"},       {100, 100, "0s ago"},
-       {1000, 755, "4m05s ago"},   {20000, 9080, "3h02m ago"}, {200000, 13200, "2d03h ago"},
+       {100, 0, "never"},        {100, 88, "12s ago"},       {100, 100, "0s ago"},
+       {1000, 755, "4m05s ago"}, {20000, 9080, "3h02m ago"}, {200000, 13200, "2d03h ago"},
        {100, 103, "in 3s"},
    };
    for (Case const& c : cases) {
@@ -68,9 +67,12 @@ TEST(StatsFormat, SelectFiltersSortsAndLeavesOutTheClearTimeEntry) {
       return out;
    };
    using V = std::vector<std::string>;
-   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::tracker)), (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
-   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::messages)), (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
-   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::exporter)), (V{"ft1/e1", "ft2/e1", "ft1/e2"}));
+   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::tracker)),
+             (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
+   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::messages)),
+             (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
+   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::exporter)),
+             (V{"ft1/e1", "ft2/e1", "ft1/e2"}));
    EXPECT_EQ(names(Stats::select(all, filter("ft1", "", ""), Stats::SortKey::tracker)),
              (V{"ft1/e1", "ft1/e2"}));
    EXPECT_EQ(names(Stats::select(all, filter("", "", "[::1]:2055"), Stats::SortKey::tracker)),
@@ -135,12 +137,18 @@ TEST(StatsFormat, PrometheusExpositionIsWellFormedAndEscapesLabels) {
    std::vector<Entry> const es = {entry("ft\"1", "e\\1", "10.0.0.1", 4739, 4),
                                   entry("ft2", "e1", "::1", 2055, 1)};
    auto const series = parseExposition(Stats::prometheusText(es));
-   EXPECT_EQ(series.at(R"(ipfix_exporter_messages_total{tracker="ft\"1",exporter="e\\1",collector="10.0.0.1:4739"})"),
-             4);
-   EXPECT_EQ(series.at(R"(ipfix_exporter_set_records_total{tracker="ft2",exporter="e1",collector="[::1]:2055",set_id="256"})"),
-             7);
-   EXPECT_EQ(series.at(R"(ipfix_exporter_last_sent_timestamp_seconds{tracker="ft2",exporter="e1",collector="[::1]:2055"})"),
-             1000);
+   EXPECT_EQ(
+       series.at(
+           R"(ipfix_exporter_messages_total{tracker="ft\"1",exporter="e\\1",collector="10.0.0.1:4739"})"),
+       4);
+   EXPECT_EQ(
+       series.at(
+           R"(ipfix_exporter_set_records_total{tracker="ft2",exporter="e1",collector="[::1]:2055",set_id="256"})"),
+       7);
+   EXPECT_EQ(
+       series.at(
+           R"(ipfix_exporter_last_sent_timestamp_seconds{tracker="ft2",exporter="e1",collector="[::1]:2055"})"),
+       1000);
    // Never cleared: no sample rather than a zero timestamp.
    for (auto const& [k, v] : series) {
       EXPECT_FALSE(k.starts_with("ipfix_exporter_last_cleared")) << k;
