@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "Ipfix/CollectorStats.h"
 #include "agent/AgentProcess.h"
 #include "agent/AgentScenario.h"
 #include "support/IpfixDecoder.h"
@@ -68,6 +69,8 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
    receiveUntil(
        {{&c4, &r4}, {&c6, &r6}}, [&] { return std::chrono::steady_clock::now() > deadline; }, 6s);
    ASSERT_EQ(agent.stop(), 0) << agent.log();
+   // A clean stop removes the statistics table.
+   EXPECT_NE(access(("/dev/shm" + cfg.table).c_str(), F_OK), 0);
    s4.add(r4);
    s6.add(r6);
    ASSERT_TRUE(complete(s4)) << agent.log();
@@ -80,6 +83,18 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
 
    for (Stream const* s : {&s4, &s6}) {
       EXPECT_EQ(s->templateIds(), (std::set<std::uint16_t>{256, 257, 258, 259, 260, 261}));
+      // The data templates carry the configured fields in order, keys or not.
+      std::map<std::uint16_t, std::vector<std::uint16_t>> fields;
+      for (auto const& m : s->messages) {
+         for (auto const& t : m.templates()) {
+            fields[t.id].clear();
+            for (auto const& f : t.fields) {
+               fields[t.id].push_back(f.id);
+            }
+         }
+      }
+      EXPECT_EQ(fields[260], (std::vector<std::uint16_t>{8, 12, 4, 2}));
+      EXPECT_EQ(fields[261], (std::vector<std::uint16_t>{27, 28, 1}));
       // Each message carries the number of data records sent before it, and only data records
       // count: templates never advance it.
       for (std::size_t i = 1; i < s->messages.size(); ++i) {
@@ -219,6 +234,9 @@ TEST_F(AgentReload, RenamingOneInterfaceSendsOneUpdateWithTheNewName) {
 }
 
 TEST_F(AgentReload, AddedCollectorGetsEverythingAtOnceAndOthersAreUndisturbed) {
+   // Nothing periodic in the test's time: anything c4 gets now is caused by the change.
+   cfg.templateInterval = "60s";
+   cfg.activeInterval = "60s";
    startAgent();
    LoopbackCollector added(true);
    cfg.collectors = v4Collector("c4", c4) + v6Collector("added", added);
@@ -235,10 +253,34 @@ TEST_F(AgentReload, AddedCollectorGetsEverythingAtOnceAndOthersAreUndisturbed) {
        },
        3s))
        << agent->log();
-   // The first collector keeps its socket (same source port).
-   auto const rest = receiveFor(c4, 1200ms);
-   ASSERT_FALSE(rest.empty());
-   EXPECT_EQ(rest.back().srcPort, c4Port);
+   // The first collector is not disturbed: no templates, no tables.
+   auto const quiet = receiveFor(c4, 1200ms);
+   EXPECT_TRUE(quiet.empty()) << quiet.size() << " datagrams";
+
+   // Removing the new collector stops its traffic and leaves c4 alone too.
+   cfg.collectors = v4Collector("c4", c4);
+   agent->rewriteConfig(cfg.text());
+   ASSERT_TRUE(agent->waitForLog("configuration reloaded", 3s, 2)) << agent->log();
+   added.drain(100);
+   EXPECT_TRUE(receiveFor(added, 1200ms).empty());
+   EXPECT_TRUE(receiveFor(c4, 300ms).empty());
+
+   // A new interface is one update, from c4's same socket, with its sequence numbers carried on.
+   cfg.interfaces += "  - { name: Ethernet9, index: 9 }\n";
+   agent->rewriteConfig(cfg.text());
+   std::vector<Received> more;
+   ASSERT_TRUE(receiveUntil(
+       {{&c4, &more}}, [&] { return !more.empty(); }, 3s))
+       << agent->log();
+   EXPECT_EQ(more.front().srcPort, c4Port);
+   Stream before, after;
+   before.add(r4);
+   std::uint32_t expected = before.messages.back().sequenceNumber +
+                            static_cast<std::uint32_t>(before.messages.back().dataRecordCount());
+   after.decoder = before.decoder;
+   after.add(more);
+   EXPECT_EQ(after.messages.front().sequenceNumber, expected);
+   EXPECT_EQ(after.names(257), std::vector<std::string>{"Ethernet9"});
 }
 
 TEST_F(AgentReload, DscpChangeShowsInTheTosOfTheNextPackets) {
@@ -289,6 +331,13 @@ TEST_F(AgentReload, RemovedExporterStopsSendingOnSighup) {
    receiveFor(other, 200ms);
    EXPECT_TRUE(receiveFor(other, 2000ms).empty());
    EXPECT_FALSE(receiveFor(c4, 1200ms).empty());
+   // Its statistics went with it; the remaining exporter's stay.
+   Mirra::Ipfix::CollectorStatisticsReader reader(cfg.table);
+   std::set<std::string> exporters;
+   for (auto const& e : reader.allStats()) {
+      exporters.insert(std::string(e.key.exporter()));
+   }
+   EXPECT_EQ(exporters, (std::set<std::string>{"e1"}));
 }
 
 // Namespaces: the exporter's VRF lives in "ns-<vrf>", which the tests make and remove.

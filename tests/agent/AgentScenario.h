@@ -29,6 +29,8 @@ struct ConfigText {
    int dscp = 0;
    std::string extraExporters;  // further exporters, already indented
    std::string table = "/ipfix-agent-test-" + uniqueSuffix();
+   std::string templateInterval = "1s";
+   std::string activeInterval = "2s";
 
    std::string text() const {
       std::string interfacesBlock =
@@ -43,7 +45,9 @@ struct ConfigText {
              "trackers:\n"
              "  - name: ft1\n"
              "    id: 7\n"
-             "    active-interval: 2s\n"
+             "    active-interval: " +
+             activeInterval +
+             "\n"
              "    inactive-timeout: 15s\n"
              "    templates:\n"
              "      - id: 260\n"
@@ -67,7 +71,9 @@ struct ConfigText {
              "        dscp: " +
              std::to_string(dscp) +
              "\n"
-             "        template-interval: 1s\n"
+             "        template-interval: " +
+             templateInterval +
+             "\n"
              "        collectors:\n" +
              collectors + extraExporters;
    }
