@@ -63,25 +63,7 @@ std::uint32_t templateRecordLen(TemplateConfig const& t) {
 
 // `s` for a message: double-quoted, unprintable octets escaped, very long text cut short.
 std::string quoted(std::string_view s) {
-   constexpr std::size_t maxShown = 60;
-   std::string out = "\"";
-   for (std::size_t i = 0; i < s.size() && i < maxShown; ++i) {
-      auto const c = static_cast<unsigned char>(s[i]);
-      if (c == '"' || c == '\\') {
-         out += '\\';
-         out += static_cast<char>(c);
-      } else if (c >= 0x20 && c != 0x7f) {
-         out += static_cast<char>(c);
-      } else {
-         char hex[5];
-         std::snprintf(hex, sizeof(hex), "\\x%02x", c);
-         out += hex;
-      }
-   }
-   if (s.size() > maxShown) {
-      out += "...";
-   }
-   return out + "\"";
+   return Kivo::quotedForMessage(s, 60);
 }
 
 bool hasControlChar(std::string_view s) {

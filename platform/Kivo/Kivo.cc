@@ -54,4 +54,25 @@ void assertFail(char const* text, char const* file, int line) noexcept {
    std::abort();
 }
 
+String quotedForMessage(std::string_view s, std::size_t maxShown) {
+   String out = "\"";
+   for (std::size_t i = 0; i < s.size() && i < maxShown; ++i) {
+      auto const c = static_cast<unsigned char>(s[i]);
+      if (c == '"' || c == '\\') {
+         out += '\\';
+         out += static_cast<char>(c);
+      } else if (c >= 0x20 && c != 0x7f) {
+         out += static_cast<char>(c);
+      } else {
+         char hex[5];
+         std::snprintf(hex, sizeof(hex), "\\x%02x", c);
+         out += hex;
+      }
+   }
+   if (s.size() > maxShown) {
+      out += "...";
+   }
+   return out + "\"";
+}
+
 }  // namespace Kivo

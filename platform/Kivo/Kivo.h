@@ -5,6 +5,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "Kivo/Assert.h"
 #include "Kivo/Ptr.h"
@@ -87,5 +88,10 @@ class ScopedManualClock {
    Ptr<ManualClock> clock_;
    Ptr<Clock> previous_;
 };
+
+// `s` as it goes into an error message: double-quoted, with quotes and backslashes escaped,
+// control octets written as \xNN (other octets, UTF-8 included, as they are), and cut short with
+// "..." after `maxShown` octets.
+String quotedForMessage(std::string_view s, std::size_t maxShown = 80);
 
 }  // namespace Kivo

@@ -102,33 +102,9 @@ std::optional<Ip6AndPort> parseIp6AndPort(std::string_view s, char const** why) 
    return Ip6AndPort(*a, *p);
 }
 
-// The input as it goes into an error message: double-quoted, with quotes, backslashes and
-// unprintable octets escaped, and cut short when very long.
-Kivo::String quote(std::string_view s) {
-   constexpr std::size_t maxShown = 80;
-   Kivo::String out = "\"";
-   for (std::size_t i = 0; i < s.size() && i < maxShown; ++i) {
-      auto const c = static_cast<unsigned char>(s[i]);
-      if (c == '"' || c == '\\') {
-         out += '\\';
-         out += static_cast<char>(c);
-      } else if (c >= 0x20 && c < 0x7f) {
-         out += static_cast<char>(c);
-      } else {
-         char hex[5];
-         std::snprintf(hex, sizeof(hex), "\\x%02x", c);
-         out += hex;
-      }
-   }
-   if (s.size() > maxShown) {
-      out += "...";
-   }
-   out += '"';
-   return out;
-}
-
 [[noreturn]] void throwBad(char const* what, std::string_view s, char const* why) {
-   throw Kivo::Exception(Kivo::String("bad ") + what + " " + quote(s) + ": " + why);
+   throw Kivo::Exception(Kivo::String("bad ") + what + " " + Kivo::quotedForMessage(s) + ": " +
+                         why);
 }
 
 }  // namespace
@@ -357,7 +333,8 @@ Kivo::String DscpValue::toString() const {
 
 IntfId::IntfId(std::string_view name) : name_(name) {
    if (!validName(name)) {
-      throw Kivo::RangeException("Pelto::IntfId name " + quote(name) + " not allowed");
+      throw Kivo::RangeException("Pelto::IntfId name " + Kivo::quotedForMessage(name) +
+                                 " not allowed");
    }
 }
 

@@ -403,30 +403,24 @@ TEST_F(AgentNetNs, RenamingARealLinkSendsOneUpdate) {
    cfg.collectors = "          c4: 127.0.0.1:4739\n";
    AgentProcess agent(cfg.text(), {"ip", "netns", "exec", ns->name()});
    std::vector<Received> rs;
+   // Receives until the interface table has named `link`.
+   auto untilNamed = [&](std::string const& link, std::chrono::milliseconds timeout) {
+      return receiveUntil(
+          {{collector.get(), &rs}},
+          [&] {
+             Stream t;
+             t.add(rs);
+             auto const names = t.names(257);
+             return std::count(names.begin(), names.end(), link) > 0;
+          },
+          timeout);
+   };
    Stream s;
-   ASSERT_TRUE(receiveUntil(
-       {{collector.get(), &rs}},
-       [&] {
-          Stream t;
-          t.add(rs);
-          auto const names = t.names(257);
-          return std::count(names.begin(), names.end(), "dumA") > 0;
-       },
-       5s))
-       << agent.log();
+   ASSERT_TRUE(untilNamed("dumA", 5s)) << agent.log();
    s.add(rs);
    std::size_t const before = rs.size();
    ns->ip({"link", "set", "dumA", "name", "dumB"});
-   ASSERT_TRUE(receiveUntil(
-       {{collector.get(), &rs}},
-       [&] {
-          Stream t;
-          t.add(rs);
-          auto const names = t.names(257);
-          return std::count(names.begin(), names.end(), "dumB") > 0;
-       },
-       3s))
-       << agent.log();
+   ASSERT_TRUE(untilNamed("dumB", 3s)) << agent.log();
    s.add(rs, before);
    // The first message naming dumB is the one-record update, not a full table.
    bool sawUpdate = false;
