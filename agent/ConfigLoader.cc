@@ -118,6 +118,17 @@ class Loader {
 
  private:
    void error_p(YAML::Mark const& m, std::string message);
+   // Remembers `line` as where `key` was first given; for a repeat, reports "duplicate <what>
+   // (first at line N)" at `m` and returns false.
+   template <class K>
+   bool firstOf_p(std::map<K, int>& firstLine, K const& key, int line, YAML::Mark const& m,
+                  std::string const& what) {
+      auto const [prev, fresh] = firstLine.emplace(key, line);
+      if (!fresh) {
+         error_p(m, "duplicate " + what + " (first at line " + std::to_string(prev->second) + ")");
+      }
+      return fresh;
+   }
 
    // Structure.
    std::vector<Field> entries_p(YAML::Node const& node);
@@ -529,13 +540,9 @@ void Loader::loadInterfaces_p(Field const& f, AgentConfig& config) {
                                         " octets, no blanks or control characters)");
          name.reset();
       }
-      if (name) {
-         auto const [prev, fresh] = nameLine.emplace(*name, nameField->mark().line + 1);
-         if (!fresh) {
-            error_p(nameField->mark(), "duplicate interface name " + quoted(*name) +
-                                           " (first at line " + std::to_string(prev->second) + ")");
-            name.reset();
-         }
+      if (name && !firstOf_p(nameLine, *name, nameField->mark().line + 1, nameField->mark(),
+                             "interface name " + quoted(*name))) {
+         name.reset();
       }
       std::uint32_t i = 0;
       bool indexOk = false;
@@ -558,11 +565,8 @@ void Loader::loadInterfaces_p(Field const& f, AgentConfig& config) {
             error_p(indexField->mark(), "interface index " + hex(i) + " is reserved for the " +
                                             quoted(reservedFor) + " interface");
             indexOk = false;
-         } else if (auto const [prev, fresh] = indexLine.emplace(i, indexField->mark().line + 1);
-                    !fresh) {
-            error_p(indexField->mark(), "duplicate interface index " + std::to_string(i) +
-                                            " (first at line " + std::to_string(prev->second) +
-                                            ")");
+         } else if (!firstOf_p(indexLine, i, indexField->mark().line + 1, indexField->mark(),
+                               "interface index " + std::to_string(i))) {
             indexOk = false;
          }
       }
@@ -590,13 +594,9 @@ void Loader::loadVrfs_p(Field const& f, AgentConfig& config) {
          name.reset();
       } else if (name && !checkVrfName_p(*nameField, *name)) {
          name.reset();
-      } else if (name) {
-         auto const [prev, fresh] = nameLine.emplace(*name, nameField->mark().line + 1);
-         if (!fresh) {
-            error_p(nameField->mark(), "duplicate VRF name " + quoted(*name) + " (first at line " +
-                                           std::to_string(prev->second) + ")");
-            name.reset();
-         }
+      } else if (name && !firstOf_p(nameLine, *name, nameField->mark().line + 1, nameField->mark(),
+                                    "VRF name " + quoted(*name))) {
+         name.reset();
       }
       std::uint32_t id = 0;
       bool idOk = false;
@@ -608,13 +608,9 @@ void Loader::loadVrfs_p(Field const& f, AgentConfig& config) {
          error_p(idField->mark(), "VRF id " + hex(fixedVrfId) +
                                       " is reserved for the fixed record of the VRF table");
          idOk = false;
-      } else if (idOk) {
-         auto const [prev, fresh] = idLine.emplace(id, idField->mark().line + 1);
-         if (!fresh) {
-            error_p(idField->mark(), "duplicate VRF id " + std::to_string(id) + " (first at line " +
-                                         std::to_string(prev->second) + ")");
-            idOk = false;
-         }
+      } else if (idOk && !firstOf_p(idLine, id, idField->mark().line + 1, idField->mark(),
+                                    "VRF id " + std::to_string(id))) {
+         idOk = false;
       }
       if (name && idOk) {
          config.vrfs.emplace(id, *name);
@@ -633,9 +629,8 @@ void Loader::loadTrackers_p(Field const& f, AgentConfig& config) {
          continue;
       }
       int const line = item.Mark().line + 1;
-      if (auto const [prev, fresh] = nameLine.emplace(tracker->name, line); !fresh) {
-         error_p(item["name"].Mark(), "duplicate tracker name " + quoted(tracker->name) +
-                                          " (first at line " + std::to_string(prev->second) + ")");
+      if (!firstOf_p(nameLine, tracker->name, line, item["name"].Mark(),
+                     "tracker name " + quoted(tracker->name))) {
          continue;
       }
       if (auto const [prev, fresh] = idLine.emplace(tracker->id, line); !fresh) {
@@ -708,11 +703,8 @@ std::optional<TrackerConfig> Loader::loadTracker_p(YAML::Node const& node) {
          if (!exporter) {
             continue;
          }
-         if (auto const [prev, fresh] = nameLine.emplace(exporter->name, item.Mark().line + 1);
-             !fresh) {
-            error_p(item["name"].Mark(), "duplicate exporter name " + quoted(exporter->name) +
-                                             " in this tracker (first at line " +
-                                             std::to_string(prev->second) + ")");
+         if (!firstOf_p(nameLine, exporter->name, item.Mark().line + 1, item["name"].Mark(),
+                        "exporter name " + quoted(exporter->name) + " in this tracker")) {
             continue;
          }
          tracker.exporters.emplace(exporter->name, std::move(*exporter));
@@ -733,10 +725,8 @@ void Loader::loadTemplates_p(Field const& f, TrackerConfig& tracker) {
          continue;
       }
       std::uint16_t const id = t->id.value();
-      if (auto const [prev, fresh] = idLine.emplace(id, item.Mark().line + 1); !fresh) {
-         error_p(item["id"].Mark(), "duplicate template id " + std::to_string(id) +
-                                        " in this tracker (first at line " +
-                                        std::to_string(prev->second) + ")");
+      if (!firstOf_p(idLine, id, item.Mark().line + 1, item["id"].Mark(),
+                     "template id " + std::to_string(id) + " in this tracker")) {
          continue;
       }
       setLen += templateRecordLen(*t);
