@@ -433,6 +433,33 @@ TEST_F(AgentNetNs, RenamingARealLinkSendsOneUpdate) {
       }
    }
    EXPECT_TRUE(sawUpdate);
+
+   // A deleted link is not announced; it is gone from the next full table (every 2 s).
+   ns->ip({"link", "del", "dumB"});
+   std::size_t const afterRename = rs.size();
+   std::vector<std::string> nextTable;
+   ASSERT_TRUE(receiveUntil(
+       {{collector.get(), &rs}},
+       [&] {
+          Stream t;
+          t.add(rs);  // one message per datagram
+          for (std::size_t i = afterRename; i < t.messages.size(); ++i) {
+             for (auto const& set : t.messages[i].sets) {
+                if (set.id == 257 && set.records.size() > 1) {
+                   nextTable.clear();
+                   for (auto const& r : set.records) {
+                      nextTable.push_back(fieldText(r.fields.at(1)));
+                   }
+                   return true;
+                }
+             }
+          }
+          return false;
+       },
+       4s))
+       << agent.log();
+   EXPECT_EQ(std::count(nextTable.begin(), nextTable.end(), "dumB"), 0);
+   EXPECT_EQ(std::count(nextTable.begin(), nextTable.end(), "lo"), 1);
    EXPECT_EQ(agent.stop(), 0);
 }
 
