@@ -199,5 +199,43 @@ TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
    EXPECT_EQ(agent.stop(), 0) << agent.log();
 }
 
+// A collector taken out of the configuration takes its failures with it; the others keep theirs.
+TEST(CollectorHealthAgent, RemovedCollectorLeavesTheHealthTable) {
+   std::uint16_t deadPort = 0;
+   {
+      LoopbackCollector gone(false);
+      deadPort = gone.port();
+   }
+   LoopbackCollector live(false);
+   ConfigText cfg;
+   std::string const dead = "127.0.0.1:" + std::to_string(deadPort);
+   cfg.collectors = v4Collector("live", live) + "          dead: " + dead + "\n";
+   AgentProcess agent(cfg.text());
+   auto deadFailures = [&]() -> std::uint64_t {
+      try {
+         Agent::CollectorHealthReader reader(cfg.table);
+         for (auto const& [k, h] : reader.all()) {
+            if (Agent::collectorText(k.collector) == dead) {
+               return h.total();
+            }
+         }
+      } catch (Kivo::Exception const&) {
+         // not made yet
+      }
+      return 0;
+   };
+   for (int i = 0; i < 100 && deadFailures() == 0; ++i) {
+      live.drain(50);
+   }
+   ASSERT_GT(deadFailures(), 0u) << agent.log();
+
+   cfg.collectors = v4Collector("live", live);
+   agent.rewriteConfig(cfg.text());
+   ASSERT_TRUE(agent.waitForLog("configuration reloaded", 3s)) << agent.log();
+   EXPECT_EQ(deadFailures(), 0u);
+   EXPECT_EQ(Agent::CollectorHealthReader(cfg.table).all().size(), 0u);
+   EXPECT_EQ(agent.stop(), 0) << agent.log();
+}
+
 }  // namespace
 }  // namespace testsupport
