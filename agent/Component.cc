@@ -75,6 +75,8 @@ void Component::build_(AgentConfig const& config) {
    vrfIdMap_ = Vrf::VrfIdMap::statusFactory();
    allVrfStatus_ = Ip::allVrfStatusLocalFactory();
    collStats_ = Kivo::make<Mirra::Ipfix::CollectorStatistics>(config.statisticsTable);
+   health_ = std::make_unique<CollectorHealthTable>(config.statisticsTable);
+   healthMonitor_ = std::make_unique<CollectorHealthMonitor>(info_, hwConfig_, *health_);
 
    // The records first, as the switch's agents would have them at boot; then the state
    // machines, which pick up everything already there.
@@ -103,6 +105,8 @@ void Component::teardown_() {
    optionsDataManagerSm_ = nullptr;
    templateSm_ = nullptr;
    infoSm_ = nullptr;
+   healthMonitor_ = nullptr;
+   health_ = nullptr;  // removes the health table
    exporters_.clear();
    hwConfig_ = nullptr;
    hwStatus_ = nullptr;
@@ -124,6 +128,31 @@ void Component::configIs(AgentConfig const& next) {
    applyTrackers_(prev, next);
    config_ = next;
    applySoftwareExport_();
+   healthRetain_();
+}
+
+void Component::healthRetain_() {
+   health_->retain([this](HealthKey const& k) {
+      auto ft = config_.trackers.find(std::string(k.tracker()));
+      if (ft == config_.trackers.end()) {
+         return false;
+      }
+      auto exp = ft->second.exporters.find(std::string(k.exporter()));
+      if (exp == ft->second.exporters.end()) {
+         return false;
+      }
+      for (auto const& [name, addr] : exp->second.collectors) {
+         auto const c = std::visit(
+             [](auto const& a) {
+                return Mirra::Ipfix::CollectorInfo{a.ipAddr(), a.port()};
+             },
+             addr);
+         if (c == k.collector) {
+            return true;
+         }
+      }
+      return false;
+   });
 }
 
 // -----------------------------------------------------------------------------------------------

@@ -31,6 +31,7 @@
 #include "Orbo/TaskScheduler.h"
 #include "Vrf/VrfIdMap.h"
 #include "agent/AgentConfig.h"
+#include "agent/CollectorHealth.h"
 
 namespace Agent {
 
@@ -70,6 +71,9 @@ class Component {
    Kivo::Ptr<FlowTracking::FlowTrackingInfo> const& info() const { return info_; }
    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats() const { return collStats_; }
    Kivo::Ptr<FlowTracking::ConfigReq> const& configReq() const { return configReq_; }
+   // Send failures per collector, in the table beside the statistics; entries of collectors
+   // that are no longer configured go after each configuration change.
+   CollectorHealthTable& health() const { return *health_; }
 
  private:
    struct ExporterState;
@@ -84,6 +88,7 @@ class Component {
    void applyInterfaces_(AgentConfig const& prev, AgentConfig const& next);
    void applyVrfs_(AgentConfig const& prev, AgentConfig const& next);
    void applySoftwareExport_();
+   void healthRetain_();
    // Sets each family's resolved flag from the configuration and the namespaces; a namespace
    // made again under the same name turns the flag off and on, so the sockets are made anew.
    void resolve_(std::string const& ft, ExporterConfig const& exp);
@@ -109,6 +114,8 @@ class Component {
    Kivo::Ptr<Vrf::VrfIdMap::Status> vrfIdMap_;
    Kivo::Ptr<Ip::AllVrfStatusLocal> allVrfStatus_;
    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats_;
+   std::unique_ptr<CollectorHealthTable> health_;
+   std::unique_ptr<CollectorHealthMonitor> healthMonitor_;
 
    // State machines.
    Kivo::Ptr<FlowTracking::FlowTrackingInfoSm> infoSm_;

@@ -301,6 +301,14 @@ std::string ControlSocket::status_() {
                c["sequenceNumber"] = ci->ipfixMsgSeqNo().value;
                c["optionsTemplateSent"] = ci->optTemplateSent();
             }
+            auto const where = std::visit(
+                [](auto const& a) {
+                   return Mirra::Ipfix::CollectorInfo{a.ipAddr(), a.port()};
+                },
+                addr);
+            c["failures"] = failuresJson(component_.health()
+                                             .health(HealthKey(ftName, expName, where))
+                                             .value_or(CollectorHealth{}));
             collectors.push_back(std::move(c));
          }
          exporters.push_back(
@@ -334,6 +342,7 @@ std::string ControlSocket::clear_(std::string const& tracker, std::string const&
                         " bytes");
    }
    FlowTracking::ClearCountersReq req;
+   std::optional<Mirra::Ipfix::CollectorInfo> healthOf;
    req.ftName = tracker;
    req.expName = exporter;
    if (!collector.empty()) {
@@ -365,7 +374,11 @@ std::string ControlSocket::clear_(std::string const& tracker, std::string const&
                                 {"collector", collectorText(k.collector)}});
       }
    });
+   if (!collector.empty()) {
+      healthOf = Mirra::Ipfix::CollectorInfo{req.collector, req.collectorPort};
+   }
    req.requestTime = Kivo::currentTime();
+   component_.health().clear(tracker, exporter, healthOf);
    component_.configReq()->clearCountersReqIs(req);
    return json{{"ok", true}, {"cleared", std::move(cleared)}}.dump();
 }

@@ -255,3 +255,78 @@ TEST(PeltoUdpPam, SocketLivesInItsNamespaceWhileTheThreadStaysHome) {
    EXPECT_THROW(pam.modeIs(UdpPam::Mode::bound), Kivo::ErrnoException);
    EXPECT_EQ(NetNs::currentInode(), home);
 }
+
+namespace {
+
+// Every failure the process-wide observer hears while this lives.
+struct FailureLog {
+   FailureLog() {
+      UdpPam::txFailureObserverIs([this](Pelto::TxFailure const& f) { seen.push_back(f); });
+   }
+   ~FailureLog() { UdpPam::txFailureObserverIs({}); }
+   std::vector<Pelto::TxFailure> seen;
+};
+
+// Waits (bounded) until the kernel has queued an error on the module's socket.
+bool errorQueued(UdpPam const& pam) {
+   pollfd p{pam.fd(), 0, 0};
+   return poll(&p, 1, 2000) == 1 && (p.revents & POLLERR);
+}
+
+}  // namespace
+
+// A collector without a listener answers with ICMP port unreachable. The unconnected socket
+// learns of it through its error queue: the next send reports it against the datagram's own
+// destination, and that next send, to a live collector, still goes out and is not a failure.
+TEST(PeltoUdpPam, PortUnreachableIsReportedForItsOwnDestinationAndTheNextSendGoesOut) {
+   for (bool v6 : {false, true}) {
+      SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+      std::uint16_t deadPort = 0;
+      {
+         LoopbackCollector gone(v6);
+         deadPort = gone.port();
+      }
+      LoopbackCollector live(v6);
+      FailureLog failures;
+      UdpPam pam("udpPamIcmp");
+      pam.ipv6EnIs(v6);
+      pam.modeIs(UdpPam::Mode::open);
+      aimAtLoopback(pam, deadPort);
+      pam.txPktIs(pkt("to nobody"));
+      EXPECT_EQ(pam.txErrors(), 0u);
+      ASSERT_TRUE(errorQueued(pam));
+      EXPECT_TRUE(failures.seen.empty());
+
+      aimAtLoopback(pam, live.port());
+      pam.txPktIs(pkt("to someone"));
+      receive(live, "to someone");
+      EXPECT_EQ(pam.txErrors(), 0u);
+      EXPECT_EQ(pam.txPkts(), 2u);
+      ASSERT_EQ(failures.seen.size(), 1u);
+      Pelto::TxFailure const& f = failures.seen[0];
+      EXPECT_EQ(f.module, &pam);
+      EXPECT_EQ(f.error, ECONNREFUSED) << std::strerror(f.error);
+      EXPECT_TRUE(f.fromIcmp);
+      EXPECT_EQ(f.dstPort, deadPort);
+      EXPECT_EQ(f.dst, v6 ? Pelto::IpGenAddr(ip6("::1")) : Pelto::IpGenAddr(ip4("127.0.0.1")));
+   }
+}
+
+// A send that fails at once is reported with the destination it was for and its errno.
+TEST(PeltoUdpPam, FailedSendIsReportedToTheObserverWithItsDestination) {
+   FailureLog failures;
+   UdpPam pam("udpPamObs");
+   pam.modeIs(UdpPam::Mode::open);
+   pam.txDstIpAddrIs(ip4("127.0.0.1"));
+   pam.txPortIs(0);  // EINVAL
+   pam.txPktIs(pkt("lost"));
+   UdpPam closed("udpPamClosed");
+   aimAtLoopback(closed, 4739);
+   closed.txPktIs(pkt("lost"));  // EBADF
+   ASSERT_EQ(failures.seen.size(), 2u);
+   EXPECT_TRUE(failures.seen[0].module == &pam && failures.seen[0].error == pam.lastTxErrno() &&
+               !failures.seen[0].fromIcmp && failures.seen[0].dstPort == 0);
+   EXPECT_TRUE(failures.seen[1].module == &closed && failures.seen[1].error == EBADF &&
+               failures.seen[1].dstPort == 4739 &&
+               failures.seen[1].dst == Pelto::IpGenAddr(ip4("127.0.0.1")));
+}

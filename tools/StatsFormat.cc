@@ -66,6 +66,15 @@ std::string number(double v) {
 
 }  // namespace
 
+Agent::CollectorHealth healthOf(Health const& health, Entry const& e) {
+   for (auto const& [k, h] : health) {
+      if (k == e.key) {
+         return h;
+      }
+   }
+   return {};
+}
+
 bool Filter::matches(Entry const& e) const {
    return (tracker.empty() || tracker == e.key.tracker()) &&
           (exporter.empty() || exporter == e.key.exporter()) &&
@@ -145,20 +154,6 @@ std::string ageText(double now, double when) {
    return d < -0.5 ? "in " + std::string(buf) : std::string(buf) + " ago";
 }
 
-nlohmann::json rfc3339(double when) {
-   if (when == 0) {
-      return nullptr;
-   }
-   auto const secs = static_cast<std::time_t>(std::floor(when));
-   int const ms = static_cast<int>(std::lround((when - static_cast<double>(secs)) * 1000)) % 1000;
-   std::tm tm{};
-   gmtime_r(&secs, &tm);
-   char buf[40];
-   std::size_t const n = std::strftime(buf, sizeof(buf), "%Y-%m-%dT%H:%M:%S", &tm);
-   std::snprintf(buf + n, sizeof(buf) - n, ".%03dZ", ms);
-   return std::string(buf);
-}
-
 double lastClearTime(std::vector<Entry> const& all) {
    for (Entry const& e : all) {
       if (isClearTimeEntry(e)) {
@@ -168,10 +163,14 @@ double lastClearTime(std::vector<Entry> const& all) {
    return 0;
 }
 
-std::string tableText(std::vector<Entry> const& entries, double now) {
+std::string tableText(std::vector<Entry> const& entries, double now,
+                      std::optional<Health> const& health) {
    std::vector<std::vector<std::string>> rows = {{"TRACKER", "EXPORTER", "COLLECTOR", "MESSAGES",
                                                   "RECORDS", "OCTETS", "LAST SENT", "LAST TEMPLATE",
                                                   "LAST OPTIONS DATA", "CLEARED"}};
+   if (health) {
+      rows[0].push_back("FAILURES");
+   }
    for (Entry const& e : entries) {
       rows.push_back({std::string(e.key.tracker()), std::string(e.key.exporter()), collectorText(e),
                       std::to_string(e.exportedMessageTotalCount),
@@ -179,6 +178,9 @@ std::string tableText(std::vector<Entry> const& entries, double now) {
                       std::to_string(e.exportedOctetTotalCount), ageText(now, e.lastSentTime),
                       ageText(now, e.lastTemplateSentTime), ageText(now, e.lastOptionsDataSentTime),
                       ageText(now, e.lastClearedTime)});
+      if (health) {
+         rows.back().push_back(std::to_string(healthOf(*health, e).total()));
+      }
    }
    std::vector<std::size_t> width(rows[0].size(), 0);
    for (auto const& r : rows) {
@@ -200,6 +202,20 @@ std::string tableText(std::vector<Entry> const& entries, double now) {
                 std::to_string(s.exportedFlowRecordCount) + " records, " +
                 std::to_string(s.exportedTemplateCount) + " templates\n";
       }
+      if (!health) {
+         continue;
+      }
+      Agent::CollectorHealth const h = healthOf(*health, entries[row - 1]);
+      for (std::size_t i = 0; i < Agent::sendFailureCauseCount; ++i) {
+         if (h.failures[i] != 0) {
+            out += std::string("    ") + causeText(static_cast<Agent::SendFailureCause>(i)) + ": " +
+                   std::to_string(h.failures[i]) + " failed\n";
+         }
+      }
+      if (h.lastFailureTime != 0) {
+         out += "    last failure: " + ageText(now, h.lastFailureTime) + ": " +
+                std::string(h.text()) + "\n";
+      }
    }
    if (entries.empty()) {
       out += "(no collectors)\n";
@@ -207,7 +223,7 @@ std::string tableText(std::vector<Entry> const& entries, double now) {
    return out;
 }
 
-nlohmann::json toJson(std::vector<Entry> const& entries) {
+nlohmann::json toJson(std::vector<Entry> const& entries, std::optional<Health> const& health) {
    nlohmann::json out = nlohmann::json::array();
    for (Entry const& e : entries) {
       nlohmann::json sets = nlohmann::json::array();
@@ -228,11 +244,13 @@ nlohmann::json toJson(std::vector<Entry> const& entries) {
                      {"lastOptionsDataSent", rfc3339(e.lastOptionsDataSentTime)},
                      {"lastCleared", rfc3339(e.lastClearedTime)},
                      {"sets", std::move(sets)}});
+      out.back()["failures"] =
+          health ? Agent::failuresJson(healthOf(*health, e)) : nlohmann::json(nullptr);
    }
    return out;
 }
 
-std::string prometheusText(std::vector<Entry> const& entries) {
+std::string prometheusText(std::vector<Entry> const& entries, std::optional<Health> const& health) {
    struct Family {
       char const* name;
       char const* type;
@@ -288,6 +306,28 @@ std::string prometheusText(std::vector<Entry> const& entries) {
              "When options data was last sent to the collector.", &Entry::lastOptionsDataSentTime);
    timestamp("ipfix_exporter_last_cleared_timestamp_seconds",
              "When the collector's counters were last cleared.", &Entry::lastClearedTime);
+   if (!health) {
+      return os.str();
+   }
+   family({"ipfix_exporter_send_failures_total", "counter",
+           "Sends to the collector that failed, by cause."},
+          [&](Entry const& e, std::string const& l) {
+             Agent::CollectorHealth const h = healthOf(*health, e);
+             for (std::size_t i = 0; i < Agent::sendFailureCauseCount; ++i) {
+                os << "ipfix_exporter_send_failures_total{" << l << ",cause=\""
+                   << causeLabel(static_cast<Agent::SendFailureCause>(i)) << "\"} " << h.failures[i]
+                   << '\n';
+             }
+          });
+   family({"ipfix_exporter_last_send_failure_timestamp_seconds", "gauge",
+           "When a send to the collector last failed."},
+          [&](Entry const& e, std::string const& l) {
+             Agent::CollectorHealth const h = healthOf(*health, e);
+             if (h.lastFailureTime != 0) {
+                os << "ipfix_exporter_last_send_failure_timestamp_seconds{" << l << "} "
+                   << number(h.lastFailureTime) << '\n';
+             }
+          });
    return os.str();
 }
 

@@ -1,5 +1,6 @@
 // ipfix-stats: shows the collector statistics that a running ipfix-agent keeps in shared memory,
-// in Prometheus format too, and clears them through the agent's control socket.
+// in Prometheus format too, with the send failures the agent keeps beside them, and clears them
+// through the agent's control socket.
 //
 // Exit codes: 0 done; 1 bad usage; 2 no statistics table (no agent running with that table);
 // 3 the table is damaged or not one of ours; 4 the agent's control socket refused or failed;
@@ -53,6 +54,35 @@ std::vector<Stats::Entry> readAll(Mirra::Ipfix::CollectorStatisticsReader& reade
       throw Failure{exitDamaged, "statistics table " + table + ": " + e.what()};
    }
 }
+
+// The health table beside the statistics. An agent without one (an older agent) or a damaged
+// one is not a reason to show nothing: the statistics are shown without failures, and stderr says
+// why once.
+class HealthSource {
+ public:
+   explicit HealthSource(std::string table) : table_(std::move(table)) {}
+   std::optional<Stats::Health> read() {
+      try {
+         if (!reader_) {
+            reader_.emplace(table_);
+         }
+         return reader_->all();
+      } catch (std::exception const& e) {
+         reader_.reset();
+         if (!warned_) {
+            warned_ = true;
+            std::cerr << "ipfix-stats: no send failures shown: health table "
+                      << Agent::healthTableName(table_) << ": " << e.what() << "\n";
+         }
+         return std::nullopt;
+      }
+   }
+
+ private:
+   std::string table_;
+   std::optional<Agent::CollectorHealthReader> reader_;
+   bool warned_ = false;
+};
 
 // One request line to the agent, one reply line back, within a few seconds.
 nlohmann::json ask(std::string const& path, nlohmann::json const& request) {
@@ -177,9 +207,10 @@ int main(int argc, char** argv) {
          return 0;
       }
       auto reader = openTable(table);
+      HealthSource health(table);
       if (*prom) {
          auto const text = Stats::prometheusText(
-             Stats::select(readAll(reader, table), {}, Stats::SortKey::tracker));
+             Stats::select(readAll(reader, table), {}, Stats::SortKey::tracker), health.read());
          if (output.empty()) {
             std::cout << text;
          } else {
@@ -197,13 +228,14 @@ int main(int argc, char** argv) {
       }
       for (std::uint64_t gen = reader.generation();;) {
          auto const entries = Stats::select(readAll(reader, table), filter, *sort);
+         auto const failures = health.read();
          if (json) {
-            std::cout << Stats::toJson(entries).dump(2) << "\n";
+            std::cout << Stats::toJson(entries, failures).dump(2) << "\n";
          } else {
             if (watch > 0) {
                std::cout << "\x1b[H\x1b[2J";  // refresh in place
             }
-            std::cout << Stats::tableText(entries, Kivo::currentTime());
+            std::cout << Stats::tableText(entries, Kivo::currentTime(), failures);
          }
          std::cout.flush();
          if (watch <= 0) {

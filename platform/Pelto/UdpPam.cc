@@ -1,6 +1,7 @@
 #include "Pelto/UdpPam.h"
 
 #include <fcntl.h>
+#include <linux/errqueue.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -20,6 +21,11 @@ namespace {
 constexpr std::size_t maxNetNsBytes = 150;
 constexpr char const* netNsDir = "/var/run/netns/";
 constexpr char const* threadNetNs = "/proc/thread-self/ns/net";
+
+UdpPam::TxFailureObserver& txFailureObserver() {
+   static UdpPam::TxFailureObserver observer;
+   return observer;
+}
 
 Dualog::Facility& fac() {
    static Dualog::Facility& f = Dualog::facility("UdpPam");
@@ -104,6 +110,10 @@ bool localPort(int fd, std::uint16_t* port) {
 
 }  // namespace
 
+void UdpPam::txFailureObserverIs(TxFailureObserver fn) {
+   txFailureObserver() = std::move(fn);
+}
+
 UdpPam::~UdpPam() {
    close_();
 }
@@ -170,8 +180,10 @@ void UdpPam::open_() {
    if (ipv6En_) {
       intOptIs(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1, name_, "IPV6_V6ONLY");
       intOptIs(fd, IPPROTO_IPV6, IPV6_TCLASS, txTos_, name_, "IPV6_TCLASS");
+      intOptIs(fd, IPPROTO_IPV6, IPV6_RECVERR, 1, name_, "IPV6_RECVERR");
    } else {
       intOptIs(fd, IPPROTO_IP, IP_TOS, txTos_, name_, "IP_TOS");
+      intOptIs(fd, IPPROTO_IP, IP_RECVERR, 1, name_, "IP_RECVERR");
    }
 
    std::uint16_t port = 0;
@@ -238,10 +250,71 @@ void UdpPam::learnPort_() {
    rxPort_ = port;
 }
 
+void UdpPam::report_(IpGenAddr const& dst, std::uint16_t port, int err, bool fromIcmp) const {
+   if (auto const& observer = txFailureObserver()) {
+      observer(TxFailure{this, dst, port, err, fromIcmp});
+   }
+}
+
 void UdpPam::txFailed_(int err) {
    ++txErrors_;
    lastTxErrno_ = err;
    KTRACE(fac(), 2, name_ << ": txPkt failed: " << std::strerror(err));
+   // A closed module has no socket family yet: the one it is set to open with.
+   if (fd_ >= 0 ? fdV6_ : ipv6En_) {
+      report_(txDst6_, txPort_, err, false);
+   } else {
+      report_(txDst4_, txPort_, err, false);
+   }
+}
+
+int UdpPam::drainErrQueue_() {
+   int icmp = 0;
+   for (int i = 0; i < maxErrQueueDrain(); ++i) {
+      sockaddr_storage from{};
+      char data[1];
+      iovec iov{data, sizeof(data)};
+      alignas(cmsghdr) unsigned char control[256];
+      msghdr msg{};
+      msg.msg_name = &from;
+      msg.msg_namelen = sizeof(from);
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = control;
+      msg.msg_controllen = sizeof(control);
+      if (recvmsg(fd_, &msg, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) {
+         return icmp;  // EAGAIN: empty
+      }
+      for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+         bool const isErr = (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_RECVERR) ||
+                            (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_RECVERR);
+         if (!isErr || c->cmsg_len < CMSG_LEN(sizeof(sock_extended_err))) {
+            continue;
+         }
+         sock_extended_err ee{};
+         std::memcpy(&ee, CMSG_DATA(c), sizeof(ee));
+         // Local errors (EMSGSIZE) were also the failed send's own errno: reported there.
+         if (ee.ee_origin != SO_EE_ORIGIN_ICMP && ee.ee_origin != SO_EE_ORIGIN_ICMP6) {
+            continue;
+         }
+         ++icmp;
+         int const err = static_cast<int>(ee.ee_errno);
+         if (from.ss_family == AF_INET6) {
+            auto const& sa = *reinterpret_cast<sockaddr_in6 const*>(&from);
+            Ip6AndPort const dst = Ip6AndPort::fromSockaddr(sa);
+            KTRACE(fac(), 2,
+                   name_ << ": error from " << dst.toString() << ": " << std::strerror(err));
+            report_(dst.ipAddr(), dst.port(), err, true);
+         } else {
+            auto const& sa = *reinterpret_cast<sockaddr_in const*>(&from);
+            IpAndPort const dst = IpAndPort::fromSockaddr(sa);
+            KTRACE(fac(), 2,
+                   name_ << ": error from " << dst.toString() << ": " << std::strerror(err));
+            report_(dst.ipAddr(), dst.port(), err, true);
+         }
+      }
+   }
+   return icmp;
 }
 
 void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
@@ -295,11 +368,21 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
       }
    }
 
-   ssize_t const n = sendmsg(fd_, &msg, 0);
+   drainErrQueue_();
+   ssize_t n = sendmsg(fd_, &msg, 0);
    if (n < 0) {
-      // EAGAIN included: a full send buffer drops the packet rather than blocking the sender.
-      txFailed_(errno);
-      return;
+      int err = errno;
+      // An ICMP error that came in since the drain fails this send with its errno: it belongs to
+      // an earlier datagram, so report it as such and send this one again.
+      if (drainErrQueue_() > 0) {
+         n = sendmsg(fd_, &msg, 0);
+         err = errno;
+      }
+      if (n < 0) {
+         // EAGAIN included: a full send buffer drops the packet rather than blocking the sender.
+         txFailed_(err);
+         return;
+      }
    }
    ++txPkts_;
    txBytes_ += static_cast<std::uint64_t>(n);

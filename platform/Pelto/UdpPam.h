@@ -17,10 +17,24 @@
 // (IP_PKTINFO / IPV6_PKTINFO), so it must be an address of the socket's namespace. A failed send
 // is traced and counted (txErrors(), lastTxErrno()), never thrown.
 //
+// Errors that come back later: every socket asks for ICMP errors (IP_RECVERR / IPV6_RECVERR), so
+// that a datagram answered by "port unreachable" (no listener) or "host unreachable" is learned of
+// even though the socket is not connected. The kernel queues them on the socket's error queue;
+// each send first drains that queue (non-blocking, at most maxErrQueueDrain() entries) and reports
+// every ICMP error with the destination of the datagram it answers. While an error is queued the
+// kernel fails the next send with that error: such a send is retried once after the drain, so
+// one collector's error is never charged to another collector's datagram. Errors learned this way
+// go to the observer and the trace only; txErrors() counts the sends that failed.
+//
+// Failure observer: one per process (txFailureObserverIs), called on the sending thread for every
+// failed send and every ICMP error learned, with the module, the destination and errno. It must
+// not send through a module itself.
+//
 // Opening errors (socket, namespace, bind) throw Kivo::ErrnoException and leave the module closed.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "Kivo/Kivo.h"
 #include "Pelto/Address.h"
@@ -38,9 +52,26 @@ enum class IpTrafficControl : std::uint8_t {
    control = 7,
 };
 
+class UdpPam;
+
+// A send that failed, or a datagram an ICMP error came back for.
+struct TxFailure {
+   UdpPam const* module;
+   IpGenAddr dst;
+   std::uint16_t dstPort;
+   int error;      // errno: of sendmsg, or what the ICMP error means (ECONNREFUSED, ...)
+   bool fromIcmp;  // learned from the error queue: the datagram itself had left
+};
+
 class UdpPam : public Kivo::Object {
  public:
    enum class Mode : std::uint8_t { closed = 0, open = 1, bound = 3 };
+
+   using TxFailureObserver = std::function<void(TxFailure const&)>;
+   // Sets the process-wide observer of failures (an empty function: none). The previous one is
+   // replaced. Called on the one thread that sends.
+   static void txFailureObserverIs(TxFailureObserver fn);
+   static constexpr int maxErrQueueDrain() { return 64; }
 
    explicit UdpPam(Kivo::String name) : name_(std::move(name)) {}
    ~UdpPam() override;
@@ -96,6 +127,9 @@ class UdpPam : public Kivo::Object {
    void applyTos_();
    void learnPort_();
    void txFailed_(int err);
+   // Reports and removes what the error queue holds; the number of ICMP errors found.
+   int drainErrQueue_();
+   void report_(IpGenAddr const& dst, std::uint16_t port, int err, bool fromIcmp) const;
 
    Kivo::String name_;
    Kivo::String netNs_;

@@ -10,8 +10,10 @@
 #include <thread>
 
 #include "Ipfix/CollectorStats.h"
+#include "Mirra/ShmTable.h"
 #include "agent/AgentProcess.h"
 #include "agent/AgentScenario.h"
+#include "agent/CollectorHealth.h"
 #include "agent/ControlSocket.h"
 
 namespace testsupport {
@@ -55,8 +57,8 @@ Counted count(std::vector<Received> const& rs) {
 
 class StatsTool : public ::testing::Test {
  protected:
-   void start(std::string const& extraExporters = {}) {
-      cfg.collectors = v4Collector("c4", c4) + v6Collector("c6", c6);
+   void start(std::string const& extraExporters = {}, std::string const& extraCollectors = {}) {
+      cfg.collectors = v4Collector("c4", c4) + v6Collector("c6", c6) + extraCollectors;
       cfg.extraExporters = extraExporters;
       agent = std::make_unique<AgentProcess>(cfg.text());
       ASSERT_TRUE(receiveUntil(
@@ -253,6 +255,109 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
        {{&c4, &later}}, [&] { return later.size() >= 2; }, 3s);
    EXPECT_GE(later.size(), 2u);
    EXPECT_EQ(agent->stop(), 0) << agent->log();
+}
+
+// A port on loopback that nobody listens on.
+std::uint16_t deadPort(bool v6) {
+   LoopbackCollector gone(v6);
+   return gone.port();
+}
+
+// A collector without a listener: the ICMP port unreachable that comes back is counted as
+// "connection refused" against that collector alone, and shown by every view: the table, JSON,
+// Prometheus and the agent's status. Clearing the collector clears its failures.
+TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilCleared) {
+   std::uint16_t const dead4 = deadPort(false), dead6 = deadPort(true);
+   std::string const d4 = "127.0.0.1:" + std::to_string(dead4);
+   std::string const d6 = "[::1]:" + std::to_string(dead6);
+   start({}, "          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
+   json all;
+   auto refused = [&](std::string const& c) -> std::uint64_t {
+      json const* e = find(all, c);
+      return e ? (*e)["failures"]["connectionRefused"].get<std::uint64_t>() : 0;
+   };
+   // Templates go every second; each send after the first learns of the one before.
+   for (int i = 0; i < 100 && (refused(d4) == 0 || refused(d6) == 0); ++i) {
+      std::this_thread::sleep_for(50ms);
+      all = stats();
+   }
+   for (std::string const& c : {d4, d6}) {
+      ASSERT_TRUE(find(all, c)) << all.dump(2);
+      json const& f = (*find(all, c))["failures"];
+      EXPECT_GT(f["connectionRefused"].get<std::uint64_t>(), 0u) << f;
+      EXPECT_EQ(f["total"], f["connectionRefused"]) << f;
+      EXPECT_EQ(f["lastFailureText"], std::strerror(ECONNREFUSED)) << f;
+      EXPECT_TRUE(f["lastFailure"].is_string()) << f;
+   }
+   for (std::string const& c : {c4.ipAndPort().toString(), c6.ip6AndPort().toString()}) {
+      ASSERT_TRUE(find(all, c)) << all.dump(2);
+      EXPECT_EQ((*find(all, c))["failures"]["total"], 0) << c;
+      EXPECT_TRUE((*find(all, c))["failures"]["lastFailure"].is_null()) << c;
+   }
+
+   std::string out, err;
+   ASSERT_EQ(
+       runProgram({statsBinary(), "--table", cfg.table, "show", "--collector", d4}, &out, &err), 0)
+       << err;
+   EXPECT_TRUE(err.empty()) << err;
+   EXPECT_NE(out.find("FAILURES"), std::string::npos) << out;
+   EXPECT_NE(out.find("    connection refused: "), std::string::npos) << out;
+   EXPECT_NE(out.find(std::string(" ago: ") + std::strerror(ECONNREFUSED)), std::string::npos)
+       << out;
+   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "prometheus"}, &out, &err), 0);
+   EXPECT_NE(out.find("ipfix_exporter_send_failures_total{tracker=\"ft1\",exporter=\"e1\","
+                      "collector=\"" +
+                      d4 + "\",cause=\"connection_refused\"} "),
+             std::string::npos)
+       << out;
+
+   Client status(Agent::defaultControlSocketPath(cfg.table));
+   status.sendAll("{\"request\": \"status\"}\n");
+   auto const r = status.replies(1);
+   ASSERT_EQ(r.size(), 1u);
+   std::map<std::string, json> byName;
+   for (auto const& c : r[0]["trackers"][0]["exporters"][0]["collectors"]) {
+      byName[c["name"]] = c["failures"];
+   }
+   EXPECT_GT(byName["dead4"]["connectionRefused"].get<std::uint64_t>(), 0u) << r[0];
+   EXPECT_GT(byName["dead6"]["connectionRefused"].get<std::uint64_t>(), 0u) << r[0];
+   EXPECT_EQ(byName["c4"]["total"], 0) << r[0];
+
+   std::uint64_t const d4Before = (*find(all, d4))["failures"]["total"];
+   double const clearedAt = Kivo::currentTime();
+   ASSERT_EQ(
+       runProgram({statsBinary(), "--table", cfg.table, "clear", "--collector", d6}, &out, &err), 0)
+       << err;
+   // What is counted for d6 afterwards failed after the clear; d4 kept everything.
+   Agent::CollectorHealthReader health(cfg.table);
+   bool sawD4 = false;
+   for (auto const& [k, h] : health.all()) {
+      std::string const c = Agent::collectorText(k.collector);
+      if (c == d6) {
+         EXPECT_GE(h.lastFailureTime, clearedAt);
+      }
+      if (c == d4) {
+         sawD4 = true;
+         EXPECT_GE(h.total(), d4Before);
+      }
+   }
+   EXPECT_TRUE(sawD4);
+}
+
+// An agent without a health table (an older one) still gets its statistics shown, with one
+// warning line.
+TEST_F(StatsTool, MissingHealthTableShowsStatisticsWithOneWarning) {
+   start();
+   // Take the health table away as an older agent would not have made it.
+   ASSERT_TRUE(Mirra::shmUnlink(cfg.table + "-health"));
+   std::string out, err;
+   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "show"}, &out, &err), 0) << err;
+   EXPECT_NE(out.find(c4.ipAndPort().toString()), std::string::npos) << out;
+   EXPECT_EQ(out.find("FAILURES"), std::string::npos) << out;
+   EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+   EXPECT_NE(err.find("no send failures shown"), std::string::npos) << err;
+   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "show", "--json"}, &out, &err), 0);
+   EXPECT_TRUE(json::parse(out)[0]["failures"].is_null()) << out;
 }
 
 TEST(StatsToolWithoutAgent, MissingTableAndAbsentAgentHaveTheirOwnExitCodes) {

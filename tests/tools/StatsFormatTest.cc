@@ -155,4 +155,75 @@ TEST(StatsFormat, PrometheusExpositionIsWellFormedAndEscapesLabels) {
    }
 }
 
+// Failures as each view shows them, for a collector with failures of several causes, one
+// without any, and an agent without a health table.
+TEST(StatsFormat, FailuresInTableJsonAndPrometheus) {
+   std::vector<Entry> const es = {entry("ft1", "e1", "10.0.0.1", 4739, 4),
+                                  entry("ft1", "e1", "::1", 2055, 2)};
+   Agent::CollectorHealth bad;
+   bad.failureIs(ECONNREFUSED, 990);
+   bad.failureIs(ECONNREFUSED, 995);
+   bad.failureIs(ENOBUFS, 1000);
+   Stats::Health const health = {{es[0].key, bad}};
+
+   struct Case {
+      char const* name;
+      std::optional<Stats::Health> health;
+      std::vector<std::string> present, absent;
+   } const cases[] = {
+       {"with failures",
+        health,
+        {"FAILURES", "    connection refused: 2 failed\n", "    no buffer space: 1 failed\n",
+         std::string("    last failure: 12s ago: ") + std::strerror(ENOBUFS) + "\n"},
+        {"message too long", "unreachable", "permission", "    other"}},
+       {"without health table", std::nullopt, {"TRACKER", "10.0.0.1:4739"}, {"FAILURES", "failed"}},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(c.name);
+      std::string const table = Stats::tableText(es, 1012, c.health);
+      for (auto const& s : c.present) {
+         EXPECT_NE(table.find(s), std::string::npos) << s << "\n" << table;
+      }
+      for (auto const& s : c.absent) {
+         EXPECT_EQ(table.find(s), std::string::npos) << s << "\n" << table;
+      }
+   }
+   // One line per cause, under its own collector and nowhere else.
+   std::string const table = Stats::tableText(es, 1012, health);
+   EXPECT_LT(table.find("connection refused"), table.find("[::1]:2055")) << table;
+   EXPECT_EQ(table.find("last failure", table.find("[::1]:2055")), std::string::npos) << table;
+
+   auto const j = Stats::toJson(es, health);
+   EXPECT_EQ(j[0]["failures"]["connectionRefused"], 2);
+   EXPECT_EQ(j[0]["failures"]["noBufferSpace"], 1);
+   EXPECT_EQ(j[0]["failures"]["total"], 3);
+   EXPECT_EQ(j[0]["failures"]["lastFailure"], "1970-01-01T00:16:40.000Z");
+   EXPECT_EQ(j[0]["failures"]["lastFailureText"], std::strerror(ENOBUFS));
+   EXPECT_EQ(j[1]["failures"]["total"], 0);
+   EXPECT_TRUE(j[1]["failures"]["lastFailure"].is_null());
+   EXPECT_TRUE(Stats::toJson(es)[0]["failures"].is_null());
+
+   auto const series = parseExposition(Stats::prometheusText(es, health));
+   std::string const l0 = R"(tracker="ft1",exporter="e1",collector="10.0.0.1:4739")";
+   std::string const l1 = R"(tracker="ft1",exporter="e1",collector="[::1]:2055")";
+   EXPECT_EQ(
+       series.at("ipfix_exporter_send_failures_total{" + l0 + R"(,cause="connection_refused"})"),
+       2);
+   EXPECT_EQ(series.at("ipfix_exporter_send_failures_total{" + l0 + R"(,cause="no_buffer_space"})"),
+             1);
+   EXPECT_EQ(
+       series.at("ipfix_exporter_send_failures_total{" + l1 + R"(,cause="connection_refused"})"),
+       0);
+   EXPECT_EQ(series.at("ipfix_exporter_last_send_failure_timestamp_seconds{" + l0 + "}"), 1000);
+   EXPECT_FALSE(series.count("ipfix_exporter_last_send_failure_timestamp_seconds{" + l1 + "}"));
+   int causes = 0;
+   for (auto const& [k, v] : series) {
+      causes += k.starts_with("ipfix_exporter_send_failures_total{" + l1);
+   }
+   EXPECT_EQ(causes, 6);
+   for (auto const& [k, v] : parseExposition(Stats::prometheusText(es))) {
+      EXPECT_EQ(k.find("failure"), std::string::npos) << k;
+   }
+}
+
 }  // namespace
