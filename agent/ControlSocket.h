@@ -6,6 +6,11 @@
 //   {"request": "clear", "tracker": "ft1", "exporter": "e1", "collector": "10.0.0.1:4739"}
 //       (every filter optional; absent matches everything)
 //
+// `status` answers per tracker and exporter the resolved and ready flags and ports of each family,
+// per collector its address, sequence number, whether its options templates were sent and its
+// send "failures" (per cause, last failure time and text), and the local collector configuration
+// of software-export trackers; `clear` answers the collectors it cleared.
+//
 // Replies carry "ok": true and the answer, or "ok": false and "error". A request that is not
 // JSON, too long, unknown or not allowed gets an error reply and changes nothing.
 //
