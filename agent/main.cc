@@ -117,8 +117,8 @@ class Runner {
    }
 
  private:
-   void traceIs_(std::string const& spec) {
-      std::string const& s = traceOverride_.empty() ? spec : traceOverride_;
+   void traceIs_(std::string const& fromFile) {
+      std::string const& s = traceOverride_.empty() ? fromFile : traceOverride_;
       Dualog::enable("*", Dualog::off());
       if (!s.empty()) {
          Dualog::enableFromSpec(s);
@@ -230,7 +230,7 @@ int main(int argc, char** argv) {
       return 2;
    }
    if (!trace.empty() && !Dualog::enableFromSpec(trace)) {
-      std::cerr << "ipfix-agent: --trace: not a trace specification: " << trace << "\n";
+      std::cerr << "ipfix-agent: --trace: not a list of FACILITY/LEVEL items: " << trace << "\n";
       return 2;
    }
    return Runner(configPath, trace, controlPath).run();
