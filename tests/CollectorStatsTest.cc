@@ -3,10 +3,8 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <functional>
 
 #include "Ipfix/CollectorStats.h"
@@ -26,30 +24,17 @@ CollectorSetStatisticsEntry set(std::uint16_t id, std::uint64_t flows = 0) {
    return {id, flows, 0};
 }
 
-}  // namespace
-
-TEST(CollectorStats, DeletedSlotIsReusedFirstAndCountStays) {
-   CollectorStatisticsEntry e(key());
-   for (std::uint16_t id : {256, 257, 258, 259, 260}) {
-      e.setEntryIs(set(id, id));
+template <class F>
+std::string errorOf(F fn) {
+   try {
+      fn();
+   } catch (Kivo::Exception const& e) {
+      return e.what();
    }
-   EXPECT_EQ(e.setEntryCount, 5);
-   EXPECT_EQ(e.setEntryDel(SetId(259)).exportedFlowRecordCount, 259u);
-   EXPECT_EQ(e.nextIdx, 3);
-   e.setEntryIs(set(2, 1));
-   EXPECT_EQ(e.indexForSetId(SetId(2)), 3);
-   EXPECT_EQ(e.setEntryCount, 5);
-   // With nextIdx taken again, a free slot below the count comes next, then appending.
-   e.setEntryDel(SetId(257));
-   e.setEntryDel(SetId(256));  // nextIdx is now 0
-   e.setEntryIs(set(300));
-   EXPECT_EQ(e.indexForSetId(SetId(300)), 0);
-   e.setEntryIs(set(301));
-   EXPECT_EQ(e.indexForSetId(SetId(301)), 1);
-   e.setEntryIs(set(302));
-   EXPECT_EQ(e.indexForSetId(SetId(302)), 5);
-   EXPECT_EQ(e.setEntryCount, 6);
+   return "(no error)";
 }
+
+}  // namespace
 
 // The slot freed last is reused first even when a lower slot is free; only then the lowest free
 // slot, then appending.
@@ -58,8 +43,9 @@ TEST(CollectorStats, LastFreedSlotIsReusedBeforeALowerFreeOne) {
    for (std::uint16_t id : {256, 257, 258, 259, 260}) {
       e.setEntryIs(set(id, id));
    }
-   e.setEntryDel(SetId(257));  // slot 1
-   e.setEntryDel(SetId(259));  // slot 3, freed last
+   e.setEntryDel(SetId(257));                                           // slot 1
+   EXPECT_EQ(e.setEntryDel(SetId(259)).exportedFlowRecordCount, 259u);  // slot 3, freed last
+   EXPECT_EQ(e.setEntryCount, 5);
    EXPECT_EQ(e.nextIdx, 3);
    EXPECT_EQ(e.maybeNewIndexForSetId(SetId(2)), 3);
    e.setEntryIs(set(2, 1));
@@ -92,18 +78,9 @@ TEST(CollectorStats, TwentyThirdSetIdIsARangeError) {
    for (std::uint16_t id = 256; id < 256 + 22; ++id) {
       e.setEntryIs(set(id));
    }
-   EXPECT_THROW(
-       {
-          try {
-             e.setEntryIs(set(1000));
-          } catch (Kivo::RangeException const& ex) {
-             EXPECT_STREQ(ex.what(),
-                          "Mirra::Ipfix::SetIndex::value < Mirra::Ipfix::SetIndex::min or > "
-                          "Mirra::Ipfix::SetIndex::max not allowed");
-             throw;
-          }
-       },
-       Kivo::RangeException);
+   EXPECT_EQ(errorOf([&] { e.setEntryIs(set(1000)); }),
+             "Mirra::Ipfix::SetIndex::value < Mirra::Ipfix::SetIndex::min or > "
+             "Mirra::Ipfix::SetIndex::max not allowed");
    e.setEntryIs(set(256, 9));  // an existing id still updates in place
    EXPECT_EQ(e.setEntry(SetId(256)).exportedFlowRecordCount, 9u);
    EXPECT_THROW(StringIndex(128), Kivo::RangeException);
@@ -113,12 +90,10 @@ TEST(CollectorStats, TwentyThirdSetIdIsARangeError) {
 TEST(CollectorStats, KeyHashOnFixedVectorsAndEquality) {
    // The hash is shared with reader processes, so its values must not drift. The vectors were
    // computed by a separate implementation of the algorithm (FNV-1a names, one-at-a-time mix).
-   EXPECT_EQ(key().hash(), key().hash());
    EXPECT_NE(key("t1", "e1").hash(), key("t1", "e2").hash());
    EXPECT_NE(key("t1", "e1").hash(), key("e1", "t1").hash());
    CollectorStatisticsKey v6(
        "t1", "e1", CollectorInfo::fromIp6AndPort(*Pelto::Ip6AndPort::parse("[::1]:4739")));
-   EXPECT_NE(v6.hash(), key().hash());
    struct Vector {
       CollectorStatisticsKey k;
       std::uint32_t hash;
@@ -166,62 +141,6 @@ TEST_F(CollectorStatsDeathTest, InvalidSetIdsAndLongNamesStop) {
    }
    EXPECT_NO_FATAL_FAILURE(key(std::string(128, 'x')));
    EXPECT_DEATH(key(std::string(129, 'x')), testsupport::deathText("sz <= StringIndex::max() + 1"));
-}
-
-// A reader process follows the table while the agent writes it: every entry it reads is whole
-// (the total of flow records is the sum over the set entries) and it ends with the final values.
-TEST(CollectorStatsTable, ForkedReaderSeesWholeEntriesAndTheFinalValues) {
-   std::string const name = "/ipfix-test-collstats-" + std::to_string(getpid());
-   auto table = Kivo::make<CollectorStatistics>(name);
-   constexpr int keys = 8;
-   constexpr int updates = 100000;
-   auto keyOf = [](int i) { return key("t1", "e" + std::to_string(i)); };
-   for (int i = 0; i < keys; ++i) {
-      table->statsIs(CollectorStatisticsEntry(keyOf(i)));
-   }
-   pid_t const child = fork();
-   ASSERT_GE(child, 0);
-   if (child == 0) {
-      int status = 0;
-      try {
-         CollectorStatisticsReader reader(name);
-         auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-         bool done = false;
-         while (!done && std::chrono::steady_clock::now() < deadline) {
-            auto const all = reader.allStats();
-            done = all.size() == keys;
-            for (auto const& e : all) {
-               std::uint64_t sum = 0;
-               for (std::uint8_t s = 0; s < e.setEntryCount; ++s) {
-                  sum += e.setEntryStorage[s].exportedFlowRecordCount;
-               }
-               if (sum != e.exportedFlowRecordTotalCount) {
-                  status = 1;  // torn entry
-               }
-               done &= e.exportedMessageTotalCount == updates / keys;
-            }
-         }
-         status = status ? status : (done ? 0 : 2);
-      } catch (...) {
-         status = 3;
-      }
-      _exit(status);
-   }
-   for (int u = 0; u < updates; ++u) {
-      auto e = *table->stats(keyOf(u % keys));
-      std::uint16_t const setId = static_cast<std::uint16_t>(256 + u % 5);
-      auto set = e.setEntry(SetId(setId));
-      set.setId = setId;
-      set.exportedFlowRecordCount += static_cast<std::uint64_t>(u % 7 + 1);
-      e.setEntryIs(set);
-      e.exportedFlowRecordTotalCount += static_cast<std::uint64_t>(u % 7 + 1);
-      e.exportedMessageTotalCount += 1;
-      ASSERT_TRUE(table->statsIs(e));
-   }
-   int status = -1;
-   ASSERT_EQ(waitpid(child, &status, 0), child);
-   ASSERT_TRUE(WIFEXITED(status));
-   EXPECT_EQ(WEXITSTATUS(status), 0) << "1: torn entry, 2: final values not seen, 3: error";
 }
 
 namespace {
@@ -287,16 +206,6 @@ void inSharedMemory(std::string const& name, std::function<void(CollectorStatist
    EXPECT_EQ(live, 1);
 }
 
-template <class F>
-std::string errorOf(F fn) {
-   try {
-      fn();
-   } catch (Kivo::Exception const& e) {
-      return e.what();
-   }
-   return "(no error)";
-}
-
 struct CollectorStatsTableTest : ::testing::Test {
    std::string name = "/ipfix-test-collstats-" + std::to_string(getpid()) + "-" +
                       ::testing::UnitTest::GetInstance()->current_test_info()->name();
@@ -355,33 +264,4 @@ TEST_F(CollectorStatsTableTest, ReaderRefusesADamagedEntryWithTheReason) {
       EXPECT_EQ(errorOf([&] { reader.stats(key()); }), expected);
       EXPECT_EQ(reader.stats(key("t2")), std::nullopt);  // other keys still read
    }
-}
-
-// The count a reader sizes its answer by, and the size of the segments, come from shared memory
-// too: a reader refuses them rather than allocating without end or faulting.
-TEST_F(CollectorStatsTableTest, ReaderRefusesALiveCountBeyondTheSlotsAndASegmentCutShort) {
-   auto table = Kivo::make<CollectorStatistics>(name, 4);
-   ASSERT_TRUE(table->statsIs(goodEntry()));
-   CollectorStatisticsReader reader(name);
-   EXPECT_EQ(reader.allStats().size(), 1u);
-   std::string const data = Mirra::shmTableDataName(name, 1);
-   int const fd = shm_open(data.c_str(), O_RDWR, 0);
-   ASSERT_GE(fd, 0);
-   struct stat st {};
-   fstat(fd, &st);
-   auto* h = static_cast<Mirra::ShmLayout::DataHeader*>(mmap(
-       nullptr, sizeof(Mirra::ShmLayout::DataHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-   h->liveCount = 0xfffffff0u;
-   EXPECT_EQ(errorOf([&] { reader.allStats(); }),
-             "shared-memory table " + data + ": live count 4294967280 exceeds the 8 slots");
-   h->liveCount = 1;
-   munmap(h, sizeof(Mirra::ShmLayout::DataHeader));
-   ASSERT_EQ(ftruncate(fd, 64), 0);
-   EXPECT_NE(errorOf([&] { reader.allStats(); }).find("data segment shrank to 64 bytes"),
-             std::string::npos);
-   EXPECT_NE(errorOf([&] { reader.stats(key()); }).find("data segment shrank to 64 bytes"),
-             std::string::npos);
-   ASSERT_EQ(ftruncate(fd, st.st_size), 0);
-   close(fd);
-   EXPECT_TRUE(reader.allStats().empty());  // backed again, with the cut part zero
 }

@@ -136,6 +136,41 @@ void expectRefused(F fn, std::string const& text, int error = 0) {
    }
 }
 
+// Calls `fn` on the header of every slot of the data segment `name`.
+template <class F>
+void forEachSlot(std::string const& name, F fn) {
+   auto data = rawMap<std::byte>(name);
+   auto const& h = *reinterpret_cast<ShmLayout::DataHeader*>(data.get());
+   for (std::uint32_t i = 0; i < h.slotCount; ++i) {
+      fn(*reinterpret_cast<ShmLayout::SlotHeader*>(data.get() + h.slotsOffset + i * h.slotSize));
+   }
+}
+
+// A T in memory shared with the children this process forks.
+template <class T>
+std::shared_ptr<T> sharedWithChildren() {
+   void* p = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+   EXPECT_NE(p, MAP_FAILED);
+   return {new (p) T, [](T* t) { munmap(t, sizeof(T)); }};
+}
+
+// Forks a child that exits with what `fn` returns, or dies of SIGALRM after 60 s if it hangs.
+template <class F>
+pid_t inChild(F fn) {
+   pid_t const child = fork();
+   if (child == 0) {
+      alarm(60);
+      _exit(fn());
+   }
+   return child;
+}
+
+// The exit code of `child`, or -1 when it did not exit by itself.
+int exitCodeOf(pid_t child) {
+   int status = 0;
+   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 struct MirraShmTable : ::testing::Test {
    std::string name = "/ipfix-stats-test-" + std::to_string(getpid()) + "-" +
                       ::testing::UnitTest::GetInstance()->current_test_info()->name();
@@ -343,13 +378,8 @@ TEST_F(MirraShmTable, ReaderReportsASlotLeftMidWriteInsteadOfSpinning) {
    Writer w(name, 16);
    w.upsert(key(1), stats(1));
    Reader r(name, 0.05);
-   auto data = rawMap<std::byte>(w.dataSegmentName());
-   auto const& h = *reinterpret_cast<ShmLayout::DataHeader*>(data.get());
-   std::byte* slots = data.get() + h.slotsOffset;
    auto bumpAll = [&] {  // every slot, wherever the key is
-      for (std::uint32_t i = 0; i < h.slotCount; ++i) {
-         ++reinterpret_cast<ShmLayout::SlotHeader*>(slots + i * h.slotSize)->seq;
-      }
+      forEachSlot(w.dataSegmentName(), [](ShmLayout::SlotHeader& s) { ++s.seq; });
    };
    bumpAll();
    expectRefused([&] { r.get(key(1)); }, "mid-write for over 0.05 s; writer pid " +
@@ -357,27 +387,6 @@ TEST_F(MirraShmTable, ReaderReportsASlotLeftMidWriteInsteadOfSpinning) {
    expectRefused([&] { r.forEach([](Key const&, Stats const&) {}); }, "mid-write");
    bumpAll();
    EXPECT_EQ(r.get(key(1))->seq, 1u);
-}
-
-TEST_F(MirraShmTable, StaleTableOfADeadWriterIsReplacedAndALiveOneRefused) {
-   pid_t const child = fork();
-   if (child == 0) {  // never destroyed: the writer dies as if it crashed
-      _exit((new Writer(name, 16))->upsert(key(1), stats(1)) ? 0 : 1);
-   }
-   int status = 0;
-   ASSERT_EQ(waitpid(child, &status, 0), child);
-   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-   EXPECT_EQ(Reader(name).writerPid(), child);
-   EXPECT_TRUE(Reader(name).get(key(1)));
-
-   Writer w(name, 16);
-   Reader r(name);
-   EXPECT_EQ(r.writerPid(), getpid());
-   EXPECT_EQ(r.size(), 0u);
-   expectRefused([&] { Writer second(name, 16); },
-                 "in use by writer pid " + std::to_string(getpid()), EEXIST);
-   EXPECT_TRUE(w.upsert(key(2), stats(2)));
-   EXPECT_EQ(r.get(key(2))->seq, 1u);
 }
 
 namespace {
@@ -431,18 +440,14 @@ int readUntilFinal(std::string const& name, Race& race, double deadline) try {
 TEST_F(MirraShmTable, ForkedReaderNeverSeesATornEntry) {
    Writer w(name, 4);
    fill(w, 0, kHotKeys);
-   void* page =
-       mmap(nullptr, sizeof(Race), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-   ASSERT_NE(page, MAP_FAILED);
-   Race& race = *new (page) Race;
+   auto shared = sharedWithChildren<Race>();
+   Race& race = *shared;
    double const deadline = now() + 30;
-   pid_t const child = fork();
-   if (child == 0) {
-      alarm(40);  // a reader that hangs dies
+   pid_t const child = inChild([&] {
       int const status = readUntilFinal(name, race, deadline);
       race.readerDone = true;
-      _exit(status);
-   }
+      return status;
+   });
    // At least kMinUpdates, and on until the reader has made kMinPasses (or the deadline nears),
    // ending on a whole round so that every hot key ends on the same seq.
    std::uint64_t u = 0, seq = 1;
@@ -457,11 +462,7 @@ TEST_F(MirraShmTable, ForkedReaderNeverSeesATornEntry) {
    }
    race.finalSeq = seq;
    EXPECT_GE(w.slotCount(), 512u);
-   int status = 0;
-   ASSERT_EQ(waitpid(child, &status, 0), child);
-   munmap(page, sizeof(Race));
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-       << "status " << status << "; 1: torn entry, 2: went backwards, 3: never saw the end";
+   EXPECT_EQ(exitCodeOf(child), 0) << "1: torn entry, 2: went backwards, 3: never saw the end";
 }
 
 namespace {
@@ -488,14 +489,11 @@ void withFd(std::string const& name, F fn) {
 pid_t killedWritersTable(std::string const& name) {
    int ready[2];
    EXPECT_EQ(pipe(ready), 0);
-   pid_t const child = fork();
-   if (child == 0) {
-      Writer* w = new Writer(name, 16);
-      w->upsert(key(1), stats(1));
+   pid_t const child = inChild([&] {  // never destroyed: the writer dies as if it crashed
+      (new Writer(name, 16))->upsert(key(1), stats(1));
       (void)!write(ready[1], "x", 1);
-      pause();
-      _exit(0);
-   }
+      return pause();
+   });
    char c = 0;
    EXPECT_EQ(read(ready[0], &c, 1), 1);
    close(ready[0]);
@@ -606,25 +604,18 @@ TEST_F(MirraShmTable, ReaderOfAnotherUserReadsARootTable) {
    Writer w(name, 16);
    umask(saved);
    w.upsert(key(1), stats(1, 3));
-   pid_t const child = fork();
-   if (child == 0) {
-      alarm(30);
-      int status = 9;
+   pid_t const child = inChild([&] {
       try {
-         status = setuid(65534) != 0                                    ? 1
-                  : Reader(name).get(key(1)).value_or(Stats()).seq != 3 ? 2
-                  : shm_open(name.c_str(), O_RDWR, 0) >= 0              ? 3
-                                                                        : 0;
+         return setuid(65534) != 0                                    ? 1
+                : Reader(name).get(key(1)).value_or(Stats()).seq != 3 ? 2
+                : shm_open(name.c_str(), O_RDWR, 0) >= 0              ? 3
+                                                                      : 0;
       } catch (std::exception const& e) {
          std::fprintf(stderr, "reader: %s\n", e.what());
-         status = 4;
+         return 4;
       }
-      _exit(status);
-   }
-   int status = 0;
-   ASSERT_EQ(waitpid(child, &status, 0), child);
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-       << "status " << status << "; 2: wrong value, 3: could write, 4: refused";
+   });
+   EXPECT_EQ(exitCodeOf(child), 0) << "2: wrong value, 3: could write, 4: refused";
 }
 
 // Whatever the umask, every segment the writer makes is readable by all and writable by it alone.
@@ -648,17 +639,13 @@ TEST_F(MirraShmTable, WriterWhoseSlotsHaveNoEmptySlotLeftNeitherSpinsNorLosesEnt
    Writer w(name, 16);
    fill(w, 0, 10);
    Reader r(name);
-   auto data = rawMap<std::byte>(w.dataSegmentName());
-   auto const& h = *reinterpret_cast<ShmLayout::DataHeader*>(data.get());
    std::uint32_t damaged = 0;
-   for (std::uint32_t i = 0; i < h.slotCount; ++i) {
-      auto& s = *reinterpret_cast<ShmLayout::SlotHeader*>(data.get() + h.slotsOffset +
-                                                          std::size_t{i} * h.slotSize);
+   forEachSlot(w.dataSegmentName(), [&](ShmLayout::SlotHeader& s) {
       if (s.state == ShmLayout::slotEmpty) {
          s.state = ShmLayout::slotDeleted;
          ++damaged;
       }
-   }
+   });
    ASSERT_GT(damaged, 0u);
    EXPECT_EQ(w.find(key(99)), nullptr);
    EXPECT_FALSE(w.del(key(99)));
@@ -667,8 +654,7 @@ TEST_F(MirraShmTable, WriterWhoseSlotsHaveNoEmptySlotLeftNeitherSpinsNorLosesEnt
    EXPECT_TRUE(w.upsert(key(99), stats(99)));  // rebuilds into a clean segment
    Ids expected = range(0, 10);
    expected.insert(99);
-   EXPECT_EQ(found(r, 100), expected);
-   EXPECT_EQ(iterated(w), expected);
+   EXPECT_TRUE(found(r, 100) == expected && iterated(w) == expected);
 }
 
 // What a writer that is gone may leave under the name, each made from a killed writer's table.
@@ -725,45 +711,30 @@ constexpr int kRacers = 3;
 struct WriterRace {
    std::atomic<int> go{0};
    std::atomic<int> done{0};  // racers that have tried
-   // Per racer: 1 won and found its table intact after every loser was done, 2 lost with EEXIST
-   // "in use by", 3 won but its table changed, 4 any other outcome.
-   std::atomic<int> outcome[kRacers] = {};
 };
 
-// Spins until `cond`; false if it did not come within 20 s (a racer that hangs).
-template <class F>
-bool awaitCond(F cond) {
-   for (double const until = now() + 20; !cond();) {
-      if (now() > until) {
-         return false;
-      }
-      sched_yield();
-   }
-   return true;
-}
-
+// One racer's exit code: 1 won and found its table intact after every loser was done, 2 lost with
+// EEXIST "in use by", 3 won but its table changed, 4 any other outcome. A racer that hangs dies
+// of its alarm.
 int race(std::string const& name, WriterRace& race, int me) {
-   if (!awaitCond([&] { return race.go.load() != 0; })) {
-      return 4;
+   while (!race.go) {
+      sched_yield();
    }
    try {
       Writer w(name, 16);
       w.upsert(key(me), stats(me));
-      ++race.done;
-      if (!awaitCond([&] { return race.done.load() == kRacers; })) {
-         return 4;
+      for (++race.done; race.done < kRacers;) {
+         sched_yield();
       }
       Reader r(name);
       return r.writerPid() == getpid() && found(r, kRacers) == Ids{std::uint32_t(me)} ? 1 : 3;
-   } catch (Kivo::ErrnoException const& e) {
-      ++race.done;
-      bool const lost =
-          e.error() == EEXIST && std::string_view(e.what()).find("in use by") != std::string::npos;
-      if (!lost) {
-         std::fprintf(stderr, "racer %d: %s\n", me, e.what());
-      }
-      return lost ? 2 : 4;
    } catch (std::exception const& e) {
+      ++race.done;
+      auto const* errnoError = dynamic_cast<Kivo::ErrnoException const*>(&e);
+      if (errnoError && errnoError->error() == EEXIST &&
+          std::string_view(e.what()).find("in use by") != std::string_view::npos) {
+         return 2;
+      }
       std::fprintf(stderr, "racer %d: %s\n", me, e.what());
       return 4;
    }
@@ -774,41 +745,25 @@ int race(std::string const& name, WriterRace& race, int me) {
 // Writers started together, over a killed writer's table or over nothing: the kernel's lock lets
 // exactly one through, the others are refused, and no loser touches the winner's table.
 TEST_F(MirraShmTable, WritersStartedTogetherExactlyOneWins) {
-   void* page =
-       mmap(nullptr, sizeof(WriterRace), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-   ASSERT_NE(page, MAP_FAILED);
-   constexpr int kTrials = 100;
-   int stale = 0;
-   for (int trial = 0; trial < kTrials; ++trial) {
+   for (int trial = 0; trial < 100; ++trial) {
       if (trial % 4 != 3) {
          killedWritersTable(name);
-         ++stale;
       }
-      WriterRace& r = *new (page) WriterRace;
+      auto shared = sharedWithChildren<WriterRace>();
+      WriterRace& r = *shared;
       pid_t racers[kRacers];
       for (int i = 0; i < kRacers; ++i) {
-         racers[i] = fork();
-         if (racers[i] == 0) {
-            alarm(60);
-            int const outcome = race(name, r, i);
-            r.outcome[i] = outcome;
-            _exit(0);
-         }
+         racers[i] = inChild([&] { return race(name, r, i); });
       }
       r.go = 1;
-      int won = 0, lost = 0;
-      for (int i = 0; i < kRacers; ++i) {
-         int status = 0;
-         ASSERT_EQ(waitpid(racers[i], &status, 0), racers[i]);
-         ASSERT_TRUE(WIFEXITED(status)) << "racer " << i << " status " << status;
-         won += r.outcome[i] == 1;
-         lost += r.outcome[i] == 2;
+      int outcomes[5] = {};
+      for (pid_t const racer : racers) {
+         int const outcome = exitCodeOf(racer);
+         ++outcomes[outcome >= 1 && outcome <= 3 ? outcome : 4];
       }
-      ASSERT_TRUE(won == 1 && lost == kRacers - 1)
-          << "trial " << trial << ": " << r.outcome[0] << " " << r.outcome[1] << " " << r.outcome[2]
-          << " (1 won, 2 lost, 3 table changed under the winner, 4 error)";
+      ASSERT_TRUE(outcomes[1] == 1 && outcomes[2] == kRacers - 1)
+          << "trial " << trial << ": " << outcomes[1] << " won, " << outcomes[2] << " lost, "
+          << outcomes[3] << " saw the table changed under them, " << outcomes[4] << " failed";
       ASSERT_FALSE(shmExists(name)) << "the winner removes its table when it closes";
    }
-   EXPECT_EQ(stale, 75);
-   munmap(page, sizeof(WriterRace));
 }
