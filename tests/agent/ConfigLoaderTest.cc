@@ -450,10 +450,8 @@ TEST(ConfigLoader, UnusableInputIsOneErrorWithoutConfig) {
 TEST(ConfigLoader, DamagedCopiesGiveConfigOrPositionedErrors) {
    std::vector<std::string> damaged;
    for (std::size_t at = 0; at < goodText.size(); at += 3) {
-      damaged.push_back(goodText.substr(0, at));  // truncated
-      std::string dropped = goodText;
-      dropped.erase(at, 1);
-      damaged.push_back(dropped);  // one octet fewer
+      // Truncated there, and one octet fewer there.
+      damaged.insert(damaged.end(), {goodText.substr(0, at), std::string(goodText).erase(at, 1)});
    }
    std::size_t refused = 0;
    for (std::string const& text : damaged) {
@@ -478,7 +476,7 @@ TEST(ConfigLoader, EffectiveTextLoadsBackEqual) {
    std::string const odd =
        edited(edited(edited(goodText, "name: e1", "name: \"true\""), "c1:", "\"[c1]\":"),
               "trace: \"\"", "trace: \"*/4,Ipfix/9\"");
-   for (std::string const& text : {goodText, kernel, odd}) {
+   for (std::string const& text : {goodText, kernel, odd, std::string("trackers: []\n")}) {
       auto const first = loadConfigText(text, "a.yaml");
       ASSERT_TRUE(first.config) << errorsText(first);
       std::string const effective = effectiveConfigText(*first.config);
@@ -487,11 +485,6 @@ TEST(ConfigLoader, EffectiveTextLoadsBackEqual) {
       EXPECT_EQ(*second.config, *first.config) << effective;
       EXPECT_EQ(effectiveConfigText(*second.config), effective);
    }
-   auto const minimal = loadConfigText("trackers: []\n", "m.yaml");
-   ASSERT_TRUE(minimal.config) << errorsText(minimal);
-   auto const back = loadConfigText(effectiveConfigText(*minimal.config), "m2.yaml");
-   ASSERT_TRUE(back.config) << errorsText(back);
-   EXPECT_EQ(*back.config, *minimal.config);
 }
 
 TEST(ConfigLoader, ExampleFileLoads) {

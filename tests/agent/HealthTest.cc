@@ -75,12 +75,6 @@ TEST(CollectorHealth, TableCountsRetainsAndClearsWhatTheRequestNames) {
    EXPECT_EQ(h->lastFailureTime, 102.5);
    EXPECT_EQ(h->lastFailureErrno, EMSGSIZE);
    EXPECT_EQ(h->text(), std::strerror(EMSGSIZE));
-   json const j = Agent::failuresJson(*h);
-   EXPECT_EQ(j["connectionRefused"], 2);
-   EXPECT_EQ(j["messageTooLong"], 1);
-   EXPECT_EQ(j["unreachable"], 0);
-   EXPECT_EQ(j["lastFailure"], "1970-01-01T00:01:42.500Z");
-   EXPECT_EQ(j["lastFailureText"], std::strerror(EMSGSIZE));
    EXPECT_TRUE(Agent::failuresJson(CollectorHealth{})["lastFailureText"].is_null());
 
    Agent::CollectorHealthReader reader(stats);
@@ -154,14 +148,6 @@ TEST(CollectorHealth, MonitorChargesTheExportersCollectorOnly) {
    EXPECT_EQ(h4->lastFailureErrno, EBADF);
 }
 
-std::string statsBinary() {
-#ifdef IPFIX_STATS_BIN
-   return IPFIX_STATS_BIN;
-#else
-   return "ipfix-stats";
-#endif
-}
-
 // An exporter in a VRF whose namespace has no route to its collector: every send fails at once
 // with ENETUNREACH, and ipfix-stats shows it as "unreachable". Nothing leaves the namespace,
 // which has only its loopback.
@@ -178,7 +164,7 @@ TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
    json entry;
    for (int i = 0; i < 100; ++i) {
       std::string out, err;
-      if (runProgram({statsBinary(), "--table", cfg.table, "show", "--json"}, &out, &err) == 0) {
+      if (runProgram({IPFIX_STATS_BIN, "--table", cfg.table, "show", "--json"}, &out, &err) == 0) {
          for (auto const& e : json::parse(out)) {
             if (e["collector"] == collector && e["failures"]["unreachable"] > 0) {
                entry = e;
@@ -194,7 +180,7 @@ TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
    EXPECT_EQ(entry["failures"]["total"], entry["failures"]["unreachable"]) << entry;
    EXPECT_EQ(entry["failures"]["lastFailureText"], std::strerror(ENETUNREACH)) << entry;
    std::string out, err;
-   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "show"}, &out, &err), 0) << err;
+   ASSERT_EQ(runProgram({IPFIX_STATS_BIN, "--table", cfg.table, "show"}, &out, &err), 0) << err;
    EXPECT_NE(out.find("    unreachable: "), std::string::npos) << out;
    EXPECT_EQ(agent.stop(), 0) << agent.log();
 }
