@@ -9,6 +9,8 @@
 #include "Pelto/IpfixWire.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("CollectorStats"))
+
 namespace Mirra::Ipfix {
 
 namespace {
@@ -29,11 +31,6 @@ void oneAtATime(std::uint32_t& h, std::uint32_t word) {
       h = (h + b) * 1025u;
       h ^= h >> 6;
    }
-}
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("CollectorStats");
-   return f;
 }
 
 // The set entries in use, as far as the storage goes whatever the count says.
@@ -292,8 +289,7 @@ std::optional<CollectorStatisticsEntry> CollectorStatistics::stats(
    std::optional<CollectorStatisticsEntry> e = table_->writer->get(key);
    if (e) {
       if (Kivo::String const error = e->validationError(); !error.empty()) {
-         KTRACE(facility(), 1,
-                "collector statistics table " << name_ << ": damaged entry replaced: " << error);
+         KTRACE(1, "collector statistics table " << name_ << ": damaged entry replaced: " << error);
          return std::nullopt;
       }
    }

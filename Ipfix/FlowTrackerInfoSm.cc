@@ -5,13 +5,11 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("FlowTrackerInfoSm"))
+
 namespace FlowTracking {
 
 namespace {
-
-Dualog::Facility& fac(char const* name) {
-   return Dualog::facility(name);
-}
 
 // VRF names are bounded; the packet access module lives in the VRF's network namespace.
 constexpr std::size_t vrfNameMaxLength = 100;
@@ -68,25 +66,25 @@ ExporterInfoSm::~ExporterInfoSm() {
 }
 
 void ExporterInfoSm::handleInitialized() {
-   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleInitialized for " << traceId());
+   KTRACE(5, "ExporterInfoSm::handleInitialized for " << traceId());
    handlePam4Management();
    handlePam6Management();
    initialized_ = true;
 }
 
 void ExporterInfoSm::handleCollector(Kivo::String const& name) {
-   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleCollector for " << traceId());
+   KTRACE(5, "ExporterInfoSm::handleCollector for " << traceId());
    if (hwExpConfig_->collector4(name) || hwExpConfig_->collector6(name)) {
       if (Kivo::Ptr<CollectorInfo> ci = expInfo_->collInfo(name)) {
-         KTRACE(fac("ExporterInfoSm"), 5,
+         KTRACE(5,
                 "Using existing collectorInfo for " << name << ", seqNo: " << ci->ipfixMsgSeqNo());
       } else {
-         KTRACE(fac("ExporterInfoSm"), 5, "Initiated sequence number for " << name);
+         KTRACE(5, "Initiated sequence number for " << name);
          expInfo_->collInfoIs(name);
       }
       return;
    }
-   KTRACE(fac("ExporterInfoSm"), 5, "Deleted sequence number for " << name);
+   KTRACE(5, "Deleted sequence number for " << name);
    expInfo_->collInfoDel(name);
 }
 
@@ -108,7 +106,7 @@ void ExporterInfoSm::handleCollector6() {
 // before.
 
 void ExporterInfoSm::handlePam4Management() {
-   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handlePam4Management for " << traceId());
+   KTRACE(5, "ExporterInfoSm::handlePam4Management for " << traceId());
    if (hwExpConfig_->exporter4Resolved()) {
       handleCollector4();
       try {
@@ -122,7 +120,7 @@ void ExporterInfoSm::handlePam4Management() {
 }
 
 void ExporterInfoSm::handlePam6Management() {
-   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handlePam6Management for " << traceId());
+   KTRACE(5, "ExporterInfoSm::handlePam6Management for " << traceId());
    if (hwExpConfig_->exporter6Resolved()) {
       handleCollector6();
       try {
@@ -138,7 +136,7 @@ void ExporterInfoSm::handlePam6Management() {
 // A socket stays in the namespace it was opened in: the open families are opened again in the
 // VRF's new namespace.
 void ExporterInfoSm::handleVrfName() {
-   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleVrfName for " << traceId());
+   KTRACE(5, "ExporterInfoSm::handleVrfName for " << traceId());
    if (hwExpConfig_->exporter4Resolved()) {
       handlePam4Management();
    }
@@ -159,15 +157,14 @@ Kivo::Ptr<Pelto::UdpPam> ExporterInfoSm::createPam_p(bool ipv6) {
       pam->txPrioIs(Pelto::IpTrafficControl::bulk);
       pam->modeIs(Pelto::UdpPam::Mode::open);
    } catch (Kivo::ErrnoException const& e) {
-      KTRACE(fac("ExporterInfoSm"), 1, "Caught ErrnoException: " << e.what());
+      KTRACE(1, "Caught ErrnoException: " << e.what());
       throw;
    } catch (Kivo::RangeException const& e) {
-      KTRACE(fac("ExporterInfoSm"), 1, "Caught RangeException: " << e.what());
+      KTRACE(1, "Caught RangeException: " << e.what());
       throw;
    }
-   KTRACE(fac("ExporterInfoSm"), 3,
-          "Created Pam: " << name << ", txPrio: " << static_cast<int>(pam->txPrio())
-                          << ", fd: " << pam->fd());
+   KTRACE(3, "Created Pam: " << name << ", txPrio: " << static_cast<int>(pam->txPrio())
+                             << ", fd: " << pam->fd());
    return pam;
 }
 
@@ -204,13 +201,12 @@ void ExporterInfoSm::deletePam6() {
 
 void ExporterInfoSm::handlePam() {
    bool const multiThreaded = agentInfo_ && agentInfo_->multiThreaded();
-   KTRACE(fac("ExporterInfoSm"), 5,
-          "ExporterInfoSm::handlePam for "
-              << traceId() << ": exporter4Resolved: " << hwExpConfig_->exporter4Resolved()
-              << ", rxPort4: " << expInfo_->rxPort4() << ", pam4 exists: "
-              << static_cast<bool>(expInfo_->udpPam4()) << ", rxPort6: " << expInfo_->rxPort6()
-              << ", pam6 exists: " << static_cast<bool>(expInfo_->udpPam6())
-              << ", multiThreaded: " << multiThreaded);
+   KTRACE(5, "ExporterInfoSm::handlePam for "
+                 << traceId() << ": exporter4Resolved: " << hwExpConfig_->exporter4Resolved()
+                 << ", rxPort4: " << expInfo_->rxPort4() << ", pam4 exists: "
+                 << static_cast<bool>(expInfo_->udpPam4()) << ", rxPort6: " << expInfo_->rxPort6()
+                 << ", pam6 exists: " << static_cast<bool>(expInfo_->udpPam6())
+                 << ", multiThreaded: " << multiThreaded);
    if (multiThreaded) {
       return;
    }
@@ -231,7 +227,7 @@ void ExporterInfoSm::handlePam() {
 }
 
 void ExporterInfoSm::handleDestroyed() {
-   KTRACE(fac("ExporterInfoSm"), 5, "ExporterInfoSm::handleDestroyed for " << traceId());
+   KTRACE(5, "ExporterInfoSm::handleDestroyed for " << traceId());
    deletePam4();
    deletePam6();
    expInfo_->collInfoDelAll();
@@ -261,7 +257,7 @@ FlowTrackerInfoSm::FlowTrackerInfoSm(FlowTrackingType ftrType, Kivo::String ftNa
 }
 
 void FlowTrackerInfoSm::handleInitialized() {
-   KTRACE(fac("FlowTrackerInfoSm"), 5, "FlowTrackerInfoSm::handleInitialized for " << ftName_);
+   KTRACE(5, "FlowTrackerInfoSm::handleInitialized for " << ftName_);
    for (auto const& name : hwFtConfig_->expConfigColl().keys()) {
       handleHwExpConfig(name);
    }
@@ -279,15 +275,15 @@ Kivo::Ptr<ExporterInfoSm> FlowTrackerInfoSm::expInfoSmIs(
 }
 
 void FlowTrackerInfoSm::handleHwExpConfig(Kivo::String const& expName) {
-   KTRACE(fac("FlowTrackerInfoSm"), 5, "FlowTrackerInfoSm::handleHwExpConfig for " << ftName_);
+   KTRACE(5, "FlowTrackerInfoSm::handleHwExpConfig for " << ftName_);
    if (Kivo::Ptr<HwFlowTracking::ExporterConfig> cfg = hwFtConfig_->expConfig(expName)) {
       expInfoSmIs(expName, cfg, ftInfo_->expInfoIs(expName));
-      KTRACE(fac("FlowTrackerInfoSm"), 4, "Created ExporterInfoSm for " << expName);
+      KTRACE(4, "Created ExporterInfoSm for " << expName);
       return;
    }
    expInfoSmDel(expName);
    ftInfo_->expInfoDel(expName);
-   KTRACE(fac("FlowTrackerInfoSm"), 4, "Deleted ExporterInfoSm for " << expName);
+   KTRACE(4, "Deleted ExporterInfoSm for " << expName);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -316,7 +312,7 @@ FlowTrackingInfoSm::~FlowTrackingInfoSm() {
 }
 
 void FlowTrackingInfoSm::handleInitialized() {
-   KTRACE(fac("FlowTrackingInfoSm"), 5, "FlowTrackingInfoSm::handleInitialized");
+   KTRACE(5, "FlowTrackingInfoSm::handleInitialized");
    for (auto const& name : hwConfig_->ftConfigColl().keys()) {
       handleHwFtConfig(name);
    }
@@ -324,19 +320,19 @@ void FlowTrackingInfoSm::handleInitialized() {
 }
 
 void FlowTrackingInfoSm::handleHwFtConfig(Kivo::String const& ftName) {
-   KTRACE(fac("FlowTrackingInfoSm"), 5, "FlowTrackingInfoSm::handleHwFtConfig for " << ftName);
+   KTRACE(5, "FlowTrackingInfoSm::handleHwFtConfig for " << ftName);
    if (Kivo::Ptr<HwFlowTracking::FtConfig> cfg = hwConfig_->ftConfig(ftName)) {
       Kivo::Ptr<FlowTrackerInfo> info = flowTrackingInfo_->ftInfoIs(ftName);
       if (!ftInfoSm_.has(ftName)) {
          ftInfoSm_.put(ftName, Kivo::make<FlowTrackerInfoSm>(flowTrackingInfo_->ftrType(), ftName,
                                                              cfg, info, scheduler_, agentInfo_));
       }
-      KTRACE(fac("FlowTrackingInfoSm"), 4, "Created FlowTrackerInfoSm for " << ftName);
+      KTRACE(4, "Created FlowTrackerInfoSm for " << ftName);
       return;
    }
    ftInfoSmDel(ftName);
    flowTrackingInfo_->ftInfoDel(ftName);
-   KTRACE(fac("FlowTrackingInfoSm"), 4, "Deleted FlowTrackerInfoSm for " << ftName);
+   KTRACE(4, "Deleted FlowTrackerInfoSm for " << ftName);
 }
 
 Kivo::String formatLogMessage(LogMessage const& msg, std::string_view family, std::string_view exp,

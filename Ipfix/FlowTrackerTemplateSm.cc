@@ -5,13 +5,11 @@
 #include "Pelto/IpfixWire.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("FlowTrackerTemplateSm"))
+
 namespace FlowTracking {
 
 namespace {
-
-Dualog::Facility& fac(char const* name) {
-   return Dualog::facility(name);
-}
 
 // A statistics key holds its names inline, in at most 128 bytes, so a longer name in a request
 // could match no entry. Throws Kivo::RangeException giving the name's size, buffer and contents.
@@ -106,7 +104,7 @@ std::uint32_t FtExporterSm::getFtTemplateLength() const {
 }
 
 void FtExporterSm::handleInitialized() {
-   KTRACE(fac("FtExporterSm"), 5, "FtExporterSm::handleInitialized for " << traceId());
+   KTRACE(5, "FtExporterSm::handleInitialized for " << traceId());
    handleStartup();
    templateCreationTask_ =
        Kivo::make<Orbo::Task>(taskScheduler(), 3,
@@ -125,9 +123,9 @@ void FtExporterSm::handleInitialized() {
 }
 
 void FtExporterSm::handleTemplateCreationTask() {
-   KTRACE(fac("FtExporterSm"), 5, "FtExporterSm::handleTemplateCreationTask for " << traceId());
+   KTRACE(5, "FtExporterSm::handleTemplateCreationTask for " << traceId());
    if (!templateCreationTask_->running()) {
-      KTRACE(fac("FtExporterSm"), 5, "Returning because templateCreationTask not running.");
+      KTRACE(5, "Returning because templateCreationTask not running.");
       return;
    }
    templateLenDelAll();
@@ -135,7 +133,7 @@ void FtExporterSm::handleTemplateCreationTask() {
    if (total == 0) {
       templatePktIs(nullptr);
       templateReadyIs(false);
-      KTRACE(fac("FtExporterSm"), 5, "Returning because no flow group configured.");
+      KTRACE(5, "Returning because no flow group configured.");
       return;
    }
    Kivo::Ptr<Pelto::Pkt> pkt = getPkt();
@@ -154,7 +152,7 @@ void FtExporterSm::handleTemplateCreationTask() {
       hdr.fieldCountIs(static_cast<std::uint16_t>(status.entries().size()));
       std::uint32_t const len = getTemplateLength(status);
       templateLenIs(id, len);
-      KTRACE(fac("FtExporterSm"), 6,
+      KTRACE(6,
              "Template for " << id << " has length: " << len << ", and is at offset: " << offset);
       offset += sizeof(Pelto::TemplateHeaderWire);
       for (auto const& [pos, te] : status.entries()) {
@@ -163,11 +161,10 @@ void FtExporterSm::handleTemplateCreationTask() {
          KIVO_ASSERT(te->enterpriseIe() == elementIdColl()->elementIdColl( te->fieldId() ).enterpriseIe());
          // clang-format on
          offset = writeFieldSpecifier(pkt, offset, *te);
-         KTRACE(fac("FtExporterSm"), 8,
-                "Element: " << te->fieldId()
-                            << ", elementId: " << static_cast<std::uint32_t>(te->fieldId())
-                            << ", len: " << te->fieldLen()
-                            << ", enterpriseIe: " << te->enterpriseIe());
+         KTRACE(8, "Element: " << te->fieldId()
+                               << ", elementId: " << static_cast<std::uint32_t>(te->fieldId())
+                               << ", len: " << te->fieldLen()
+                               << ", enterpriseIe: " << te->enterpriseIe());
       }
    }
    templatePktTemplateCountIs(count);
@@ -202,7 +199,7 @@ FtTemplateSm::FtTemplateSm(Kivo::String ftName,
 }
 
 void FtTemplateSm::handleInitialized() {
-   KTRACE(fac("FtTemplateSm"), 5, "FtTemplateSm::handleInitialized for " << ftName_);
+   KTRACE(5, "FtTemplateSm::handleInitialized for " << ftName_);
    if (hwFtConfig_) {
       for (auto const& name : hwFtConfig_->expConfigColl().keys()) {
          handleExporters(name);
@@ -212,8 +209,7 @@ void FtTemplateSm::handleInitialized() {
 }
 
 void FtTemplateSm::handleExporters(Kivo::String const& expName) {
-   KTRACE(fac("FtTemplateSm"), 5,
-          "FtTemplateSm::handleExporters for " << ftName_ << " " << expName);
+   KTRACE(5, "FtTemplateSm::handleExporters for " << ftName_ << " " << expName);
    auto cfg = hwFtConfig_ ? hwFtConfig_->expConfig(expName) : nullptr;
    auto info = ftInfo_->expInfo(expName);
    if (cfg && info) {
@@ -223,19 +219,19 @@ void FtTemplateSm::handleExporters(Kivo::String const& expName) {
                            Kivo::make<FtExporterSm>(expName, ftName_, ftId, cfg, info, collStats_,
                                                     scheduler_, hwFtStatus_, elementIdColl_));
       }
-      KTRACE(fac("FtTemplateSm"), 4, "Created FtExporterSm for " << expName);
+      KTRACE(4, "Created FtExporterSm for " << expName);
       if (!optTemplateExporterSm_.has(expName)) {
          optTemplateExporterSm_.put(
              expName, optionsTemplateExporterSmFactory(expName, ftName_, ftId, cfg, info,
                                                        collStats_, scheduler_, optTemplateConfig_));
       }
-      KTRACE(fac("FtTemplateSm"), 4, "Created OptionsTemplateExporterSm for " << expName);
+      KTRACE(4, "Created OptionsTemplateExporterSm for " << expName);
       return;
    }
    ftExporterSmDel(expName);
-   KTRACE(fac("FtTemplateSm"), 4, "Deleted FtExporterSm for " << expName);
+   KTRACE(4, "Deleted FtExporterSm for " << expName);
    optTemplateExporterSmDel(expName);
-   KTRACE(fac("FtTemplateSm"), 4, "Deleted OptionsTemplateExporterSm for " << expName);
+   KTRACE(4, "Deleted OptionsTemplateExporterSm for " << expName);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -272,7 +268,7 @@ TemplateSm::~TemplateSm() {
 }
 
 void TemplateSm::handleInitialized() {
-   KTRACE(fac("TemplateSm"), 5, "TemplateSm::handleInitialized");
+   KTRACE(5, "TemplateSm::handleInitialized");
    initOptTemplateConfig();
    for (auto const& name : hwStatus_->ftStatusColl().keys()) {
       handleHwFtStatus(name);
@@ -281,7 +277,7 @@ void TemplateSm::handleInitialized() {
 }
 
 void TemplateSm::handleHwFtStatus(Kivo::String const& ftName) {
-   KTRACE(fac("TemplateSm"), 5, "TemplateSm::handleHwFtStatus for " << ftName);
+   KTRACE(5, "TemplateSm::handleHwFtStatus for " << ftName);
    auto status = hwStatus_->ftStatus(ftName);
    auto info = flowTrackingInfo_->ftInfo(ftName);
    if (status && info) {
@@ -290,11 +286,11 @@ void TemplateSm::handleHwFtStatus(Kivo::String const& ftName) {
                                        ftName, hwConfig_->ftConfig(ftName), status, collStats_,
                                        info, optTemplateConfig_, scheduler_, elementIdColl_));
       }
-      KTRACE(fac("TemplateSm"), 4, "Created FtTemplateSm for " << ftName);
+      KTRACE(4, "Created FtTemplateSm for " << ftName);
       return;
    }
    ftTemplateSmDel(ftName);
-   KTRACE(fac("TemplateSm"), 4, "Deleted FtTemplateSm for " << ftName);
+   KTRACE(4, "Deleted FtTemplateSm for " << ftName);
 }
 
 void TemplateSm::initOptTemplateConfig() {
@@ -332,7 +328,7 @@ void TemplateSm::initOptTemplateConfig() {
    };
    optTemplateConfigIs();
    for (Step const& s : steps) {
-      KTRACE(fac("TemplateSm"), 4, "TemplateSm => " << s.step);
+      KTRACE(4, "TemplateSm => " << s.step);
       auto t =
           optTemplateConfig_->templateEntryIs(s.name, Constants::reservedTemplateId(s.staticId));
       addScopeField(elementIdColl_, t, s.scope);
@@ -349,7 +345,7 @@ void TemplateSm::clearCounters() {
    ClearCountersReq const& req =
        flowTrackingConfigReq_ ? flowTrackingConfigReq_->clearCountersReq() : none;
    if (req.requestTime == 0) {
-      KTRACE(fac("TemplateSm"), 5, "TemplateSm::clearCounters requestTime is zero");
+      KTRACE(5, "TemplateSm::clearCounters requestTime is zero");
       return;
    }
    // Refused before anything is changed.
@@ -362,7 +358,7 @@ void TemplateSm::clearCounters() {
    for (auto const& e : entries) {
       auto const& k = e.key;
       if (k.tracker().empty() && k.exporter().empty()) {
-         KTRACE(fac("TemplateSm"), 6, "TemplateSm::clearCounters skip 'clear time' entry ");
+         KTRACE(6, "TemplateSm::clearCounters skip 'clear time' entry ");
          continue;
       }
       bool const match =
@@ -371,12 +367,11 @@ void TemplateSm::clearCounters() {
           (req.collector.family == Pelto::IpGenAddr::Family::none ||
            (req.collector == k.collector.addr && req.collectorPort == k.collector.port));
       if (!match) {
-         KTRACE(fac("TemplateSm"), 7,
-                "TemplateSm::clearCounters tracker \"" << k.tracker() << "\" exporter \""
-                                                       << k.exporter() << "\" did not match ");
+         KTRACE(7, "TemplateSm::clearCounters tracker \"" << k.tracker() << "\" exporter \""
+                                                          << k.exporter() << "\" did not match ");
          continue;
       }
-      KTRACE(fac("TemplateSm"), 5, "TemplateSm::clearCounters clear counters " << k);
+      KTRACE(5, "TemplateSm::clearCounters clear counters " << k);
       collStats_->statsDel(k);
       Mirra::Ipfix::CollectorStatisticsEntry cleared(k);
       cleared.lastClearedTime = now;

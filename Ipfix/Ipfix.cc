@@ -7,6 +7,8 @@
 #include "Kivo/ValueText.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::defaultFacility())
+
 namespace Ipfix {
 
 namespace {
@@ -93,9 +95,8 @@ ElementId ElementIdColl::elementIdCollDel(RecordType id) {
 }
 
 void ElementIdColl::doInitialize() {
-   KTRACE(Dualog::defaultFacility(), 4,
-          "ElementIdColl::"
-              << "doInitialize");
+   KTRACE(4, "ElementIdColl::"
+                 << "doInitialize");
    for (ElementRow const& r : elementTable) {
       elementIdCollIs(ElementId(r.enterprise, RecordType{r.id}, r.len, Kivo::String(r.name)));
    }

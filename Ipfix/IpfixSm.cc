@@ -2,6 +2,8 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::defaultFacility())
+
 namespace Ipfix {
 
 IpfixInitSm::IpfixInitSm() {
@@ -9,9 +11,8 @@ IpfixInitSm::IpfixInitSm() {
 }
 
 void IpfixInitSm::handleInitialized() {
-   KTRACE(Dualog::defaultFacility(), 4,
-          "IpfixInitSm::"
-              << "handleInitialized");
+   KTRACE(4, "IpfixInitSm::"
+                 << "handleInitialized");
    Kivo::Ptr<ElementIdColl> table = elementIdCollFactory();
    elementIdCollection_.is(table);
    table->doInitialize();

@@ -4,20 +4,15 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("LocalCollectorConfigSm"))
+
 namespace FlowTracking {
 
 namespace {
 
-Dualog::Facility& fac() {
-   static Dualog::Facility& f = Dualog::facility("LocalCollectorConfigSm");
-   return f;
-}
-
 constexpr Orbo::TaskPriority taskPriority = 3;
 
 }  // namespace
-
-#define TRACE_LC(level, expr) KTRACE(fac(), level, expr)
 
 // ---------------------------------------------------------------------------------------------
 // LocalCollectorExporterReactor
@@ -35,33 +30,31 @@ LocalCollectorExporterReactor::LocalCollectorExporterReactor(
 }
 
 void LocalCollectorExporterReactor::handleSrcIp4() {
-   TRACE_LC(5,
-            "LocalCollectorExporterReactor::handleSrcIp4 for " << sm_->name() << " for " << name_);
+   KTRACE(5, "LocalCollectorExporterReactor::handleSrcIp4 for " << sm_->name() << " for " << name_);
    sm_->addToPamReviewList(name_);
 }
 
 void LocalCollectorExporterReactor::handleSrcIp6() {
-   TRACE_LC(5,
-            "LocalCollectorExporterReactor::handleSrcIp6 for " << sm_->name() << " for " << name_);
+   KTRACE(5, "LocalCollectorExporterReactor::handleSrcIp6 for " << sm_->name() << " for " << name_);
    sm_->addToPamReviewList(name_);
 }
 
 void LocalCollectorExporterReactor::handleVrfName() {
-   TRACE_LC(5,
-            "LocalCollectorExporterReactor::handleVrfName for " << sm_->name() << " for " << name_);
+   KTRACE(5,
+          "LocalCollectorExporterReactor::handleVrfName for " << sm_->name() << " for " << name_);
    sm_->addToPamReviewList(name_);
 }
 
 void LocalCollectorExporterReactor::handleDscp() {
-   TRACE_LC(5, "LocalCollectorExporterReactor::handleDscp for " << sm_->name() << " for " << name_);
+   KTRACE(5, "LocalCollectorExporterReactor::handleDscp for " << sm_->name() << " for " << name_);
    sm_->addToPamReviewList(name_);
 }
 
 void LocalCollectorExporterReactor::handleExporterReady() {
-   TRACE_LC(5, "LocalCollectorExporterReactor::handleExporterReady for "
-                   << sm_->name() << " for " << name_ << ": exporter4Ready "
-                   << expConfig_->exporter4Ready() << ", exporter6Ready "
-                   << expConfig_->exporter6Ready());
+   KTRACE(5, "LocalCollectorExporterReactor::handleExporterReady for "
+                 << sm_->name() << " for " << name_ << ": exporter4Ready "
+                 << expConfig_->exporter4Ready() << ", exporter6Ready "
+                 << expConfig_->exporter6Ready());
    sm_->addToPamReviewList(name_);
 }
 
@@ -88,7 +81,7 @@ LocalCollectorConfigSm::LocalCollectorConfigSm(Kivo::String name,
 }
 
 LocalCollectorConfigSm::~LocalCollectorConfigSm() {
-   TRACE_LC(5, "LocalCollectorConfigSm::~LocalCollectorConfigSm for " << name_);
+   KTRACE(5, "LocalCollectorConfigSm::~LocalCollectorConfigSm for " << name_);
    reactor_.reset();
    exporterConfig_.delAll();
    pamRetryTask_->stopTimerTask();
@@ -96,7 +89,7 @@ LocalCollectorConfigSm::~LocalCollectorConfigSm() {
 }
 
 void LocalCollectorConfigSm::handleInitialized() {
-   TRACE_LC(5, "LocalCollectorConfigSm::handleInitialized for " << name_);
+   KTRACE(5, "LocalCollectorConfigSm::handleInitialized for " << name_);
    KIVO_ASSERT(config()->swExport());
    for (auto const& expName : ftHwConfig_->expConfigColl().keys()) {
       handleExpConfig(expName);
@@ -117,7 +110,7 @@ Kivo::Ptr<LocalCollectorExporterReactor> LocalCollectorConfigSm::exporterConfigI
 }
 
 void LocalCollectorConfigSm::handleExpConfig(Kivo::String const& expName) {
-   TRACE_LC(5, "LocalCollectorConfigSm::handleExpConfig for " << name_ << " for " << expName);
+   KTRACE(5, "LocalCollectorConfigSm::handleExpConfig for " << name_ << " for " << expName);
    if (ftHwConfig_->expConfig(expName)) {
       exporterConfigIs(expName);
    } else {
@@ -128,17 +121,17 @@ void LocalCollectorConfigSm::handleExpConfig(Kivo::String const& expName) {
 
 void LocalCollectorConfigSm::addToPamReviewList(Kivo::String const& expName) {
    exporterReviewListIs(expName, true);
-   TRACE_LC(5, "scheduling review:: " << expName);
+   KTRACE(5, "scheduling review:: " << expName);
    pamRetryTask_->scheduleTaskLowestDelay(pamCreateRetryInterval_);
 }
 
 void LocalCollectorConfigSm::reviewPamCreation() {
-   TRACE_LC(5, "LocalCollectorConfigSm::reviewPamCreation for " << name_);
+   KTRACE(5, "LocalCollectorConfigSm::reviewPamCreation for " << name_);
    if (exporterReviewList_.empty()) {
-      TRACE_LC(5, "nothing to review ::");
+      KTRACE(5, "nothing to review ::");
       return;
    }
-   TRACE_LC(5, "processing review::");
+   KTRACE(5, "processing review::");
    try {
       for (auto const& expName : exporterReviewList_.keys()) {
          bool const* pending = exporterReviewList(expName);
@@ -147,7 +140,7 @@ void LocalCollectorConfigSm::reviewPamCreation() {
             handleExporterConfig(expName);
          }
          if (scheduler_->taskShouldYield()) {
-            TRACE_LC(5, "YIELDING::");
+            KTRACE(5, "YIELDING::");
             pamRetryTask_->scheduleTaskLowestDelay(pamCreateRetryInterval_);
             return;
          }
@@ -160,7 +153,7 @@ void LocalCollectorConfigSm::reviewPamCreation() {
       }
       throw;
    }
-   TRACE_LC(5, "review done ::");
+   KTRACE(5, "review done ::");
 }
 
 // The local collector uses an exporter once its module is open and the configuration says
@@ -172,9 +165,9 @@ bool LocalCollectorConfigSm::localExporterInUse_p() const {
 }
 
 void LocalCollectorConfigSm::handleExporterConfig(Kivo::String const& expName) {
-   TRACE_LC(5, "LocalCollectorConfigSm::handleExporterConfig for " << name_ << " for " << expName);
+   KTRACE(5, "LocalCollectorConfigSm::handleExporterConfig for " << name_ << " for " << expName);
    if (!localExporterInUse_p()) {
-      TRACE_LC(5, "local exporter not ready::");
+      KTRACE(5, "local exporter not ready::");
       handleExporterConfig();
       return;
    }
@@ -183,7 +176,7 @@ void LocalCollectorConfigSm::handleExporterConfig(Kivo::String const& expName) {
    }
    Kivo::Ptr<HwFlowTracking::ExporterConfig const> expConfig = ftHwConfig_->expConfig(expName);
    if (!expConfig) {
-      TRACE_LC(5, "exporter doesn't exist::");
+      KTRACE(5, "exporter doesn't exist::");
       handleExporterConfig();
       return;
    }
@@ -200,30 +193,30 @@ bool LocalCollectorConfigSm::exporterModified(
    // Only the family in use matters: an IPv4 local collector does not care about IPv6.
    if (lcc.srcIp().isV6()) {
       if (Pelto::IpGenAddr(expConfig->srcIp6()) != lcc.srcIp()) {
-         TRACE_LC(5, "SrcIp6 changed::");
+         KTRACE(5, "SrcIp6 changed::");
          return true;
       }
       if (!expConfig->exporter6Ready()) {
-         TRACE_LC(5, "exporter6 not ready::");
+         KTRACE(5, "exporter6 not ready::");
          return true;
       }
    } else if (Pelto::IpGenAddr(expConfig->srcIp4()) != lcc.srcIp()) {
-      TRACE_LC(5, "SrcIp changed::");
+      KTRACE(5, "SrcIp changed::");
       return true;
    }
    if (expConfig->vrfName() != lcc.vrfName()) {
-      TRACE_LC(5, "VRF name changed::");
+      KTRACE(5, "VRF name changed::");
       return true;
    }
    if (expConfig->dscp() != lcc.dscpValue()) {
-      TRACE_LC(5, "dscp value changed::");
+      KTRACE(5, "dscp value changed::");
       return true;
    }
    return false;
 }
 
 void LocalCollectorConfigSm::handleExporterConfig() {
-   TRACE_LC(5, "LocalCollectorConfigSm::handleExporterConfig for " << name_);
+   KTRACE(5, "LocalCollectorConfigSm::handleExporterConfig for " << name_);
    cleanup();
    Kivo::Ptr<HwFlowTracking::ExporterConfig const> chosen;
    bool ipv6 = false;
@@ -235,7 +228,7 @@ void LocalCollectorConfigSm::handleExporterConfig() {
       }
    }
    if (!chosen) {
-      TRACE_LC(5, "no exporter ready for " << name_);
+      KTRACE(5, "no exporter ready for " << name_);
       return;
    }
 
@@ -267,11 +260,11 @@ void LocalCollectorConfigSm::handleExporterConfig() {
    lcc->destPortIs(port);
    lcc->dscpValueIs(dscp);
    lcc->exporterReadyIs(true);
-   TRACE_LC(4, " Resolved ip/port " << srcIp << " : " << port);
+   KTRACE(4, " Resolved ip/port " << srcIp << " : " << port);
 }
 
 void LocalCollectorConfigSm::cleanup() {
-   TRACE_LC(5, "LocalCollectorConfigSm::cleanup for " << name_);
+   KTRACE(5, "LocalCollectorConfigSm::cleanup for " << name_);
    Kivo::Ptr<HwFlowTracking::LocalCollectorConfig> const lcc = ftHwConfig_->localCollectorConfig();
    lcc->exporterReadyIs(false);
    lcc->expNameIs({});
@@ -291,7 +284,7 @@ void LocalCollectorConfigSm::cleanup() {
 
 void LocalCollectorConfigSm::createPam4(Kivo::String const& name, Pelto::IpAddr srcIp,
                                         Kivo::String const& vrfName) {
-   TRACE_LC(5, "LocalCollectorConfigSm::createPam4 for " << name_ << " for " << name);
+   KTRACE(5, "LocalCollectorConfigSm::createPam4 for " << name_ << " for " << name);
    Kivo::Ptr<Pelto::UdpPam> const pam = newPam_p(false, name);
    pam->rxIpAddrIs(srcIp);
    pam->txPortIs(0);
@@ -302,7 +295,7 @@ void LocalCollectorConfigSm::createPam4(Kivo::String const& name, Pelto::IpAddr 
 
 void LocalCollectorConfigSm::createPam6(Kivo::String const& name, Pelto::Ip6Addr const& srcIp,
                                         Kivo::String const& vrfName) {
-   TRACE_LC(5, "LocalCollectorConfigSm::createPam6 for " << name_ << " for " << name);
+   KTRACE(5, "LocalCollectorConfigSm::createPam6 for " << name_ << " for " << name);
    Kivo::Ptr<Pelto::UdpPam> const pam = newPam_p(true, name);
    pam->rxIp6AddrIs(srcIp);
    pam->txPortIs(0);
@@ -338,7 +331,7 @@ bool LocalCollectorConfigSm::openPam_p(Kivo::Ptr<Pelto::UdpPam> const& pam,
    } catch (Kivo::ErrnoException const& e) {
       // The exporter's source address is not assigned yet: expected for a while, retried.
       bool const retry = e.error() == EADDRNOTAVAIL;
-      TRACE_LC(retry ? 5 : 1, "Caught ErrnoException: " << e.what());
+      KTRACE(retry ? 5 : 1, "Caught ErrnoException: " << e.what());
       if (!retry) {
          throw Kivo::ErrnoException(e);
       }
@@ -346,8 +339,8 @@ bool LocalCollectorConfigSm::openPam_p(Kivo::Ptr<Pelto::UdpPam> const& pam,
       addToPamReviewList(expName);
       return false;
    }
-   TRACE_LC(3, "Created Pam: " << pam->name() << ", txPrio: " << static_cast<int>(pam->txPrio())
-                               << ", fd: " << pam->fd());
+   KTRACE(3, "Created Pam: " << pam->name() << ", txPrio: " << static_cast<int>(pam->txPrio())
+                             << ", fd: " << pam->fd());
    return true;
 }
 

@@ -3,26 +3,21 @@
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("OptionsDataExporterSm"))
+
 namespace FlowTracking {
 
 using Pelto::IpAddr;
 
 namespace {
 
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("OptionsDataExporterSm");
-   return f;
-}
-
 constexpr std::uint32_t defaultActiveIntervalMs = 300000;
 
 }  // namespace
 
-#define TRACE_ODE(level, expr) \
-   KTRACE(facility(), level, "OptionsDataExporterSm " << traceId() << ": " << expr)
+#define TRACE_ODE(level, expr) KTRACE(level, "OptionsDataExporterSm " << traceId() << ": " << expr)
 // The line every handler traces on entry.
-#define TRACE_HANDLER(handler) \
-   KTRACE(facility(), 5, "OptionsDataExporterSm::" handler " for " << traceId())
+#define TRACE_HANDLER(handler) KTRACE(5, "OptionsDataExporterSm::" handler " for " << traceId())
 
 // ---------------------------------------------------------------------------------------------
 // Message building
@@ -59,12 +54,12 @@ void Collector::sendMessage(ExporterInfo const& expInfo,
    if (isV4()) {
       IpAddr const src = hwExpConfig.srcIp4();
       KIVO_ASSERT(src != IpAddr::ipAddrZero());
-      KTRACE(facility(), 8, "TX IPv4 " << name_ << " seqNo " << seqNo);
+      KTRACE(8, "TX IPv4 " << name_ << " seqNo " << seqNo);
       sendPkt4(pkt, expInfo.udpPam4(), src, dst4_, hwExpConfig.dscp());
    } else {
       Pelto::Ip6Addr const src = hwExpConfig.srcIp6();
       KIVO_ASSERT(!src.isZero());
-      KTRACE(facility(), 8, "TX IPv6 " << name_ << " seqNo " << seqNo);
+      KTRACE(8, "TX IPv6 " << name_ << " seqNo " << seqNo);
       sendPkt6(pkt, expInfo.udpPam6(), src, dst6_, hwExpConfig.dscp());
    }
    updateStats(msgWrap);
@@ -91,7 +86,7 @@ void Collector::updateStats(MessageWrapper const& msgWrap) {
       set.exportedFlowRecordCount += rec->count();
       e.setEntryIs(set);
    }
-   KTRACE(facility(), 9, "Collector::updateStats stats: " << e.mirraString());
+   KTRACE_TEXT(9, "Collector::updateStats stats: " << e.mirraString());
    stats.statsIs(e);
 }
 

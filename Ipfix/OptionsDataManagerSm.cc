@@ -2,15 +2,9 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("OptionsDataManagerSm"))
+
 namespace FlowTracking {
-
-namespace {
-
-Dualog::Facility& fac(char const* name) {
-   return Dualog::facility(name);
-}
-
-}  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // FtOptionsDataManagerSm
@@ -45,8 +39,7 @@ FtOptionsDataManagerSm::~FtOptionsDataManagerSm() {
 }
 
 void FtOptionsDataManagerSm::handleInitialized() {
-   KTRACE(fac("FtOptionsDataManagerSm"), 5,
-          "FtOptionsDataManagerSm::handleInitialized for " << ftName_);
+   KTRACE(5, "FtOptionsDataManagerSm::handleInitialized for " << ftName_);
    initFlowKeySm();
    initFlowTrackerTableSm();
    for (auto const& name : hwFtConfig_->expConfigColl().keys()) {
@@ -73,10 +66,9 @@ void FtOptionsDataManagerSm::initFlowTrackerTableSm() {
 void FtOptionsDataManagerSm::handleExpConfig(Kivo::String const& expName) {
    auto const cfg = hwFtConfig_->expConfig(expName);
    auto const info = flowTrackerInfo_->expInfo(expName);
-   KTRACE(fac("FtOptionsDataManagerSm"), 5,
-          "FtOptionsDataManagerSm::handleExpConfig for " << ftName_ << " " << expName
-                                                         << ", hwExpConfig:" << bool(cfg)
-                                                         << ", expInfo:" << bool(info));
+   KTRACE(5, "FtOptionsDataManagerSm::handleExpConfig for " << ftName_ << " " << expName
+                                                            << ", hwExpConfig:" << bool(cfg)
+                                                            << ", expInfo:" << bool(info));
    if (cfg && info) {
       if (!exporterSm_.has(expName)) {
          // The tracker's id as configured now, as the template exporters of this exporter take
@@ -126,7 +118,7 @@ OptionsDataManagerSm::~OptionsDataManagerSm() {
 
 void OptionsDataManagerSm::handleInitialized() {
    KIVO_ASSERT(!initialized());
-   KTRACE(fac("OptionsDataManagerSm"), 5, "OptionsDataManagerSm::handleInitialized");
+   KTRACE(5, "OptionsDataManagerSm::handleInitialized");
    dataAll_ = Kivo::make<OptionsDataAll>();
    initIntfTableSm();
    initVrfTableSm();
@@ -151,10 +143,9 @@ void OptionsDataManagerSm::handleTracker(Kivo::String const& ftName) {
    auto const ftConfig = hwConfig_->ftConfig(ftName);
    auto const ftStatus = hwStatus_->ftStatus(ftName);
    auto const ftInfo = flowTrackingInfo_->ftInfo(ftName);
-   KTRACE(fac("OptionsDataManagerSm"), 5,
-          "OptionsDataManagerSm::handleTracker ftName:"
-              << ftName << ", hwFtConfig:" << bool(ftConfig) << ", hwFtStatus:" << bool(ftStatus)
-              << ", ftInfo:" << bool(ftInfo));
+   KTRACE(5, "OptionsDataManagerSm::handleTracker ftName:"
+                 << ftName << ", hwFtConfig:" << bool(ftConfig) << ", hwFtStatus:" << bool(ftStatus)
+                 << ", ftInfo:" << bool(ftInfo));
    if (ftConfig && ftStatus && ftInfo) {
       if (ftManagerSm_.has(ftName)) {
          return;

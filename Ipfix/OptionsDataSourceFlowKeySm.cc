@@ -6,14 +6,11 @@
 #include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("FlowKeySm"))
+
 namespace FlowTracking {
 
 namespace {
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("FlowKeySm");
-   return f;
-}
 
 enum class AddressFamily { none, ipv4, ipv6 };
 
@@ -108,18 +105,17 @@ DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
       AddressFamily const fieldAf = addressFamily(entry->fieldId());
       if (fieldAf != AddressFamily::none) {
          if (af != AddressFamily::none && af != fieldAf) {
-            KTRACE(facility(), 6, "AF mismatch at field:" << position);
+            KTRACE(6, "AF mismatch at field:" << position);
             return nullptr;
          }
          af = fieldAf;
       }
       if (entry->flowKey()) {
-         KTRACE(facility(), 8,
-                "TemplateId:" << templateId << ", Field:" << position << " is flowKey");
+         KTRACE(8, "TemplateId:" << templateId << ", Field:" << position << " is flowKey");
          flowKey |= flowKeyBit(position);
       }
    }
-   KTRACE(facility(), 7, "templateId:" << templateId << ", flowKey: 0x" << Hex(flowKey).view());
+   KTRACE(7, "templateId:" << templateId << ", flowKey: 0x" << Hex(flowKey).view());
    std::uint8_t buf[recordLen];
    std::uint8_t* pos = Pelto::storeBe16(buf, templateId.value());
    pos = Pelto::storeBe64(pos, flowKey);
@@ -129,9 +125,8 @@ DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
 
 void FlowKeySm::handleInitialized() {
    initializedIs(true);
-   KTRACE(facility(), 5,
-          "FlowKeySm::handleInitialized for " << hwFtStatus_->name() << " template count:"
-                                              << hwFtStatus_->templateStatusColl().size());
+   KTRACE(5, "FlowKeySm::handleInitialized for " << hwFtStatus_->name() << " template count:"
+                                                 << hwFtStatus_->templateStatusColl().size());
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
    templateStatusDelAll();
@@ -147,8 +142,7 @@ void FlowKeySm::handleInitialized() {
 }
 
 void FlowKeySm::handleTemplateStatus(TemplateId templateId) {
-   KTRACE(facility(), 5,
-          "FlowKeySm::handleTemplateStatus for " << hwFtStatus_->name() << " " << templateId);
+   KTRACE(5, "FlowKeySm::handleTemplateStatus for " << hwFtStatus_->name() << " " << templateId);
    if (Kivo::Ptr<HwFlowTracking::TemplateStatus const> const templateStatus =
            hwFtStatus_->templateStatus(templateId)) {
       templateStatusIs(templateStatus);
@@ -159,36 +153,33 @@ void FlowKeySm::handleTemplateStatus(TemplateId templateId) {
 }
 
 void FlowKeySm::handleTemplateDel(TemplateId templateId) {
-   KTRACE(facility(), 5,
-          "FlowKeySm::handleTemplateDel for " << hwFtStatus_->name() << " " << templateId);
+   KTRACE(5, "FlowKeySm::handleTemplateDel for " << hwFtStatus_->name() << " " << templateId);
    templateStatusDel(templateId);
    handleTemplate(templateId);
 }
 
 void FlowKeySm::handleTemplate(TemplateId templateId) {
-   KTRACE(facility(), 5,
-          "FlowKeySm::handleTemplate for " << hwFtStatus_->name() << " " << templateId);
+   KTRACE(5, "FlowKeySm::handleTemplate for " << hwFtStatus_->name() << " " << templateId);
    if (DataRecordPtr const old = dataRecord(templateId)) {
       dataSource_->dataRecordDel(old);
       dataRecordDel(templateId);
    }
    if (hwFtStatus_->templateStatus(templateId)) {
       if (DataRecordPtr const record = makeDataRecord(templateId)) {
-         KTRACE(facility(), 6,
-                "templateId:" << templateId << ", flowKey: 0x"
-                              << Hex(Pelto::loadBe64(reinterpret_cast<std::uint8_t const*>(
-                                         record->data().data() + sizeof(std::uint16_t))))
-                                     .view()
-                              << ", record len:" << record->dataLen());
+         KTRACE(6, "templateId:" << templateId << ", flowKey: 0x"
+                                 << Hex(Pelto::loadBe64(reinterpret_cast<std::uint8_t const*>(
+                                            record->data().data() + sizeof(std::uint16_t))))
+                                        .view()
+                                 << ", record len:" << record->dataLen());
          dataUpdate_->addUpdate(setIdVal(), record);
          dataSource_->dataRecordIs(record);
          dataRecordIs(templateId, record);
       } else {
-         KTRACE(facility(), 6, "templateId:" << templateId << ", NO record (incomplete template)");
+         KTRACE(6, "templateId:" << templateId << ", NO record (incomplete template)");
       }
    } else {
       // A removal is not posted: the template only leaves the table.
-      KTRACE(facility(), 6, "templateId:" << templateId << ", not present");
+      KTRACE(6, "templateId:" << templateId << ", not present");
    }
    KIVO_ASSERT(dataRecords() == dataSource()->dataRecords());
    dataSource_->versionInc(1);

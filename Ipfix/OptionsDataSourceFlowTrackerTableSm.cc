@@ -7,14 +7,11 @@
 #include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("FlowTrackerTableSm"))
+
 namespace FlowTracking {
 
 namespace {
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("FlowTrackerTableSm");
-   return f;
-}
 
 // Random n-out-of-N sampling (RFC 5477 selector algorithm 3), one packet out of the sample rate.
 constexpr std::uint16_t selectorAlgorithmRandomNOutOfN = 3;
@@ -148,25 +145,24 @@ DataRecordPtr FlowTrackerTableSm::makeDataRecord() const {
    addElement(&pos, max, samplingPopulation);
    addElement(&pos, max, flowTrackingType);
    KIVO_ASSERT(pos == max);
-   KTRACE(facility(), 7,
-          "FlowTrackerTableSm::"
-              << "makeDataRecord"
-              << " for " << hwFtStatus_->name() << " observationDomainId:" << observationDomainId
-              << ", observationDomainName:" << observationDomainName << ", flowActiveTimeout:"
-              << flowActiveTimeout << ", flowIdleTimeout:" << flowIdleTimeout
-              << ", selectorAlgorithm:" << selectorAlgorithmRandomNOutOfN
-              << ", samplingSize:" << samplingSize << ", samplingPopulation:" << samplingPopulation
-              << ", flowTrackingType:" << flowTrackingType);
+   KTRACE(7, "FlowTrackerTableSm::"
+                 << "makeDataRecord"
+                 << " for " << hwFtStatus_->name() << " observationDomainId:" << observationDomainId
+                 << ", observationDomainName:" << observationDomainName << ", flowActiveTimeout:"
+                 << flowActiveTimeout << ", flowIdleTimeout:" << flowIdleTimeout
+                 << ", selectorAlgorithm:" << selectorAlgorithmRandomNOutOfN << ", samplingSize:"
+                 << samplingSize << ", samplingPopulation:" << samplingPopulation
+                 << ", flowTrackingType:" << flowTrackingType);
    return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(buf.data()),
                                               static_cast<std::size_t>(pos - buf.data())));
 }
 
 void FlowTrackerTableSm::handleInitialized() {
-   KTRACE(facility(), 5, "FlowTrackerTableSm::handleInitialized for " << hwFtStatus_->name());
+   KTRACE(5, "FlowTrackerTableSm::handleInitialized for " << hwFtStatus_->name());
    updateTaskIs(scheduler_, 3, updateTaskName());
    initializedIs(true);
    DataRecordPtr const record = makeDataRecord();
-   KTRACE(facility(), 6, "record len:" << record->dataLen());
+   KTRACE(6, "record len:" << record->dataLen());
    dataSource_->dataRecordDelAll();
    dataSource_->dataRecordIs(record);
    // The whole source is what an exporter sends first; nothing is posted as an update.
@@ -174,9 +170,8 @@ void FlowTrackerTableSm::handleInitialized() {
 }
 
 void FlowTrackerTableSm::handleParamChange(Param whatChanged) {
-   KTRACE(facility(), 5,
-          "FlowTrackerTableSm::handleParamChange for " << hwFtStatus_->name()
-                                                       << " param changed: " << whatChanged);
+   KTRACE(5, "FlowTrackerTableSm::handleParamChange for " << hwFtStatus_->name()
+                                                          << " param changed: " << whatChanged);
    if (!updateTask_) {
       return;
    }
@@ -185,12 +180,12 @@ void FlowTrackerTableSm::handleParamChange(Param whatChanged) {
 
 void FlowTrackerTableSm::doUpdate() {
    if (!initialized()) {
-      KTRACE(facility(), 5, "FlowTrackerTableSm::doUpdate(skipped) for " << hwFtStatus_->name());
+      KTRACE(5, "FlowTrackerTableSm::doUpdate(skipped) for " << hwFtStatus_->name());
       return;
    }
-   KTRACE(facility(), 5, "FlowTrackerTableSm::doUpdate for " << hwFtStatus_->name());
+   KTRACE(5, "FlowTrackerTableSm::doUpdate for " << hwFtStatus_->name());
    DataRecordPtr const record = makeDataRecord();
-   KTRACE(facility(), 6, "record len:" << record->dataLen());
+   KTRACE(6, "record len:" << record->dataLen());
    dataUpdate_->addUpdate(setIdVal(), record);
    dataSource_->dataRecordDelAll();
    dataSource_->dataRecordIs(record);

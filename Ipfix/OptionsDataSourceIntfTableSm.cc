@@ -6,14 +6,11 @@
 #include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("InterfaceTableSm"))
+
 namespace FlowTracking {
 
 namespace {
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("InterfaceTableSm");
-   return f;
-}
 
 using U8 = std::uint8_t;
 using U32 = std::uint32_t;
@@ -89,9 +86,9 @@ DataRecordPtr InterfaceTableSm::makeDataRecord(Kivo::String const& intfName,
 
 void InterfaceTableSm::handleInitialized() {
    initializedIs(true);
-   KTRACE(facility(), 5,
-          "InterfaceTableSm::handleInitialized for " << dataSource_->sourceName() << " map count:"
-                                                     << intfIndexMap_->intfIndexColl().size());
+   KTRACE(5, "InterfaceTableSm::handleInitialized for "
+                 << dataSource_->sourceName()
+                 << " map count:" << intfIndexMap_->intfIndexColl().size());
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
    for (auto const& [intfId, intfIndex] : intfIndexMap_->intfIndexColl()) {
@@ -119,8 +116,7 @@ void InterfaceTableSm::handleInitialized() {
 }
 
 void InterfaceTableSm::handleIntfId(Pelto::IntfId const& intfId) {
-   KTRACE(facility(), 5,
-          "InterfaceTableSm::handleIntfId for " << dataSource_->sourceName() << " " << intfId);
+   KTRACE(5, "InterfaceTableSm::handleIntfId for " << dataSource_->sourceName() << " " << intfId);
    KIVO_ASSERT(initialized());
    if (DataRecordPtr const old = dataRecord(intfId)) {
       dataSource_->dataRecordDel(old);
@@ -128,13 +124,13 @@ void InterfaceTableSm::handleIntfId(Pelto::IntfId const& intfId) {
    }
    if (std::uint32_t const* intfIndex = intfIndexMap_->intfIndex(intfId)) {
       DataRecordPtr const record = makeDataRecord(intfId.stringValue(), *intfIndex);
-      KTRACE(facility(), 6, "intfId: " << intfId << ", index: " << *intfIndex);
+      KTRACE(6, "intfId: " << intfId << ", index: " << *intfIndex);
       dataUpdate_->addUpdate(setIdVal(), record);
       dataSource_->dataRecordIs(record);
       dataRecordIs(intfId, record);
    } else {
       // A removal is not posted: the interface only leaves the full table.
-      KTRACE(facility(), 6, "intfId: " << intfId << ", index not present. ");
+      KTRACE(6, "intfId: " << intfId << ", index not present. ");
    }
    // clang-format off
    KIVO_ASSERT(( dataRecords() + intfIndexMap()->numReservedIntfs() ) == dataSource()->dataRecords());

@@ -7,14 +7,11 @@
 #include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("VrfTableSm"))
+
 namespace FlowTracking {
 
 namespace {
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("VrfTableSm");
-   return f;
-}
 
 using U8 = std::uint8_t;
 using U32 = std::uint32_t;
@@ -90,16 +87,15 @@ DataRecordPtr VrfTableSm::makeDataRecord(Vrf::VrfIdMap::VrfId vrfId,
 }
 
 void VrfTableSm::handleInitialized() {
-   KTRACE(facility(), 5, "VrfTableSm::handleInitialized for " << dataSource_->sourceName());
+   KTRACE(5, "VrfTableSm::handleInitialized for " << dataSource_->sourceName());
    initializedIs(true);
    handleVrfIndexAll();
 }
 
 void VrfTableSm::handleVrfIndexAll() {
    KIVO_ASSERT(initialized());
-   KTRACE(facility(), 5,
-          "VrfTableSm::handleVrfIndexAll for " << dataSource_->sourceName()
-                                               << " vrf count:" << vrfIdMapStatus_->vrfNames());
+   KTRACE(5, "VrfTableSm::handleVrfIndexAll for " << dataSource_->sourceName()
+                                                  << " vrf count:" << vrfIdMapStatus_->vrfNames());
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
    dataSource_->dataRecordIs(makeDataRecord(fixedVrfId(), Kivo::String()));
@@ -116,8 +112,7 @@ void VrfTableSm::handleVrfIndexAll() {
 }
 
 void VrfTableSm::handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId) {
-   KTRACE(facility(), 5,
-          "VrfTableSm::handleVrfIndex for " << dataSource_->sourceName() << " " << vrfId);
+   KTRACE(5, "VrfTableSm::handleVrfIndex for " << dataSource_->sourceName() << " " << vrfId);
    KIVO_ASSERT(initialized());
    if (DataRecordPtr const old = dataRecord(vrfId)) {
       dataSource_->dataRecordDel(old);
@@ -125,13 +120,13 @@ void VrfTableSm::handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId) {
    }
    if (Vrf::VrfIdMap::VrfName const* vrfName = vrfIdMapStatus_->vrfName(vrfId)) {
       DataRecordPtr const record = makeDataRecord(vrfId, vrfName->value());
-      KTRACE(facility(), 6, "vrfIndex: " << vrfId << ", name: " << vrfName->value());
+      KTRACE(6, "vrfIndex: " << vrfId << ", name: " << vrfName->value());
       dataUpdate_->addUpdate(setIdVal(), record);
       dataSource_->dataRecordIs(record);
       dataRecordIs(vrfId, record);
    } else {
       // A removal is not posted: the VRF only leaves the full table.
-      KTRACE(facility(), 6, "vrfIndex: " << vrfId << ", name not present. ");
+      KTRACE(6, "vrfIndex: " << vrfId << ", name not present. ");
    }
    // clang-format off
    KIVO_ASSERT(( dataRecords() + 1 ) == dataSource()->dataRecords());

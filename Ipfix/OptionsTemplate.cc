@@ -3,6 +3,8 @@
 #include "Pelto/IpfixWire.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::defaultFacility())
+
 namespace FlowTracking {
 
 namespace {
@@ -18,7 +20,7 @@ void appendField(Kivo::Ptr<Ipfix::ElementIdColl const> const& eic,
                  Kivo::Ptr<HwFlowTracking::FtTemplateEntry> const& entry) {
    updateFieldInfo(eic, entry);
    // Options templates are built once, at start-up: reported with the rest of start-up.
-   KTRACE(Dualog::defaultFacility(), 4, "  Added field " << entry->fieldId());
+   KTRACE(4, "  Added field " << entry->fieldId());
 }
 
 }  // namespace

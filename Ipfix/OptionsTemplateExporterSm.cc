@@ -3,19 +3,12 @@
 #include "Pelto/IpfixWire.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("OptionsTemplateExporterSm"))
+
 namespace FlowTracking {
 
-namespace {
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("OptionsTemplateExporterSm");
-   return f;
-}
-
-}  // namespace
-
 #define TRACE_OT(level, what) \
-   KTRACE(facility(), level, "OptionsTemplateExporterSm::" << what << " for " << traceId())
+   KTRACE(level, "OptionsTemplateExporterSm::" << what << " for " << traceId())
 
 OptionsTemplateExporterSm::OptionsTemplateExporterSm(
     Kivo::String expName, Kivo::String ftName, FtId ftId,
@@ -84,11 +77,10 @@ std::uint32_t OptionsTemplateExporterSm::addTemplateFieldSpecifier(
     Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
     Kivo::Ptr<HwFlowTracking::FtTemplateEntry const> const& entry) const {
    std::uint32_t const next = writeFieldSpecifier(pkt, static_cast<std::uint16_t>(offset), *entry);
-   KTRACE(facility(), 8,
-          "OptionsTemplateExporterSm::addTemplateFieldSpecifier for "
-              << traceId() << ": Scope field: " << entry->position()
-              << ", fieldId: " << entry->fieldId() << ", enterprise: " << entry->enterpriseIe()
-              << ", len: " << entry->fieldLen());
+   KTRACE(8, "OptionsTemplateExporterSm::addTemplateFieldSpecifier for "
+                 << traceId() << ": Scope field: " << entry->position()
+                 << ", fieldId: " << entry->fieldId() << ", enterprise: " << entry->enterpriseIe()
+                 << ", len: " << entry->fieldLen());
    return next;
 }
 
@@ -103,7 +95,7 @@ void OptionsTemplateExporterSm::handleTemplateCreationTask() {
    if (total == 0) {
       templatePktIs(nullptr);
       templateReadyIs(false);
-      KTRACE(facility(), 5, "no options templates to send");
+      KTRACE(5, "no options templates to send");
       return;
    }
    Kivo::Ptr<Pelto::Pkt> pkt = getPkt();
@@ -115,8 +107,7 @@ void OptionsTemplateExporterSm::handleTemplateCreationTask() {
    for (auto const& [name, t] : optTemplateConfig_->templateEntries()) {
       std::uint32_t const len = getTemplateEntryLength(t);
       templateLenIs(t->templateId(), len);
-      KTRACE(facility(), 6,
-             "template " << t->templateId() << ", length: " << len << ", offset: " << offset);
+      KTRACE(6, "template " << t->templateId() << ", length: " << len << ", offset: " << offset);
       offset =
           writeOptionsTemplateRecord(pkt, offset, *t,
                                      [this](Kivo::Ptr<Pelto::Pkt> const& p, std::uint32_t at,

@@ -6,6 +6,8 @@
 #include "Pelto/IpfixWire.h"
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("TemplateExporterSmBase"))
+
 namespace FlowTracking {
 
 using Pelto::IpfixConst;
@@ -14,11 +16,6 @@ namespace {
 
 constexpr std::uint32_t headersLen = IpfixConst::messageHeaderLen() + IpfixConst::setHeaderLen();
 
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("TemplateExporterSmBase");
-   return f;
-}
-
 std::uint32_t nowU32() {
    return static_cast<std::uint32_t>(std::trunc(Kivo::currentTime()));
 }
@@ -26,7 +23,7 @@ std::uint32_t nowU32() {
 }  // namespace
 
 #define TRACE_BASE(level, what) \
-   KTRACE(facility(), level, "TemplateExporterSmBase::" << what << " for " << traceId())
+   KTRACE(level, "TemplateExporterSmBase::" << what << " for " << traceId())
 
 TemplateExporterSmBase::TemplateExporterSmBase(
     Kivo::String expName, Kivo::String ftName, FtId ftId,
@@ -121,7 +118,7 @@ void TemplateExporterSmBase::addIpfixHeaders_p() {
    msg.lengthIs(static_cast<std::uint16_t>(msgLen));
    msg.exportTimeIs(nowU32());
    msg.observationDomainIdIs(ftId_);
-   KTRACE(facility(), 9, "Template pkt->hexdump:\n" << templatePkt_->hexdump());
+   KTRACE_TEXT(9, "Template pkt->hexdump:\n" << templatePkt_->hexdump());
    templatePktMsgLen_ = static_cast<std::uint16_t>(msgLen);
    if (!templateReady()) {
       templateReadyIs(true);
@@ -193,7 +190,7 @@ void TemplateExporterSmBase::maybeTxTemplate_p() {
       for (auto const& [name, configured] : F::configured(*hwExpConfig_)) {
          auto it = seen.find(name);
          doTxTemplate_p<F>(it == seen.end() ? typename F::Dst() : it->second, name);
-         KTRACE(facility(), 6, "Template sent to " << name);
+         KTRACE(6, "Template sent to " << name);
          sent = true;
       }
    }
@@ -224,10 +221,9 @@ void TemplateExporterSmBase::doTxTemplate_p(typename F::Dst const& dst,
    updateStats(F::key(dst));
    F::rxPortIs(*expInfo_, pam->rxPort());
    updateCollectorOnTx(collector);
-   KTRACE(facility(), 7,
-          "Template sent to " << collector << F::dstText << dst.ipAddr()
-                              << ", dst port: " << dst.port() << ", src: " << F::src(*hwExpConfig_)
-                              << ", tos :" << static_cast<int>(pam->txTos()));
+   KTRACE(7, "Template sent to " << collector << F::dstText << dst.ipAddr() << ", dst port: "
+                                 << dst.port() << ", src: " << F::src(*hwExpConfig_)
+                                 << ", tos :" << static_cast<int>(pam->txTos()));
 }
 
 void TemplateExporterSmBase::updateStats(Mirra::Ipfix::CollectorInfo const& collector) {
@@ -249,17 +245,17 @@ void TemplateExporterSmBase::updateStats(Mirra::Ipfix::CollectorInfo const& coll
 
 void TemplateExporterSmBase::schedulePeriodicTemplateTx_p() {
    if (periodicTemplateTxTask_->scheduled()) {
-      KTRACE(facility(), 8, "Periodic template Tx task already scheduled");
+      KTRACE(8, "Periodic template Tx task already scheduled");
       return;
    }
    // Whole seconds: an interval under one second repeats on every pass. Kept on purpose.
    std::uint32_t const interval = hwExpConfig_->templateInterval() / 1000;
-   KTRACE(facility(), 6, "Periodic template Tx task scheduled with interval:" << interval);
+   KTRACE(6, "Periodic template Tx task scheduled with interval:" << interval);
    periodicTemplateTxTask_->scheduleTaskLowestDelay(interval);
 }
 
 void TemplateExporterSmBase::stopPeriodicTemplateTx_p() {
-   KTRACE(facility(), 7, "stopPeriodicTemplateTx_p");
+   KTRACE(7, "stopPeriodicTemplateTx_p");
    if (periodicTemplateTxTask_) {
       periodicTemplateTxTask_->stopTimerTask();
    }
@@ -267,7 +263,7 @@ void TemplateExporterSmBase::stopPeriodicTemplateTx_p() {
 
 void TemplateExporterSmBase::handlePeriodicTemplateTx() {
    if (!periodicTemplateTxTask_->running()) {
-      KTRACE(facility(), 5, "Returning because periodicTemplateTxTask not running.");
+      KTRACE(5, "Returning because periodicTemplateTxTask not running.");
       return;
    }
    maybeTxTemplate_p();
@@ -321,16 +317,14 @@ void TemplateExporterSmBase::handleCollector_p(Kivo::String const& name) {
 }
 
 void TemplateExporterSmBase::handleCollectorIpAndPort(Kivo::String const& name) {
-   KTRACE(facility(), 5,
-          "TemplateExporterSmBase::handleCollectorIpAndPort for " << traceId()
-                                                                  << ", for collector: " << name);
+   KTRACE(5, "TemplateExporterSmBase::handleCollectorIpAndPort for "
+                 << traceId() << ", for collector: " << name);
    handleCollector_p<V4>(name);
 }
 
 void TemplateExporterSmBase::handleCollectorIp6AndPort(Kivo::String const& name) {
-   KTRACE(facility(), 5,
-          "TemplateExporterSmBase::handleCollectorIp6AndPort for " << traceId()
-                                                                   << ", for collector: " << name);
+   KTRACE(5, "TemplateExporterSmBase::handleCollectorIp6AndPort for "
+                 << traceId() << ", for collector: " << name);
    handleCollector_p<V6>(name);
 }
 

@@ -6,6 +6,8 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("TraceTest.ktrace"))
+
 namespace {
 
 using Lines = std::vector<std::string>;
@@ -26,13 +28,13 @@ struct CapturingSink {
 TEST(TraceKtrace, SnaplogAlwaysDualogOnlyUpToTheFacilityLevel) {
    CapturingSink sink;
    Snaplog::clear();
-   Dualog::Facility& fac = Dualog::facility("TraceTest.ktrace");
+   Dualog::Facility& fac = ktraceFacility_p();
    fac.levelIs(3);
    for (int level : {0, 3, 4, 9}) {
-      KTRACE(fac, level, "at " << level << ' ' << 2.5 << ' ' << true << ' ' << std::string("s"));
+      KTRACE(level, "at " << level << ' ' << 2.5 << ' ' << true << ' ' << std::string("s"));
    }
    fac.levelIs(Dualog::off());
-   KTRACE(fac, 0, "off");
+   KTRACE(0, "off");
    EXPECT_EQ(Snaplog::lines(), (Lines{"at 0 2.5 true s", "at 3 2.5 true s", "at 4 2.5 true s",
                                       "at 9 2.5 true s", "off"}));
    EXPECT_EQ(sink.lines,
@@ -41,11 +43,28 @@ TEST(TraceKtrace, SnaplogAlwaysDualogOnlyUpToTheFacilityLevel) {
    // Nothing keeps the line: it is not even formatted.
    int formatted = 0;
    Snaplog::enabledIs(false);
-   KTRACE(fac, 0, ++formatted);
+   KTRACE(0, ++formatted);
    KTRACE_FAST(++formatted);
+   KTRACE_TEXT(0, ++formatted);
    Snaplog::enabledIs(true);
    EXPECT_EQ(formatted, 0);
    EXPECT_EQ(Snaplog::lines().size(), 5u);
+}
+
+// The level is evaluated once, whichever sinks take the line; text-only detail stays out of the
+// fast ring.
+TEST(TraceKtrace, LevelEvaluatedOnceAndTextDetailStaysOutOfTheRing) {
+   CapturingSink sink;
+   Snaplog::clear();
+   Dualog::Facility& fac = ktraceFacility_p();
+   fac.levelIs(9);
+   int evaluations = 0;
+   KTRACE((++evaluations, 4), "both");
+   KTRACE_TEXT((++evaluations, 9), "dump");
+   fac.levelIs(Dualog::off());
+   EXPECT_EQ(evaluations, 2);
+   EXPECT_EQ(Snaplog::lines(), (Lines{"both"}));
+   EXPECT_EQ(sink.lines, (Lines{"TraceTest.ktrace/4 both", "TraceTest.ktrace/9 dump"}));
 }
 
 // An enable string is applied whole or not at all; "*" sets the facilities it does not name.

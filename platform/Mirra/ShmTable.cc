@@ -18,17 +18,14 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("Mirra"))
+
 namespace Mirra {
 
 using namespace ShmLayout;
 using Kivo::String;
 
 namespace {
-
-Dualog::Facility& facility() {
-   static Dualog::Facility& f = Dualog::facility("Mirra");
-   return f;
-}
 
 // Words that another process reads or writes at the same time are accessed atomically.
 template <class T>
@@ -414,10 +411,9 @@ ShmTableWriterCore::ShmTableWriterCore(String baseName, SlotGeometry geometry,
    ControlHeader& c = control();
    store(c.dataSerial, serial_);
    store(c.magic, controlMagic());  // the table is ready for readers
-   KTRACE(facility(), 3,
-          "created shared-memory table " << baseName_ << ": " << slots << " slots of "
-                                         << geometry_.slotSize << " bytes, at most " << maxCapacity_
-                                         << " entries");
+   KTRACE(3, "created shared-memory table " << baseName_ << ": " << slots << " slots of "
+                                            << geometry_.slotSize << " bytes, at most "
+                                            << maxCapacity_ << " entries");
 }
 
 ShmTableWriterCore::~ShmTableWriterCore() {
@@ -433,7 +429,7 @@ ShmTableWriterCore::~ShmTableWriterCore() {
    data_.unlinkName();
    control_.unlinkName();
    wakeAll(c.generation);
-   KTRACE(facility(), 3, "closed shared-memory table " << baseName_);
+   KTRACE(3, "closed shared-memory table " << baseName_);
 }
 
 // Makes this writer the one writer of the table name. The name is opened (created when missing)
@@ -518,12 +514,11 @@ void ShmTableWriterCore::retireStale_p(int fd, std::size_t bytes) {
       throw Kivo::ErrnoException(EEXIST, "creating shared-memory table " + baseName_ +
                                              ": the name is taken by something else");
    }
-   KTRACE(facility(), 1,
-          "replacing shared-memory table " << baseName_ << " left behind by writer pid "
-                                           << c.writerPid
-                                           << (!table     ? " (not set up)"
-                                               : c.closed ? " (closed)"
-                                                          : " (gone)"));
+   KTRACE(1, "replacing shared-memory table " << baseName_ << " left behind by writer pid "
+                                              << c.writerPid
+                                              << (!table     ? " (not set up)"
+                                                  : c.closed ? " (closed)"
+                                                             : " (gone)"));
    bool const thisLayout = got == static_cast<ssize_t>(sizeof(c)) &&
                            c.layoutVersion == layoutVersion() && c.headerSize == sizeof(c);
    if (!table || !thisLayout) {
@@ -600,9 +595,8 @@ void ShmTableWriterCore::publish() {
 bool ShmTableWriterCore::insert(std::uint32_t hash, void const* key, void const* value) {
    KIVO_ASSERT(iterations_ == 0);
    if (live_ >= maxCapacity_) {
-      KTRACE(facility(), 1,
-             "shared-memory table " << baseName_ << " holds its maximum of " << maxCapacity_
-                                    << " entries; insert refused");
+      KTRACE(1, "shared-memory table " << baseName_ << " holds its maximum of " << maxCapacity_
+                                       << " entries; insert refused");
       return false;
    }
    if ((std::uint64_t{used_} + 1) * 4 > std::uint64_t{slotCount_} * 3 && !rebuild()) {
@@ -612,9 +606,8 @@ bool ShmTableWriterCore::insert(std::uint32_t hash, void const* key, void const*
    if (i == noSlot()) {
       // The count leaves room, so another process has damaged the slots; a rebuild keeps what is
       // live in them and starts a clean segment.
-      KTRACE(facility(), 1,
-             "shared-memory table " << data_.name() << " has no empty slot left for " << live_
-                                    << " entries; rebuilding it");
+      KTRACE(1, "shared-memory table " << data_.name() << " has no empty slot left for " << live_
+                                       << " entries; rebuilding it");
       if (!rebuild() || (i = emptySlot_p(hash)) == noSlot()) {
          return false;
       }
@@ -652,9 +645,8 @@ bool ShmTableWriterCore::update(std::uint32_t i, void const* value) {
    KIVO_ASSERT(s->state == slotLive || s->state == slotDeleted);
    if (s->state == slotDeleted) {
       if (live_ >= maxCapacity_) {
-         KTRACE(facility(), 1,
-                "shared-memory table " << baseName_ << " holds its maximum of " << maxCapacity_
-                                       << " entries; insert refused");
+         KTRACE(1, "shared-memory table " << baseName_ << " holds its maximum of " << maxCapacity_
+                                          << " entries; insert refused");
          return false;
       }
       ++live_;
@@ -720,9 +712,8 @@ bool ShmTableWriterCore::rebuild() {
    try {
       next = createData(serial_ + 1, slots);
    } catch (Kivo::ErrnoException const& e) {
-      KTRACE(facility(), 1,
-             "shared-memory table " << baseName_ << " cannot grow to " << slots
-                                    << " slots: " << e.what() << "; insert refused");
+      KTRACE(1, "shared-memory table " << baseName_ << " cannot grow to " << slots
+                                       << " slots: " << e.what() << "; insert refused");
       return false;
    }
    unsigned const shift = homeShift(slots);
@@ -744,9 +735,8 @@ bool ShmTableWriterCore::rebuild() {
       ++moved;
    }
    if (moved < liveSlots) {
-      KTRACE(facility(), 1,
-             "shared-memory table " << baseName_ << " dropped " << liveSlots - moved
-                                    << " entries of a damaged segment that did not fit");
+      KTRACE(1, "shared-memory table " << baseName_ << " dropped " << liveSlots - moved
+                                       << " entries of a damaged segment that did not fit");
    }
    reinterpret_cast<DataHeader*>(next.base())->liveCount = moved;
    // From here on readers that look at the control segment go to the new segment; readers still
@@ -760,9 +750,8 @@ bool ShmTableWriterCore::rebuild() {
    shift_ = shift;
    live_ = moved;
    used_ = moved;
-   KTRACE(facility(), 3,
-          "shared-memory table " << baseName_ << " moved to " << data_.name() << ": " << slots
-                                 << " slots for " << live_ << " entries");
+   KTRACE(3, "shared-memory table " << baseName_ << " moved to " << data_.name() << ": " << slots
+                                    << " slots for " << live_ << " entries");
    return true;
 }
 

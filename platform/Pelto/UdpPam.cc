@@ -14,6 +14,8 @@
 
 #include "Trace/Trace.h"
 
+KTRACE_FACILITY(::Dualog::facility("UdpPam"))
+
 namespace Pelto {
 
 namespace {
@@ -25,11 +27,6 @@ constexpr char const* threadNetNs = "/proc/thread-self/ns/net";
 UdpPam::TxFailureObserver& txFailureObserver() {
    static UdpPam::TxFailureObserver observer;
    return observer;
-}
-
-Dualog::Facility& fac() {
-   static Dualog::Facility& f = Dualog::facility("UdpPam");
-   return f;
 }
 
 // Owns a descriptor until it is released; closes it otherwise.
@@ -139,7 +136,7 @@ void UdpPam::txPrioIs(IpTrafficControl p) {
    int const v = static_cast<int>(p);
    if (setsockopt(fd_, SOL_SOCKET, SO_PRIORITY, &v, sizeof(v)) != 0) {
       int const err = errno;
-      KTRACE(fac(), 2, name_ << ": setting priority " << v << " failed: " << std::strerror(err));
+      KTRACE(2, name_ << ": setting priority " << v << " failed: " << std::strerror(err));
    }
 }
 
@@ -213,14 +210,13 @@ void UdpPam::open_() {
    fdV6_ = ipv6En_;
    appliedTos_ = txTos_;
    rxPort_ = port;
-   KTRACE(fac(), 4,
-          "Created Pam: " << name_ << ", fd: " << fd_ << ", mode: " << static_cast<int>(mode_)
-                          << ", netNs: '" << netNs_ << "', port: " << rxPort_);
+   KTRACE(4, "Created Pam: " << name_ << ", fd: " << fd_ << ", mode: " << static_cast<int>(mode_)
+                             << ", netNs: '" << netNs_ << "', port: " << rxPort_);
 }
 
 void UdpPam::close_() {
    if (fd_ >= 0) {
-      KTRACE(fac(), 4, "Closed Pam: " << name_ << ", fd: " << fd_);
+      KTRACE(4, "Closed Pam: " << name_ << ", fd: " << fd_);
       ::close(fd_);
    }
    fd_ = -1;
@@ -234,7 +230,7 @@ void UdpPam::applyTos_() {
    if (rc != 0) {
       // Left unapplied, so the next send tries again; this packet goes with the old value.
       int const err = errno;
-      KTRACE(fac(), 2, name_ << ": setting tos " << v << " failed: " << std::strerror(err));
+      KTRACE(2, name_ << ": setting tos " << v << " failed: " << std::strerror(err));
       return;
    }
    appliedTos_ = txTos_;
@@ -244,7 +240,7 @@ void UdpPam::learnPort_() {
    std::uint16_t port = 0;
    if (!localPort(fd_, &port)) {
       int const err = errno;
-      KTRACE(fac(), 2, name_ << ": getsockname failed: " << std::strerror(err));
+      KTRACE(2, name_ << ": getsockname failed: " << std::strerror(err));
       return;
    }
    rxPort_ = port;
@@ -259,7 +255,7 @@ void UdpPam::report_(IpGenAddr const& dst, std::uint16_t port, int err, bool fro
 void UdpPam::txFailed_(int err) {
    ++txErrors_;
    lastTxErrno_ = err;
-   KTRACE(fac(), 2, name_ << ": txPkt failed: " << std::strerror(err));
+   KTRACE(2, name_ << ": txPkt failed: " << std::strerror(err));
    // A closed module has no socket family yet: the one it is set to open with.
    if (fd_ >= 0 ? fdV6_ : ipv6En_) {
       report_(txDst6_, txPort_, err, false);
@@ -302,14 +298,12 @@ int UdpPam::drainErrQueue_() {
          if (from.ss_family == AF_INET6) {
             auto const& sa = *reinterpret_cast<sockaddr_in6 const*>(&from);
             Ip6AndPort const dst = Ip6AndPort::fromSockaddr(sa);
-            KTRACE(fac(), 2,
-                   name_ << ": error from " << dst.toString() << ": " << std::strerror(err));
+            KTRACE(2, name_ << ": error from " << dst.toString() << ": " << std::strerror(err));
             report_(dst.ipAddr(), dst.port(), err, true);
          } else {
             auto const& sa = *reinterpret_cast<sockaddr_in const*>(&from);
             IpAndPort const dst = IpAndPort::fromSockaddr(sa);
-            KTRACE(fac(), 2,
-                   name_ << ": error from " << dst.toString() << ": " << std::strerror(err));
+            KTRACE(2, name_ << ": error from " << dst.toString() << ": " << std::strerror(err));
             report_(dst.ipAddr(), dst.port(), err, true);
          }
       }

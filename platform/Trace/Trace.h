@@ -1,10 +1,17 @@
-// The one way the system traces.
+// The one way the system traces. A source file binds its facility once, after its includes:
 //
-//   KTRACE(fac, 4, "Created Pam: " << name << ", fd: " << fd);
-// writes the line to the fast trace (Snaplog) and, when facility `fac` is enabled at level 4 or
-// more, to the text trace (Dualog). KTRACE_FAST writes to the fast trace only. Nothing is
-// formatted when neither would keep the line. Lines are built in a fixed buffer without
-// allocation and truncated at Line::capacity() bytes.
+//   KTRACE_FACILITY(::Dualog::facility("UdpPam"))
+//
+// and then traces with
+//
+//   KTRACE(4, "Created Pam: " << name << ", fd: " << fd);
+//
+// which writes the line to the fast trace (Snaplog) and, when the file's facility is enabled at
+// level 4 or more, to the text trace (Dualog). KTRACE_FAST writes to the fast trace only;
+// KTRACE_TEXT to the text trace only, for bulky detail (packet dumps) that the always-on fast
+// trace must not pay for. Each macro evaluates its level and the facility once, and formats
+// nothing unless a sink will keep the line. Lines are built in a fixed buffer without allocation
+// and truncated at Line::capacity() bytes.
 #pragma once
 
 #include <charconv>
@@ -78,20 +85,42 @@ inline bool on(Dualog::Facility const& fac, int level) {
 
 }  // namespace Trace
 
-#define KTRACE(fac, level, expr)                \
-   do {                                         \
-      if (::Trace::on((fac), (level))) {        \
-         ::Trace::Line kivoTraceLine_;          \
-         kivoTraceLine_ << expr;                \
-         kivoTraceLine_.commit((fac), (level)); \
-      }                                         \
+// Defines ktraceFacility_p() for the file: `facilityExpr` is evaluated once, on first use.
+#define KTRACE_FACILITY(facilityExpr)                             \
+   namespace {                                                    \
+   [[maybe_unused]] ::Dualog::Facility& ktraceFacility_p() {      \
+      static ::Dualog::Facility& ktraceFacility = (facilityExpr); \
+      return ktraceFacility;                                      \
+   }                                                              \
+   }
+
+#define KTRACE(level, expr)                                      \
+   do {                                                          \
+      ::Dualog::Facility const& ktraceFac_ = ktraceFacility_p(); \
+      int const ktraceLevel_ = (level);                          \
+      if (::Trace::on(ktraceFac_, ktraceLevel_)) {               \
+         ::Trace::Line ktraceLine_;                              \
+         ktraceLine_ << expr;                                    \
+         ktraceLine_.commit(ktraceFac_, ktraceLevel_);           \
+      }                                                          \
    } while (0)
 
-#define KTRACE_FAST(expr)              \
-   do {                                \
-      if (::Snaplog::enabled()) {      \
-         ::Trace::Line kivoTraceLine_; \
-         kivoTraceLine_ << expr;       \
-         kivoTraceLine_.commitFast();  \
-      }                                \
+#define KTRACE_TEXT(level, expr)                                        \
+   do {                                                                 \
+      ::Dualog::Facility const& ktraceFac_ = ktraceFacility_p();        \
+      int const ktraceLevel_ = (level);                                 \
+      if (ktraceFac_.on(ktraceLevel_)) {                                \
+         ::Trace::Line ktraceLine_;                                     \
+         ktraceLine_ << expr;                                           \
+         ::Dualog::write(ktraceFac_, ktraceLevel_, ktraceLine_.view()); \
+      }                                                                 \
+   } while (0)
+
+#define KTRACE_FAST(expr)           \
+   do {                             \
+      if (::Snaplog::enabled()) {   \
+         ::Trace::Line ktraceLine_; \
+         ktraceLine_ << expr;       \
+         ktraceLine_.commitFast();  \
+      }                             \
    } while (0)
