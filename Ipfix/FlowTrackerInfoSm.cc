@@ -9,29 +9,6 @@ KTRACE_FACILITY(::Dualog::facility("FlowTrackerInfoSm"))
 
 namespace FlowTracking {
 
-namespace {
-
-// VRF names are bounded; the packet access module lives in the VRF's network namespace.
-constexpr std::size_t vrfNameMaxLength = 100;
-
-}  // namespace
-
-Kivo::String netNsForVrf(Kivo::String const& vrf) {
-   if (vrf.size() > vrfNameMaxLength) {
-      throw Kivo::RangeException("L3::VrfName::value::bytes > L3::VrfName::maxLength not allowed");
-   }
-   if (vrf.empty() || vrf == "default") {
-      return {};
-   }
-   // The namespace is a file in /var/run/netns: the name must stay one plain file name there.
-   bool const plainName = vrf != "." && vrf != ".." && vrf.find('/') == Kivo::String::npos &&
-                          vrf.find('\0') == Kivo::String::npos;
-   if (!plainName) {
-      throw Kivo::RangeException("L3::VrfName::value cannot name a network namespace: " + vrf);
-   }
-   return "ns-" + vrf;
-}
-
 // ---------------------------------------------------------------------------------------------
 // ExporterInfoSm
 

@@ -19,6 +19,7 @@
 #include <string_view>
 
 #include "HwFlowTracking/HwFlowTracking.h"
+#include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/Ipfix.h"
 #include "Kivo/Entity.h"
 #include "Orbo/TaskScheduler.h"
@@ -83,11 +84,6 @@ class FlowTrackingInfo : public Kivo::Object {
  private:
    FlowTrackingType ftrType_;
 };
-
-// The network namespace of a VRF's sockets: "" (the default namespace) for the VRF "" and
-// "default", "ns-" + vrf for any other. Throws Kivo::RangeException for a name over 100 bytes and
-// for one that cannot be a file name in /var/run/netns ("." , "..", or holding "/" or NUL).
-Kivo::String netNsForVrf(Kivo::String const& vrf);
 
 // Keeps one exporter's packet access modules, collector records and readiness.
 //

@@ -1,23 +1,21 @@
 #include "Ipfix/FlowTrackingTypes.h"
 
-#include <ostream>
+#include "Vrf/VrfIdMap.h"
 
 namespace FlowTracking {
 
-std::ostream& operator<<(std::ostream& os, TemplateId id) {
-   return os << id.value();
-}
-
-std::ostream& operator<<(std::ostream& os, FlowTrackingType t) {
-   switch (t) {
-      case FlowTrackingType::none:
-         return os << "none";
-      case FlowTrackingType::sampled:
-         return os << "sampled";
-      case FlowTrackingType::hardware:
-         return os << "hardware";
+Kivo::String netNsForVrf(Kivo::String const& vrf) {
+   Vrf::VrfIdMap::VrfName const checked(vrf);  // bounds the length
+   if (vrf.empty() || vrf == "default") {
+      return {};
    }
-   return os << static_cast<unsigned>(t);
+   // The namespace is a file in /var/run/netns: the name must stay one plain file name there.
+   bool const plainName = vrf != "." && vrf != ".." && vrf.find('/') == Kivo::String::npos &&
+                          vrf.find('\0') == Kivo::String::npos;
+   if (!plainName) {
+      throw Kivo::RangeException("L3::VrfName::value cannot name a network namespace: " + vrf);
+   }
+   return "ns-" + vrf;
 }
 
 }  // namespace FlowTracking

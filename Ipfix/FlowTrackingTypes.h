@@ -2,50 +2,25 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <iosfwd>
 
+#include "HwFlowTracking/FtTypes.h"
 #include "Kivo/Kivo.h"
 
 namespace FlowTracking {
 
-// A 16-bit IPFIX set id / template id. Set ids 2 and 3 carry templates and options templates;
-// data sets use template ids from 256 up.
-class TemplateId {
- public:
-   constexpr TemplateId() = default;
-   constexpr TemplateId(std::uint16_t v) : v_(v) {}
-   constexpr std::uint16_t value() const { return v_; }
-   constexpr operator std::uint16_t() const { return v_; }
+// The value types the hardware records carry, under the names the component uses.
+using HwFlowTracking::ActiveInterval;
+using HwFlowTracking::FlowTrackingType;
+using HwFlowTracking::FtId;
+using HwFlowTracking::InactiveTimeout;
+using HwFlowTracking::TemplateId;
 
- private:
-   std::uint16_t v_ = 0;
-};
-std::ostream& operator<<(std::ostream& os, TemplateId id);
-
-// Intervals that configuration and status carry in milliseconds.
-struct ActiveInterval {
-   std::uint32_t ms = 0;
-   double seconds() const { return ms / 1000.0; }
-   bool operator==(ActiveInterval const&) const = default;
-};
-struct InactiveTimeout {
-   std::uint32_t ms = 0;
-   double seconds() const { return ms / 1000.0; }
-   bool operator==(InactiveTimeout const&) const = default;
-};
-
-// Flow tracker number; also the IPFIX observation domain id of everything a tracker exports.
-using FtId = std::uint32_t;
-
-// The kind of flow tracking of a tracker. It travels unchanged from configuration into the info
-// records and the flow tracker table.
-enum class FlowTrackingType : std::uint8_t {
-   none = 0,
-   sampled = 1,
-   hardware = 2,
-};
-std::ostream& operator<<(std::ostream& os, FlowTrackingType t);
+// The network namespace the sockets of VRF `vrf` live in: "" for the default VRF (empty name or
+// "default"), otherwise "ns-" + the name. The one rule for every socket the component opens and
+// for the VRF status table the agent fills.
+// Throws Kivo::RangeException for a name longer than Vrf::VrfIdMap::VrfName::maxLength, and for
+// one that cannot be a file name in /var/run/netns (".", "..", or holding "/" or NUL).
+Kivo::String netNsForVrf(Kivo::String const& vrf);
 
 // The options tables with template ids of their own.
 enum class StaticTemplateId : std::uint8_t {
@@ -77,10 +52,3 @@ constexpr std::uint32_t enterpriseNumber() {
 }  // namespace Constants
 
 }  // namespace FlowTracking
-
-template <>
-struct std::hash<FlowTracking::TemplateId> {
-   std::size_t operator()(FlowTracking::TemplateId id) const noexcept {
-      return std::hash<std::uint16_t>()(id.value());
-   }
-};

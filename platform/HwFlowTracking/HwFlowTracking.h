@@ -11,7 +11,7 @@
 #include <cstdint>
 
 #include "HwFlowTracking/FtTemplateEntry.h"
-#include "Ipfix/FlowTrackingTypes.h"
+#include "HwFlowTracking/FtTypes.h"
 #include "Kivo/Entity.h"
 #include "Pelto/Address.h"
 
@@ -25,7 +25,7 @@ namespace HwFlowTracking {
 //    48 (IPv6 + UDP) + 16 (message header) + 4 (set header) + 149 (the flow tracker row: 21
 //    octets and a tracker name of at most 128, the most a statistics key holds; interface and
 //    VRF rows are at most 4 + 1 + 100 = 105, flow key rows 10) = 217,
-//    FlowTracking::minIpfixMtu() (Ipfix/OptionsDataManagerSm.h).
+//    the export component's FlowTracking::minIpfixMtu().
 // The writer keeps `ipfixMtu` within [217, 65535]. Outside it the 16-bit size wraps around: 0 (not
 // set) and 1 to 47 give messages of 65488 to 65535 octets, of which UDP over IPv4 carries at most
 // 65507 and over IPv6 65527 (a larger datagram is refused by the stack and counted as a send
@@ -87,9 +87,9 @@ class FtConfig : public Kivo::Object {
    }
 
    // The tracker's number; also its IPFIX observation domain id.
-   KIVO_ATTR(FlowTracking::FtId, ftId, FtId);
+   KIVO_ATTR(FtId, ftId, FtId);
    // Interval of the periodic options data transmission.
-   KIVO_ATTR(FlowTracking::ActiveInterval, activeInterval, ActiveInterval);
+   KIVO_ATTR(ActiveInterval, activeInterval, ActiveInterval);
    KIVO_ATTR(bool, swExport, SwExport);
    KIVO_ENTITIES(Kivo::String, ExporterConfig, expConfig, ExpConfig);
 
@@ -106,8 +106,8 @@ class Config : public Kivo::Object {
 // and a generation number bumped whenever its fields change.
 class TemplateStatus : public Kivo::Object {
  public:
-   explicit TemplateStatus(FlowTracking::TemplateId id) : templateId_(id) {}
-   FlowTracking::TemplateId templateId() const { return templateId_; }
+   explicit TemplateStatus(TemplateId id) : templateId_(id) {}
+   TemplateId templateId() const { return templateId_; }
 
    KIVO_ATTR(bool, inUse, InUse);
    KIVO_ATTR(std::uint32_t, genId, GenId);
@@ -123,7 +123,7 @@ class TemplateStatus : public Kivo::Object {
    Kivo::Signal<std::uint32_t> const& onEntry() const { return entry_.signal(); }
 
  private:
-   FlowTracking::TemplateId templateId_;
+   TemplateId templateId_;
    Kivo::Coll<std::uint32_t, FtTemplateEntry> entry_;
 };
 
@@ -133,9 +133,9 @@ class FtStatus : public Kivo::Object {
    explicit FtStatus(Kivo::String name) : name_(std::move(name)) {}
    Kivo::String const& name() const { return name_; }
 
-   KIVO_ATTR(FlowTracking::ActiveInterval, activeInterval, ActiveInterval);
-   KIVO_ATTR(FlowTracking::InactiveTimeout, inactiveTimeout, InactiveTimeout);
-   KIVO_ENTITIES(FlowTracking::TemplateId, TemplateStatus, templateStatus, TemplateStatus);
+   KIVO_ATTR(ActiveInterval, activeInterval, ActiveInterval);
+   KIVO_ATTR(InactiveTimeout, inactiveTimeout, InactiveTimeout);
+   KIVO_ENTITIES(TemplateId, TemplateStatus, templateStatus, TemplateStatus);
 
  private:
    Kivo::String name_;
