@@ -3,10 +3,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "agent/AgentProcess.h"
 #include "support/IpfixDecoder.h"
 #include "support/LoopbackCollector.h"
 
@@ -87,6 +89,8 @@ inline std::string v6Collector(std::string const& name, LoopbackCollector const&
    return "          " + name + ": \"[::1]:" + std::to_string(c.port()) + "\"\n";
 }
 
+using Tables = std::vector<std::vector<std::string>>;
+
 // What one collector got, decoded in order.
 struct Stream {
    Decoder decoder;
@@ -115,18 +119,27 @@ struct Stream {
       }
       return ids;
    }
-   // Text of the records' last field in the data sets of `setId` (names of the tables).
-   std::vector<std::string> names(std::uint16_t setId) const {
-      std::vector<std::string> out;
-      for (auto const& m : messages) {
-         for (auto const& s : m.sets) {
+   // The names (the records' second field) in each data set `setId`, one list per set, from
+   // message `from` on.
+   Tables tables(std::uint16_t setId, std::size_t from = 0) const {
+      Tables out;
+      for (std::size_t i = from; i < messages.size(); ++i) {
+         for (auto const& s : messages[i].sets) {
             if (s.id == setId) {
+               out.emplace_back();
                for (auto const& r : s.records) {
-                  out.push_back(fieldText(r.fields.at(1)));
+                  out.back().push_back(fieldText(r.fields.at(1)));
                }
             }
          }
       }
+      return out;
+   }
+   // Those of one record: updates rather than whole tables.
+   Tables updates(std::uint16_t setId, std::size_t from = 0) const {
+      Tables out;
+      std::ranges::copy_if(tables(setId, from), std::back_inserter(out),
+                           [](auto const& t) { return t.size() == 1; });
       return out;
    }
 };
@@ -137,6 +150,22 @@ inline bool complete(Stream const& s) {
    std::set<std::uint16_t> const want = {2, 3, 256, 257, 258, 259};
    auto const got = s.setIds();
    return std::includes(got.begin(), got.end(), want.begin(), want.end());
+}
+
+// Receives until what each collector got is complete; false on timeout.
+inline bool receiveComplete(
+    std::vector<std::pair<LoopbackCollector*, std::vector<Received>*>> const& from,
+    std::chrono::milliseconds timeout) {
+   return receiveUntil(
+       from,
+       [&] {
+          return std::ranges::all_of(from, [](auto const& f) {
+             Stream s;
+             s.add(*f.second);
+             return complete(s);
+          });
+       },
+       timeout);
 }
 
 }  // namespace testsupport

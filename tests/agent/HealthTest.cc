@@ -162,26 +162,21 @@ TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
    cfg.collectors = "          far: " + collector + "\n";
    AgentProcess agent(cfg.text());
    json entry;
-   for (int i = 0; i < 100; ++i) {
-      std::string out, err;
-      if (runProgram({IPFIX_STATS_BIN, "--table", cfg.table, "show", "--json"}, &out, &err) == 0) {
-         for (auto const& e : json::parse(out)) {
-            if (e["collector"] == collector && e["failures"]["unreachable"] > 0) {
-               entry = e;
-            }
+   for (int i = 0; i < 100 && entry.is_null(); ++i) {
+      std::this_thread::sleep_for(50ms);
+      auto const r = statsTool(cfg.table, {"show", "--json"});
+      for (auto const& e : r.ok() ? json::parse(r.out) : json::array()) {
+         if (e["collector"] == collector && e["failures"]["unreachable"] > 0) {
+            entry = e;
          }
       }
-      if (!entry.is_null()) {
-         break;
-      }
-      std::this_thread::sleep_for(50ms);
    }
    ASSERT_FALSE(entry.is_null()) << agent.log();
    EXPECT_EQ(entry["failures"]["total"], entry["failures"]["unreachable"]) << entry;
    EXPECT_EQ(entry["failures"]["lastFailureText"], std::strerror(ENETUNREACH)) << entry;
-   std::string out, err;
-   ASSERT_EQ(runProgram({IPFIX_STATS_BIN, "--table", cfg.table, "show"}, &out, &err), 0) << err;
-   EXPECT_NE(out.find("    unreachable: "), std::string::npos) << out;
+   auto const shown = statsTool(cfg.table, {"show"});
+   ASSERT_EQ(shown.exitCode, 0) << shown.err;
+   EXPECT_NE(shown.out.find("    unreachable: "), std::string::npos) << shown.out;
    EXPECT_EQ(agent.stop(), 0) << agent.log();
 }
 
