@@ -283,11 +283,7 @@ TEST(PeltoUdpPam, SocketLivesInItsNamespaceWhileTheThreadStaysHome) {
 TEST(PeltoUdpPam, PortUnreachableIsReportedForItsOwnDestinationAndTheNextSendGoesOut) {
    for (bool v6 : {false, true}) {
       SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
-      std::uint16_t deadPort = 0;
-      {
-         LoopbackCollector gone(v6);
-         deadPort = gone.port();
-      }
+      std::uint16_t const deadPort = LoopbackCollector::unusedPort(v6);
       LoopbackCollector live(v6);
       FailureLog failures;
       UdpPam pam("udpPamIcmp");

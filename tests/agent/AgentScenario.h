@@ -35,49 +35,49 @@ struct ConfigText {
    std::string activeInterval = "2s";
 
    std::string text() const {
-      std::string interfacesBlock =
-          interfaces == "kernel" ? "interfaces: kernel\n" : "interfaces:\n" + interfaces;
-      return "type: sampled\n"
-             "sample-rate: 1000\n"
-             "statistics-table: " +
-             table + "\n" + interfacesBlock +
-             "vrfs:\n"
-             "  - { name: red, id: 1 }\n"
-             "  - { name: blue, id: 2 }\n"
-             "trackers:\n"
-             "  - name: ft1\n"
-             "    id: 7\n"
-             "    active-interval: " +
-             activeInterval +
-             "\n"
-             "    inactive-timeout: 15s\n"
-             "    templates:\n"
-             "      - id: 260\n"
-             "        fields:\n"
-             "          - { element: sourceIPv4Address, key: true }\n"
-             "          - { element: destinationIPv4Address, key: true }\n"
-             "          - { element: protocolIdentifier, key: true }\n"
-             "          - packetDeltaCount\n"
-             "      - id: 261\n"
-             "        fields:\n"
-             "          - { element: sourceIPv6Address, key: true }\n"
-             "          - { element: destinationIPv6Address, key: true }\n"
-             "          - octetDeltaCount\n"
-             "    exporters:\n"
-             "      - name: e1\n"
-             "        vrf: " +
-             vrf +
-             "\n"
-             "        source-ipv4: 127.0.0.1\n"
-             "        source-ipv6: \"::1\"\n"
-             "        dscp: " +
-             std::to_string(dscp) +
-             "\n"
-             "        template-interval: " +
-             templateInterval +
-             "\n"
-             "        collectors:\n" +
-             collectors + extraExporters;
+      std::string t = R"(type: sampled
+sample-rate: 1000
+statistics-table: TABLE
+interfaces:INTERFACES
+vrfs:
+  - { name: red, id: 1 }
+  - { name: blue, id: 2 }
+trackers:
+  - name: ft1
+    id: 7
+    active-interval: ACTIVE
+    inactive-timeout: 15s
+    templates:
+      - id: 260
+        fields:
+          - { element: sourceIPv4Address, key: true }
+          - { element: destinationIPv4Address, key: true }
+          - { element: protocolIdentifier, key: true }
+          - packetDeltaCount
+      - id: 261
+        fields:
+          - { element: sourceIPv6Address, key: true }
+          - { element: destinationIPv6Address, key: true }
+          - octetDeltaCount
+    exporters:
+      - name: e1
+        vrf: VRF
+        source-ipv4: 127.0.0.1
+        source-ipv6: "::1"
+        dscp: DSCP
+        template-interval: TEMPLATES
+        collectors:
+)";
+      for (auto const& [key, value] :
+           {std::pair{"TABLE", table},
+            {"INTERFACES\n", interfaces == "kernel" ? " kernel\n" : "\n" + interfaces},
+            {"ACTIVE", activeInterval},
+            {"VRF", vrf},
+            {"DSCP", std::to_string(dscp)},
+            {"TEMPLATES", templateInterval}}) {
+         t.replace(t.find(key), std::string_view(key).size(), value);
+      }
+      return t + collectors + extraExporters;
    }
 };
 

@@ -182,14 +182,9 @@ TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
 
 // A collector taken out of the configuration takes its failures with it; the others keep theirs.
 TEST(CollectorHealthAgent, RemovedCollectorLeavesTheHealthTable) {
-   std::uint16_t deadPort = 0;
-   {
-      LoopbackCollector gone(false);
-      deadPort = gone.port();
-   }
    LoopbackCollector live(false);
    ConfigText cfg;
-   std::string const dead = "127.0.0.1:" + std::to_string(deadPort);
+   std::string const dead = "127.0.0.1:" + std::to_string(LoopbackCollector::unusedPort(false));
    cfg.collectors = v4Collector("live", live) + "          dead: " + dead + "\n";
    AgentProcess agent(cfg.text());
    auto deadFailures = [&]() -> std::uint64_t {

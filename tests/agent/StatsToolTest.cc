@@ -228,19 +228,12 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
    EXPECT_EQ(agent->stop(), 0) << agent->log();
 }
 
-// A port on loopback that nobody listens on.
-std::uint16_t deadPort(bool v6) {
-   LoopbackCollector gone(v6);
-   return gone.port();
-}
-
 // A collector without a listener: the ICMP port unreachable that comes back is counted as
 // "connection refused" against that collector alone, and shown by every view: the table, JSON,
 // Prometheus and the agent's status. Clearing the collector clears its failures.
 TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilCleared) {
-   std::uint16_t const dead4 = deadPort(false), dead6 = deadPort(true);
-   std::string const d4 = "127.0.0.1:" + std::to_string(dead4);
-   std::string const d6 = "[::1]:" + std::to_string(dead6);
+   std::string const d4 = "127.0.0.1:" + std::to_string(LoopbackCollector::unusedPort(false));
+   std::string const d6 = "[::1]:" + std::to_string(LoopbackCollector::unusedPort(true));
    start({}, "          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
    json all;
    auto refused = [&](std::string const& c) -> std::uint64_t {
