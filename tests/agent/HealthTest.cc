@@ -93,15 +93,6 @@ TEST(CollectorHealth, TableCountsRetainsAndClearsWhatTheRequestNames) {
    EXPECT_EQ(table.size(), 0u);
 }
 
-TEST(CollectorHealth, ReaderOfAnAgentWithoutHealthTableGetsEnoent) {
-   try {
-      Agent::CollectorHealthReader reader("/ipfix-health-test-none-" + uniqueSuffix());
-      FAIL() << "opened a table that does not exist";
-   } catch (Kivo::ErrnoException const& e) {
-      EXPECT_EQ(e.error(), ENOENT);
-   }
-}
-
 // The monitor finds the exporter by its module and the collector by the destination; failures
 // of modules it does not know, or to addresses that are not the exporter's collectors, are not
 // counted.
