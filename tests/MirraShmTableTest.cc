@@ -467,15 +467,6 @@ TEST_F(MirraShmTable, ForkedReaderNeverSeesATornEntry) {
 
 namespace {
 
-// The mode bits of a shared-memory object.
-unsigned modeOf(std::string const& name) {
-   int const fd = shm_open(name.c_str(), O_RDONLY, 0);
-   struct stat st {};
-   fstat(fd, &st);
-   close(fd);
-   return st.st_mode & 07777;
-}
-
 // Runs `fn(fd)` on a descriptor of the object `name` opened read-write.
 template <class F>
 void withFd(std::string const& name, F fn) {
@@ -483,6 +474,13 @@ void withFd(std::string const& name, F fn) {
    ASSERT_GE(fd, 0) << name;
    fn(fd);
    close(fd);
+}
+
+// The mode bits of a shared-memory object.
+unsigned modeOf(std::string const& name) {
+   struct stat st {};
+   withFd(name, [&](int fd) { fstat(fd, &st); });
+   return st.st_mode & 07777;
 }
 
 // Leaves the table of a writer that is gone: a child creates it and is killed, never closing it.
@@ -499,9 +497,7 @@ pid_t killedWritersTable(std::string const& name) {
    close(ready[0]);
    close(ready[1]);
    kill(child, SIGKILL);
-   int status = 0;
-   EXPECT_EQ(waitpid(child, &status, 0), child);
-   EXPECT_TRUE(WIFSIGNALED(status));
+   EXPECT_EQ(exitCodeOf(child), -1);  // killed
    return child;
 }
 

@@ -21,17 +21,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The datagrams as a capture of loopback traffic to `dstPort`.
-std::vector<Datagram> datagrams(std::vector<Received> const& rs, bool v6, std::uint16_t dstPort) {
-   std::string const lo = v6 ? "::1" : "127.0.0.1";
-   std::vector<Datagram> ds;
-   for (auto const& r : rs) {
-      ds.push_back(
-          {.payload = r.payload, .src = lo, .dst = lo, .srcPort = r.srcPort, .dstPort = dstPort});
-   }
-   return ds;
-}
-
 class AgentEndToEnd : public ::testing::Test {
  protected:
    void SetUp() override {
@@ -109,10 +98,15 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
    for (auto const& [field, values] : want) {
       fields.push_back(field);
    }
-   for (auto [rs, v6, port] :
-        {std::tuple{&r4, false, c4.port()}, std::tuple{&r6, true, c6.port()}}) {
+   for (auto [rs, lo, port] :
+        {std::tuple{&r4, "127.0.0.1", c4.port()}, std::tuple{&r6, "::1", c6.port()}}) {
+      std::vector<Datagram> ds;
+      for (auto const& r : *rs) {
+         ds.push_back(
+             {.payload = r.payload, .src = lo, .dst = lo, .srcPort = r.srcPort, .dstPort = port});
+      }
       TempFile capture("agent.pcap");
-      writePcap(capture.path(), datagrams(*rs, v6, port));
+      writePcap(capture.path(), ds);
       auto const t = runTshark(capture.path(), fields, port);
       ASSERT_TRUE(t.ok()) << t.describe();
       for (auto const& [field, values] : want) {
