@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,8 +21,11 @@
 #include <string_view>
 
 #include "Mirra/ShmTable.h"
+#include "support/Command.h"
 
 using namespace Mirra;
+using testsupport::exitCodeOf;
+using testsupport::inChild;
 using Ids = std::set<std::uint32_t>;
 
 namespace {
@@ -152,23 +154,6 @@ std::shared_ptr<T> sharedWithChildren() {
    void* p = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
    EXPECT_NE(p, MAP_FAILED);
    return {new (p) T, [](T* t) { munmap(t, sizeof(T)); }};
-}
-
-// Forks a child that exits with what `fn` returns, or dies of SIGALRM after 60 s if it hangs.
-template <class F>
-pid_t inChild(F fn) {
-   pid_t const child = fork();
-   if (child == 0) {
-      alarm(60);
-      _exit(fn());
-   }
-   return child;
-}
-
-// The exit code of `child`, or -1 when it did not exit by itself.
-int exitCodeOf(pid_t child) {
-   int status = 0;
-   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 struct MirraShmTable : ::testing::Test {

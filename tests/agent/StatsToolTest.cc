@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -48,9 +47,8 @@ Counted count(std::vector<Received> const& rs) {
 
 class StatsTool : public ::testing::Test {
  protected:
-   void start(std::string const& extraExporters = {}, std::string const& extraCollectors = {}) {
+   void start(std::string const& extraCollectors = {}) {
       cfg.collectors = v4Collector("c4", c4) + v6Collector("c6", c6) + extraCollectors;
-      cfg.extraExporters = extraExporters;
       agent = std::make_unique<AgentProcess>(cfg.text());
       ASSERT_TRUE(receiveComplete({{&c4, &r4}, {&c6, &r6}}, 5s)) << agent->log();
    }
@@ -208,17 +206,10 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
       EXPECT_EQ(r.back()["trackers"][0]["exporters"][0]["ipv4"]["ready"], true) << r.back();
    }
    // Another user cannot even connect (the socket is its owner's alone).
-   pid_t const pid = fork();
-   if (pid == 0) {
-      if (setgid(65534) != 0 || setuid(65534) != 0) {
-         _exit(2);
-      }
-      Client c(path);
-      _exit(c.connected ? 1 : 0);
-   }
-   int status = 0;
-   waitpid(pid, &status, 0);
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+   pid_t const other = inChild([&] {
+      return setgid(65534) != 0 || setuid(65534) != 0 ? 2 : Client(path).connected ? 1 : 0;
+   });
+   EXPECT_EQ(exitCodeOf(other), 0) << "1: connected, 2: could not change user";
 
    // Through all of it the collectors kept getting their templates.
    std::vector<Received> later;
@@ -234,7 +225,7 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
 TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilCleared) {
    std::string const d4 = "127.0.0.1:" + std::to_string(LoopbackCollector::unusedPort(false));
    std::string const d6 = "[::1]:" + std::to_string(LoopbackCollector::unusedPort(true));
-   start({}, "          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
+   start("          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
    json all;
    auto refused = [&](std::string const& c) -> std::uint64_t {
       json const* e = find(all, c);

@@ -63,6 +63,11 @@ CommandResult runCommand(std::vector<std::string> argv, std::chrono::millisecond
    return r;
 }
 
+int exitCodeOf(pid_t child) {
+   int status = 0;
+   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 std::string CommandResult::describe() const {
    std::string s;
    for (std::string const& a : argv) {
