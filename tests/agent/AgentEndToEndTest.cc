@@ -21,16 +21,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class AgentEndToEnd : public ::testing::Test {
- protected:
-   void SetUp() override {
-      if (!tsharkAvailable()) {
-         GTEST_FAIL() << "tshark is required (scripts/setup installs it)";
-      }
-   }
-};
-
-TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) {
+TEST(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) {
+   ASSERT_TRUE(tsharkAvailable()) << "tshark is required (scripts/setup installs it)";
    LoopbackCollector c4(false), c6(true);
    ConfigText cfg;
    cfg.collectors = v4Collector("c4", c4) + v6Collector("c6", c6);
@@ -134,7 +126,7 @@ TEST_F(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) 
    }
 }
 
-TEST_F(AgentEndToEnd, CheckPrintsTheEffectiveConfigurationOrTheErrorsWithTheirPosition) {
+TEST(AgentEndToEnd, CheckPrintsTheEffectiveConfigurationOrTheErrorsWithTheirPosition) {
    LoopbackCollector c4(false);
    ConfigText cfg;
    cfg.collectors = v4Collector("c4", c4);
@@ -157,7 +149,7 @@ TEST_F(AgentEndToEnd, CheckPrintsTheEffectiveConfigurationOrTheErrorsWithTheirPo
 }
 
 // Reloads, each a script against the running agent: what the collectors see after each edit.
-class AgentReload : public AgentEndToEnd {
+class AgentReload : public ::testing::Test {
  protected:
    void startAgent() {
       cfg.collectors = v4Collector("c4", c4);
@@ -290,12 +282,8 @@ TEST_F(AgentReload, RemovedExporterStopsSendingOnSighup) {
 }
 
 // Namespaces: the exporter's VRF lives in "ns-<vrf>", which the tests make and remove.
-class AgentNetNs : public AgentEndToEnd {
+class AgentNetNs : public ::testing::Test {
  protected:
-   void SetUp() override {
-      AgentEndToEnd::SetUp();
-      vrf = "t" + std::to_string(getpid() % 100000);
-   }
    std::unique_ptr<NetNs> makeNs() {
       std::string why;
       auto ns = NetNs::create("ns-" + vrf, &why);
@@ -304,7 +292,7 @@ class AgentNetNs : public AgentEndToEnd {
       }
       return ns;
    }
-   std::string vrf;
+   std::string const vrf = "t" + std::to_string(getpid() % 100000);
 };
 
 TEST_F(AgentNetNs, NamespaceCreatedLateThenRecreatedBringsTheExporterBack) {
