@@ -24,19 +24,14 @@ TsharkResult::Values split(std::string const& text, char sep) {
 
 }  // namespace
 
-TsharkResult::Values TsharkResult::at(std::size_t packet, std::string const& field) const {
+TsharkResult::Values TsharkResult::all(std::string const& field) const {
    auto const col = std::size_t(std::find(fields.begin(), fields.end(), field) - fields.begin());
    if (col == fields.size()) {
       throw std::out_of_range("field " + field + " was not requested from tshark");
    }
-   return packet < rows.size() ? rows[packet][col] : Values{};
-}
-
-TsharkResult::Values TsharkResult::all(std::string const& field) const {
-   Values values = at(0, field);  // checks `field` even when there are no packets
-   for (std::size_t p = 1; p < rows.size(); ++p) {
-      Values const v = at(p, field);
-      values.insert(values.end(), v.begin(), v.end());
+   Values values;
+   for (auto const& row : rows) {
+      values.insert(values.end(), row[col].begin(), row[col].end());
    }
    return values;
 }

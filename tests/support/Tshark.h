@@ -17,9 +17,9 @@ struct TsharkResult : CommandResult {
    std::vector<std::vector<Values>> rows;
    std::vector<std::string> fields;  // requested, one column each
 
-   // Values of `field` in packet `packet` (0-based); std::out_of_range for unrequested fields.
-   Values at(std::size_t packet, std::string const& field) const;
-   Values all(std::string const& field) const;  // over all packets, packet by packet
+   // Values of `field` over all packets, packet by packet; std::out_of_range for unrequested
+   // fields.
+   Values all(std::string const& field) const;
 };
 
 bool tsharkAvailable();  // a working tshark is on PATH (checked once per process)
