@@ -556,12 +556,10 @@ TEST_F(MirraShmTable, SegmentsOfAnotherUserOrWritableByOthersAreRefused) {
    chown(w.dataSegmentName(), 0);
 
    for (std::string const& segment : {name, std::string(w.dataSegmentName())}) {
-      for (mode_t const mode : {0666, 0620}) {
+      for (auto [mode, octal] : {std::pair{0666, "0666"}, {0620, "0620"}}) {
          withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, mode), 0); });
-         char text[64];
-         std::snprintf(text, sizeof(text), "writable by users other than its owner (mode 0%o)",
-                       mode);
-         expectRefused([&] { Reader r(name); }, text);
+         expectRefused([&] { Reader r(name); },
+                       std::string("writable by users other than its owner (mode ") + octal + ")");
       }
       withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, 0644), 0); });
    }
