@@ -148,9 +148,8 @@ TEST(KivoSignal, ThrowingObserverIsTracedAndTheOthersStillRun) {
    EXPECT_NO_THROW(e->x.is(2));
    EXPECT_EQ(calls, (Log{"before", "thrower", "victim", "after", "before", "thrower", "after"}));
    EXPECT_EQ(e->x.signal().observers(), 3u);
-   EXPECT_EQ(Snaplog::lines(),
-             (std::vector<std::string>{"Caught exception in observer of x: handler failed 1",
-                                       "Caught exception in observer of x: handler failed 2"}));
+   EXPECT_EQ(Snaplog::lines(), (Log{"Caught exception in observer of x: handler failed 1",
+                                    "Caught exception in observer of x: handler failed 2"}));
 }
 
 // A collection keeps notifying key after key while one observer throws on each, and a thrower
@@ -179,8 +178,7 @@ TEST(KivoSignal, ThrowingObserverDoesNotStopDelAllOrOutliveTheEntity) {
    Snaplog::clear();
    raw->x.is(1);
    EXPECT_EQ(later, 0);
-   EXPECT_EQ(Snaplog::lines(),
-             (std::vector<std::string>{"Caught exception in observer of x: gone"}));
+   EXPECT_EQ(Snaplog::lines(), (Log{"Caught exception in observer of x: gone"}));
 }
 
 // Only std::exception is the observers' business; anything else passes through, and an assertion

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,8 +21,11 @@
 #include <string_view>
 
 #include "Mirra/ShmTable.h"
+#include "support/Command.h"
 
 using namespace Mirra;
+using testsupport::exitCodeOf;
+using testsupport::inChild;
 using Ids = std::set<std::uint32_t>;
 
 namespace {
@@ -152,23 +154,6 @@ std::shared_ptr<T> sharedWithChildren() {
    void* p = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
    EXPECT_NE(p, MAP_FAILED);
    return {new (p) T, [](T* t) { munmap(t, sizeof(T)); }};
-}
-
-// Forks a child that exits with what `fn` returns, or dies of SIGALRM after 60 s if it hangs.
-template <class F>
-pid_t inChild(F fn) {
-   pid_t const child = fork();
-   if (child == 0) {
-      alarm(60);
-      _exit(fn());
-   }
-   return child;
-}
-
-// The exit code of `child`, or -1 when it did not exit by itself.
-int exitCodeOf(pid_t child) {
-   int status = 0;
-   return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 struct MirraShmTable : ::testing::Test {
@@ -467,15 +452,6 @@ TEST_F(MirraShmTable, ForkedReaderNeverSeesATornEntry) {
 
 namespace {
 
-// The mode bits of a shared-memory object.
-unsigned modeOf(std::string const& name) {
-   int const fd = shm_open(name.c_str(), O_RDONLY, 0);
-   struct stat st {};
-   fstat(fd, &st);
-   close(fd);
-   return st.st_mode & 07777;
-}
-
 // Runs `fn(fd)` on a descriptor of the object `name` opened read-write.
 template <class F>
 void withFd(std::string const& name, F fn) {
@@ -483,6 +459,13 @@ void withFd(std::string const& name, F fn) {
    ASSERT_GE(fd, 0) << name;
    fn(fd);
    close(fd);
+}
+
+// The mode bits of a shared-memory object.
+unsigned modeOf(std::string const& name) {
+   struct stat st {};
+   withFd(name, [&](int fd) { fstat(fd, &st); });
+   return st.st_mode & 07777;
 }
 
 // Leaves the table of a writer that is gone: a child creates it and is killed, never closing it.
@@ -499,9 +482,7 @@ pid_t killedWritersTable(std::string const& name) {
    close(ready[0]);
    close(ready[1]);
    kill(child, SIGKILL);
-   int status = 0;
-   EXPECT_EQ(waitpid(child, &status, 0), child);
-   EXPECT_TRUE(WIFSIGNALED(status));
+   EXPECT_EQ(exitCodeOf(child), -1);  // killed
    return child;
 }
 
@@ -575,12 +556,10 @@ TEST_F(MirraShmTable, SegmentsOfAnotherUserOrWritableByOthersAreRefused) {
    chown(w.dataSegmentName(), 0);
 
    for (std::string const& segment : {name, std::string(w.dataSegmentName())}) {
-      for (mode_t const mode : {0666, 0620}) {
+      for (auto [mode, octal] : {std::pair{0666, "0666"}, {0620, "0620"}}) {
          withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, mode), 0); });
-         char text[64];
-         std::snprintf(text, sizeof(text), "writable by users other than its owner (mode 0%o)",
-                       mode);
-         expectRefused([&] { Reader r(name); }, text);
+         expectRefused([&] { Reader r(name); },
+                       std::string("writable by users other than its owner (mode ") + octal + ")");
       }
       withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, 0644), 0); });
    }

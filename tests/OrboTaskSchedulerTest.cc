@@ -158,9 +158,8 @@ TEST_F(OrboTaskScheduler, ThrowingTaskIsTracedAndThePassAndLaterPassesGoOn) {
    EXPECT_TRUE(sched->runFor(*clock, 10));
    EXPECT_EQ(log, (Log{"first", "thrower", "other", "thrower", "other", "other"}));
    EXPECT_FALSE(thrower->scheduled());
-   EXPECT_EQ(Snaplog::lines(),
-             (std::vector<std::string>{"Caught exception in task thrower: bad state 1",
-                                       "Caught exception in task thrower: bad state 2"}));
+   EXPECT_EQ(Snaplog::lines(), (Log{"Caught exception in task thrower: bad state 1",
+                                    "Caught exception in task thrower: bad state 2"}));
 }
 
 TEST_F(OrboTaskScheduler, RunForStopsAtEachTimerInOrderAndEndsAtTheTarget) {
@@ -214,11 +213,10 @@ TEST(OrboEventLoop, ThrowingDescriptorHandlerOrTaskDoesNotStopTheLoop) {
    }
    EXPECT_EQ(log, (Log{"fd:x", "task", "fd:y", "task"}));
    std::string const fd = std::to_string(fds[0]);
-   EXPECT_EQ(
-       Snaplog::lines(),
-       (std::vector<std::string>{"Caught exception in handler of fd " + fd + ": fd handler failed",
-                                 "Caught exception in task loopTask: task failed",
-                                 "Caught exception in task loopTask: task failed"}));
+   EXPECT_EQ(Snaplog::lines(),
+             (Log{"Caught exception in handler of fd " + fd + ": fd handler failed",
+                  "Caught exception in task loopTask: task failed",
+                  "Caught exception in task loopTask: task failed"}));
    loop.fdDel(fds[0]);
    close(fds[0]), close(fds[1]);
 }

@@ -17,96 +17,45 @@ extern char** environ;
 
 namespace testsupport {
 
-namespace {
+using namespace std::chrono_literals;
 
-std::string readFile(std::string const& path) {
-   std::ifstream in(path);
-   std::stringstream ss;
-   ss << in.rdbuf();
-   return ss.str();
-}
+namespace {
 
 void writeFile(std::string const& path, std::string const& text) {
    std::ofstream out(path, std::ios::trunc);
-   out << text;
-   if (!out) {
+   if (!(out << text)) {
       throw std::runtime_error("cannot write " + path);
    }
 }
 
-pid_t spawn(std::vector<std::string> const& argv, std::string const& outPath,
-            std::string const& errPath) {
-   posix_spawn_file_actions_t fa;
-   posix_spawn_file_actions_init(&fa);
-   posix_spawn_file_actions_addopen(&fa, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-   posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, outPath.c_str(),
-                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
-   posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, errPath.c_str(),
-                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
-   std::vector<char*> args;
-   for (auto const& a : argv) {
-      args.push_back(const_cast<char*>(a.c_str()));
-   }
-   args.push_back(nullptr);
-   pid_t pid = -1;
-   int const rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
-   posix_spawn_file_actions_destroy(&fa);
-   if (rc != 0) {
-      throw std::runtime_error("cannot start " + argv[0]);
-   }
-   return pid;
-}
-
-// Waits for `pid` up to `timeout`; kills it after that. Returns the exit status, or -1.
-int waitFor(pid_t pid, std::chrono::milliseconds timeout) {
-   auto const deadline = std::chrono::steady_clock::now() + timeout;
-   for (;;) {
-      int status = 0;
-      pid_t const r = waitpid(pid, &status, WNOHANG);
-      if (r == pid) {
-         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-      }
-      if (std::chrono::steady_clock::now() > deadline) {
-         kill(pid, SIGKILL);
-         waitpid(pid, &status, 0);
-         return -1;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-   }
-}
-
-std::size_t occurrences(std::string const& text, std::string const& what) {
-   std::size_t n = 0;
-   for (auto pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) {
-      ++n;
-   }
-   return n;
-}
-
 }  // namespace
-
-std::string agentBinary() {
-#ifdef IPFIX_AGENT_BIN
-   return IPFIX_AGENT_BIN;
-#else
-   return "ipfix-agent";
-#endif
-}
 
 AgentProcess::AgentProcess(std::string const& config, std::vector<std::string> prefix)
     : configPath_(tempPath("agent.yaml")), logPath_(tempPath("agent.log")) {
    writeFile(configPath_, config);
-   prefix.push_back(agentBinary());
-   prefix.push_back("-c");
-   prefix.push_back(configPath_);
-   pid_ = spawn(prefix, "/dev/null", logPath_);
+   prefix.insert(prefix.end(), {agentBinary(), "-c", configPath_});
+   std::vector<char*> args;
+   for (auto& a : prefix) {
+      args.push_back(a.data());
+   }
+   args.push_back(nullptr);
+   posix_spawn_file_actions_t fa;
+   posix_spawn_file_actions_init(&fa);
+   posix_spawn_file_actions_addopen(&fa, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+   posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+   posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, logPath_.c_str(),
+                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
+   int const rc = posix_spawnp(&pid_, args[0], &fa, nullptr, args.data(), environ);
+   posix_spawn_file_actions_destroy(&fa);
+   if (rc != 0) {
+      throw std::runtime_error("cannot start " + prefix[0]);
+   }
 }
 
 AgentProcess::~AgentProcess() {
    if (pid_ > 0) {
       kill(pid_, SIGKILL);
-      int status = 0;
-      waitpid(pid_, &status, 0);
+      waitpid(pid_, nullptr, 0);
    }
    std::remove(configPath_.c_str());
    std::remove(logPath_.c_str());
@@ -126,41 +75,43 @@ void AgentProcess::signal(int signo) const {
 
 int AgentProcess::stop() {
    kill(pid_, SIGTERM);
-   int const status = waitFor(pid_, std::chrono::seconds(10));
+   int status = 0;
+   auto const deadline = std::chrono::steady_clock::now() + 10s;
+   while (waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+         kill(pid_, SIGKILL);
+         waitpid(pid_, &status, 0);
+         break;
+      }
+      std::this_thread::sleep_for(10ms);
+   }
    pid_ = -1;
-   return status;
+   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string AgentProcess::log() const {
-   return readFile(logPath_);
+   std::stringstream ss;
+   ss << std::ifstream(logPath_).rdbuf();
+   return ss.str();
 }
 
 bool AgentProcess::waitForLog(std::string const& text, std::chrono::milliseconds timeout,
                               std::size_t count) const {
    auto const deadline = std::chrono::steady_clock::now() + timeout;
-   while (occurrences(log(), text) < count) {
+   for (;;) {
+      std::string const l = log();
+      std::size_t n = 0;
+      for (auto at = l.find(text); at != std::string::npos; at = l.find(text, at + 1)) {
+         ++n;
+      }
+      if (n >= count) {
+         return true;
+      }
       if (std::chrono::steady_clock::now() > deadline) {
          return false;
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      std::this_thread::sleep_for(20ms);
    }
-   return true;
-}
-
-int runProgram(std::vector<std::string> const& argv, std::string* out, std::string* err,
-               std::chrono::milliseconds timeout) {
-   std::string const outPath = tempPath("prog.out");
-   std::string const errPath = tempPath("prog.err");
-   int const status = waitFor(spawn(argv, outPath, errPath), timeout);
-   if (out) {
-      *out = readFile(outPath);
-   }
-   if (err) {
-      *err = readFile(errPath);
-   }
-   std::remove(outPath.c_str());
-   std::remove(errPath.c_str());
-   return status;
 }
 
 bool receiveUntil(std::vector<std::pair<LoopbackCollector*, std::vector<Received>*>> const& from,
@@ -177,6 +128,14 @@ bool receiveUntil(std::vector<std::pair<LoopbackCollector*, std::vector<Received
       }
    }
    return true;
+}
+
+std::vector<Received> receiveFor(LoopbackCollector& c, std::chrono::milliseconds window) {
+   std::vector<Received> rs;
+   auto const deadline = std::chrono::steady_clock::now() + window;
+   receiveUntil(
+       {{&c, &rs}}, [&] { return std::chrono::steady_clock::now() > deadline; }, window + 1s);
+   return rs;
 }
 
 }  // namespace testsupport

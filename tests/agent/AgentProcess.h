@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Command.h"
 #include "support/LoopbackCollector.h"
 
 namespace testsupport {
@@ -41,15 +42,20 @@ class AgentProcess {
    pid_t pid_ = -1;
 };
 
-// The path of the agent binary (built beside the tests).
-std::string agentBinary();
-
-// Runs a program to completion with stdout and stderr captured; returns the exit status.
-int runProgram(std::vector<std::string> const& argv, std::string* out, std::string* err,
-               std::chrono::milliseconds timeout = std::chrono::seconds(30));
+// The programs under test, built beside the tests.
+inline std::string agentBinary() {
+   return IPFIX_AGENT_BIN;
+}
+// ipfix-stats --table `table` `args`...
+inline CommandResult statsTool(std::string const& table, std::vector<std::string> args) {
+   args.insert(args.begin(), {IPFIX_STATS_BIN, "--table", table});
+   return runCommand(std::move(args));
+}
 
 // Collects datagrams from collectors until `done` says so or `timeout` passes; returns done().
 bool receiveUntil(std::vector<std::pair<LoopbackCollector*, std::vector<Received>*>> const& from,
                   std::function<bool()> const& done, std::chrono::milliseconds timeout);
+// Datagrams received by `c` within `window`.
+std::vector<Received> receiveFor(LoopbackCollector& c, std::chrono::milliseconds window);
 
 }  // namespace testsupport

@@ -3,10 +3,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "agent/AgentProcess.h"
 #include "support/IpfixDecoder.h"
 #include "support/LoopbackCollector.h"
 
@@ -33,49 +35,49 @@ struct ConfigText {
    std::string activeInterval = "2s";
 
    std::string text() const {
-      std::string interfacesBlock =
-          interfaces == "kernel" ? "interfaces: kernel\n" : "interfaces:\n" + interfaces;
-      return "type: sampled\n"
-             "sample-rate: 1000\n"
-             "statistics-table: " +
-             table + "\n" + interfacesBlock +
-             "vrfs:\n"
-             "  - { name: red, id: 1 }\n"
-             "  - { name: blue, id: 2 }\n"
-             "trackers:\n"
-             "  - name: ft1\n"
-             "    id: 7\n"
-             "    active-interval: " +
-             activeInterval +
-             "\n"
-             "    inactive-timeout: 15s\n"
-             "    templates:\n"
-             "      - id: 260\n"
-             "        fields:\n"
-             "          - { element: sourceIPv4Address, key: true }\n"
-             "          - { element: destinationIPv4Address, key: true }\n"
-             "          - { element: protocolIdentifier, key: true }\n"
-             "          - packetDeltaCount\n"
-             "      - id: 261\n"
-             "        fields:\n"
-             "          - { element: sourceIPv6Address, key: true }\n"
-             "          - { element: destinationIPv6Address, key: true }\n"
-             "          - octetDeltaCount\n"
-             "    exporters:\n"
-             "      - name: e1\n"
-             "        vrf: " +
-             vrf +
-             "\n"
-             "        source-ipv4: 127.0.0.1\n"
-             "        source-ipv6: \"::1\"\n"
-             "        dscp: " +
-             std::to_string(dscp) +
-             "\n"
-             "        template-interval: " +
-             templateInterval +
-             "\n"
-             "        collectors:\n" +
-             collectors + extraExporters;
+      std::string t = R"(type: sampled
+sample-rate: 1000
+statistics-table: TABLE
+interfaces:INTERFACES
+vrfs:
+  - { name: red, id: 1 }
+  - { name: blue, id: 2 }
+trackers:
+  - name: ft1
+    id: 7
+    active-interval: ACTIVE
+    inactive-timeout: 15s
+    templates:
+      - id: 260
+        fields:
+          - { element: sourceIPv4Address, key: true }
+          - { element: destinationIPv4Address, key: true }
+          - { element: protocolIdentifier, key: true }
+          - packetDeltaCount
+      - id: 261
+        fields:
+          - { element: sourceIPv6Address, key: true }
+          - { element: destinationIPv6Address, key: true }
+          - octetDeltaCount
+    exporters:
+      - name: e1
+        vrf: VRF
+        source-ipv4: 127.0.0.1
+        source-ipv6: "::1"
+        dscp: DSCP
+        template-interval: TEMPLATES
+        collectors:
+)";
+      for (auto const& [key, value] :
+           {std::pair{"TABLE", table},
+            {"INTERFACES\n", interfaces == "kernel" ? " kernel\n" : "\n" + interfaces},
+            {"ACTIVE", activeInterval},
+            {"VRF", vrf},
+            {"DSCP", std::to_string(dscp)},
+            {"TEMPLATES", templateInterval}}) {
+         t.replace(t.find(key), std::string_view(key).size(), value);
+      }
+      return t + collectors + extraExporters;
    }
 };
 
@@ -86,6 +88,8 @@ inline std::string v4Collector(std::string const& name, LoopbackCollector const&
 inline std::string v6Collector(std::string const& name, LoopbackCollector const& c) {
    return "          " + name + ": \"[::1]:" + std::to_string(c.port()) + "\"\n";
 }
+
+using Tables = std::vector<std::vector<std::string>>;
 
 // What one collector got, decoded in order.
 struct Stream {
@@ -115,18 +119,27 @@ struct Stream {
       }
       return ids;
    }
-   // Text of the records' last field in the data sets of `setId` (names of the tables).
-   std::vector<std::string> names(std::uint16_t setId) const {
-      std::vector<std::string> out;
-      for (auto const& m : messages) {
-         for (auto const& s : m.sets) {
+   // The names (the records' second field) in each data set `setId`, one list per set, from
+   // message `from` on.
+   Tables tables(std::uint16_t setId, std::size_t from = 0) const {
+      Tables out;
+      for (std::size_t i = from; i < messages.size(); ++i) {
+         for (auto const& s : messages[i].sets) {
             if (s.id == setId) {
+               out.emplace_back();
                for (auto const& r : s.records) {
-                  out.push_back(fieldText(r.fields.at(1)));
+                  out.back().push_back(fieldText(r.fields.at(1)));
                }
             }
          }
       }
+      return out;
+   }
+   // Those of one record: updates rather than whole tables.
+   Tables updates(std::uint16_t setId, std::size_t from = 0) const {
+      Tables out;
+      std::ranges::copy_if(tables(setId, from), std::back_inserter(out),
+                           [](auto const& t) { return t.size() == 1; });
       return out;
    }
 };
@@ -137,6 +150,22 @@ inline bool complete(Stream const& s) {
    std::set<std::uint16_t> const want = {2, 3, 256, 257, 258, 259};
    auto const got = s.setIds();
    return std::includes(got.begin(), got.end(), want.begin(), want.end());
+}
+
+// Receives until what each collector got is complete; false on timeout.
+inline bool receiveComplete(
+    std::vector<std::pair<LoopbackCollector*, std::vector<Received>*>> const& from,
+    std::chrono::milliseconds timeout) {
+   return receiveUntil(
+       from,
+       [&] {
+          return std::ranges::all_of(from, [](auto const& f) {
+             Stream s;
+             s.add(*f.second);
+             return complete(s);
+          });
+       },
+       timeout);
 }
 
 }  // namespace testsupport

@@ -404,17 +404,13 @@ TEST(ConfigLoader, TemplatesOverOneMessageAreRefused) {
        edited(goodText, "          - flowTrackingType\n", "          - flowTrackingType\n" + wide);
    auto const r = loadConfigText(text, "wide.yaml");
    EXPECT_FALSE(r.config);
-   bool found = false;
-   for (auto const& e : r.errors) {
-      if (e.message ==
-          "templates: together they take 65640 octets, over the 65515 that one template message "
-          "can carry") {
-         found = true;
-         EXPECT_EQ(std::to_string(e.line) + ":" + std::to_string(e.column),
-                   positionOf(text, "- id: 260"));
-      }
-   }
-   EXPECT_TRUE(found) << errorsText(r).substr(0, 2000);
+   auto const e = std::ranges::find(r.errors,
+                                    "templates: together they take 65640 octets, over the 65515 "
+                                    "that one template message can carry",
+                                    &ConfigError::message);
+   ASSERT_NE(e, r.errors.end()) << errorsText(r).substr(0, 2000);
+   EXPECT_EQ(std::to_string(e->line) + ":" + std::to_string(e->column),
+             positionOf(text, "- id: 260"));
 }
 
 TEST(ConfigLoader, UnusableInputIsOneErrorWithoutConfig) {

@@ -93,15 +93,6 @@ TEST(CollectorHealth, TableCountsRetainsAndClearsWhatTheRequestNames) {
    EXPECT_EQ(table.size(), 0u);
 }
 
-TEST(CollectorHealth, ReaderOfAnAgentWithoutHealthTableGetsEnoent) {
-   try {
-      Agent::CollectorHealthReader reader("/ipfix-health-test-none-" + uniqueSuffix());
-      FAIL() << "opened a table that does not exist";
-   } catch (Kivo::ErrnoException const& e) {
-      EXPECT_EQ(e.error(), ENOENT);
-   }
-}
-
 // The monitor finds the exporter by its module and the collector by the destination; failures
 // of modules it does not know, or to addresses that are not the exporter's collectors, are not
 // counted.
@@ -162,39 +153,29 @@ TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
    cfg.collectors = "          far: " + collector + "\n";
    AgentProcess agent(cfg.text());
    json entry;
-   for (int i = 0; i < 100; ++i) {
-      std::string out, err;
-      if (runProgram({IPFIX_STATS_BIN, "--table", cfg.table, "show", "--json"}, &out, &err) == 0) {
-         for (auto const& e : json::parse(out)) {
-            if (e["collector"] == collector && e["failures"]["unreachable"] > 0) {
-               entry = e;
-            }
+   for (int i = 0; i < 100 && entry.is_null(); ++i) {
+      std::this_thread::sleep_for(50ms);
+      auto const r = statsTool(cfg.table, {"show", "--json"});
+      for (auto const& e : r.ok() ? json::parse(r.out) : json::array()) {
+         if (e["collector"] == collector && e["failures"]["unreachable"] > 0) {
+            entry = e;
          }
       }
-      if (!entry.is_null()) {
-         break;
-      }
-      std::this_thread::sleep_for(50ms);
    }
    ASSERT_FALSE(entry.is_null()) << agent.log();
    EXPECT_EQ(entry["failures"]["total"], entry["failures"]["unreachable"]) << entry;
    EXPECT_EQ(entry["failures"]["lastFailureText"], std::strerror(ENETUNREACH)) << entry;
-   std::string out, err;
-   ASSERT_EQ(runProgram({IPFIX_STATS_BIN, "--table", cfg.table, "show"}, &out, &err), 0) << err;
-   EXPECT_NE(out.find("    unreachable: "), std::string::npos) << out;
+   auto const shown = statsTool(cfg.table, {"show"});
+   ASSERT_EQ(shown.exitCode, 0) << shown.err;
+   EXPECT_NE(shown.out.find("    unreachable: "), std::string::npos) << shown.out;
    EXPECT_EQ(agent.stop(), 0) << agent.log();
 }
 
 // A collector taken out of the configuration takes its failures with it; the others keep theirs.
 TEST(CollectorHealthAgent, RemovedCollectorLeavesTheHealthTable) {
-   std::uint16_t deadPort = 0;
-   {
-      LoopbackCollector gone(false);
-      deadPort = gone.port();
-   }
    LoopbackCollector live(false);
    ConfigText cfg;
-   std::string const dead = "127.0.0.1:" + std::to_string(deadPort);
+   std::string const dead = "127.0.0.1:" + std::to_string(LoopbackCollector::unusedPort(false));
    cfg.collectors = v4Collector("live", live) + "          dead: " + dead + "\n";
    AgentProcess agent(cfg.text());
    auto deadFailures = [&]() -> std::uint64_t {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -22,18 +21,12 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-std::string statsBinary() {
-#ifdef IPFIX_STATS_BIN
-   return IPFIX_STATS_BIN;
-#else
-   return "ipfix-stats";
-#endif
-}
+using SetCounts = std::map<std::uint16_t, std::array<std::uint64_t, 2>>;  // records, templates
 
 // What one collector received, counted as the statistics table counts it.
 struct Counted {
    std::uint64_t messages = 0, records = 0, octets = 0;
-   std::map<std::uint16_t, std::uint64_t> setRecords, setTemplates;
+   SetCounts sets;
 };
 
 Counted count(std::vector<Received> const& rs) {
@@ -44,12 +37,9 @@ Counted count(std::vector<Received> const& rs) {
       ++c.messages;
       c.octets += r.payload.size();
       for (auto const& s : m.sets) {
-         if (s.id == 2 || s.id == 3) {
-            c.setTemplates[s.id] += s.templates.size();
-         } else {
-            c.setRecords[s.id] += s.records.size();
-            c.records += s.records.size();
-         }
+         bool const templates = s.id == 2 || s.id == 3;
+         c.sets[s.id][templates] += templates ? s.templates.size() : s.records.size();
+         c.records += templates ? 0 : s.records.size();
       }
    }
    return c;
@@ -57,28 +47,15 @@ Counted count(std::vector<Received> const& rs) {
 
 class StatsTool : public ::testing::Test {
  protected:
-   void start(std::string const& extraExporters = {}, std::string const& extraCollectors = {}) {
+   void start(std::string const& extraCollectors = {}) {
       cfg.collectors = v4Collector("c4", c4) + v6Collector("c6", c6) + extraCollectors;
-      cfg.extraExporters = extraExporters;
       agent = std::make_unique<AgentProcess>(cfg.text());
-      ASSERT_TRUE(receiveUntil(
-          {{&c4, &r4}, {&c6, &r6}},
-          [&] {
-             Stream a, b;
-             a.add(r4);
-             b.add(r6);
-             return complete(a) && complete(b);
-          },
-          5s))
-          << agent->log();
+      ASSERT_TRUE(receiveComplete({{&c4, &r4}, {&c6, &r6}}, 5s)) << agent->log();
    }
-   json stats(std::vector<std::string> args = {}) {
-      std::vector<std::string> argv = {statsBinary(), "--table", cfg.table, "show", "--json"};
-      argv.insert(argv.end(), args.begin(), args.end());
-      std::string out, err;
-      int const rc = runProgram(argv, &out, &err);
-      EXPECT_EQ(rc, 0) << err;
-      return json::parse(out);
+   json stats() {
+      auto const r = statsTool(cfg.table, {"show", "--json"});
+      EXPECT_EQ(r.exitCode, 0) << r.err;
+      return json::parse(r.out);
    }
    static json const* find(json const& all, std::string const& collector) {
       for (auto const& e : all) {
@@ -98,17 +75,15 @@ class StatsTool : public ::testing::Test {
 TEST_F(StatsTool, FiguresShownAgreeWithWhatTheCollectorsReceived) {
    start();
    // Compare in a quiet moment: nothing arrives between reading the table and draining again.
+   auto take = [](LoopbackCollector& c, std::vector<Received>& into, int timeoutMs) {
+      auto const got = c.drain(timeoutMs);
+      into.insert(into.end(), got.begin(), got.end());
+      return got.size();
+   };
    for (int attempt = 0; attempt < 20; ++attempt) {
-      for (auto const& r : c4.drain(50))
-         r4.push_back(r);
-      for (auto const& r : c6.drain(0))
-         r6.push_back(r);
+      take(c4, r4, 50), take(c6, r6, 0);
       json const all = stats();
-      auto late4 = c4.drain(30);
-      auto late6 = c6.drain(0);
-      if (!late4.empty() || !late6.empty()) {
-         r4.insert(r4.end(), late4.begin(), late4.end());
-         r6.insert(r6.end(), late6.begin(), late6.end());
+      if (take(c4, r4, 30) + take(c6, r6, 0) > 0) {
          continue;
       }
       for (auto [rs, name] : {std::pair{&r4, c4.ipAndPort().toString()},
@@ -121,13 +96,11 @@ TEST_F(StatsTool, FiguresShownAgreeWithWhatTheCollectorsReceived) {
          EXPECT_EQ((*e)["messages"], want.messages);
          EXPECT_EQ((*e)["octets"], want.octets);
          EXPECT_EQ((*e)["records"], want.records);
+         SetCounts sets;
          for (auto const& s : (*e)["sets"]) {
-            std::uint16_t const id = s["setId"];
-            EXPECT_EQ(s["records"], want.setRecords.count(id) ? want.setRecords.at(id) : 0) << id;
-            EXPECT_EQ(s["templates"], want.setTemplates.count(id) ? want.setTemplates.at(id) : 0)
-                << id;
+            sets[s["setId"]] = {s["records"], s["templates"]};
          }
-         EXPECT_EQ((*e)["sets"].size(), want.setRecords.size() + want.setTemplates.size());
+         EXPECT_EQ(sets, want.sets);
       }
       return;
    }
@@ -136,14 +109,10 @@ TEST_F(StatsTool, FiguresShownAgreeWithWhatTheCollectorsReceived) {
 
 TEST_F(StatsTool, ClearResetsExactlyTheNamedCollectorAndKeepsTheClearTime) {
    start();
-   std::string out, err;
-   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "clear", "--collector",
-                         c4.ipAndPort().toString()},
-                        &out, &err),
-             0)
-       << err;
-   EXPECT_NE(out.find("cleared 1 collector"), std::string::npos) << out;
-   EXPECT_NE(out.find(c4.ipAndPort().toString()), std::string::npos) << out;
+   auto const r = statsTool(cfg.table, {"clear", "--collector", c4.ipAndPort().toString()});
+   ASSERT_EQ(r.exitCode, 0) << r.err;
+   EXPECT_NE(r.out.find("cleared 1 collector"), std::string::npos) << r.out;
+   EXPECT_NE(r.out.find(c4.ipAndPort().toString()), std::string::npos) << r.out;
    json const all = stats();
    json const* cleared = find(all, c4.ipAndPort().toString());
    json const* kept = find(all, c6.ip6AndPort().toString());
@@ -237,17 +206,10 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
       EXPECT_EQ(r.back()["trackers"][0]["exporters"][0]["ipv4"]["ready"], true) << r.back();
    }
    // Another user cannot even connect (the socket is its owner's alone).
-   pid_t const pid = fork();
-   if (pid == 0) {
-      if (setgid(65534) != 0 || setuid(65534) != 0) {
-         _exit(2);
-      }
-      Client c(path);
-      _exit(c.connected ? 1 : 0);
-   }
-   int status = 0;
-   waitpid(pid, &status, 0);
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+   pid_t const other = inChild([&] {
+      return setgid(65534) != 0 || setuid(65534) != 0 ? 2 : Client(path).connected ? 1 : 0;
+   });
+   EXPECT_EQ(exitCodeOf(other), 0) << "1: connected, 2: could not change user";
 
    // Through all of it the collectors kept getting their templates.
    std::vector<Received> later;
@@ -257,20 +219,13 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
    EXPECT_EQ(agent->stop(), 0) << agent->log();
 }
 
-// A port on loopback that nobody listens on.
-std::uint16_t deadPort(bool v6) {
-   LoopbackCollector gone(v6);
-   return gone.port();
-}
-
 // A collector without a listener: the ICMP port unreachable that comes back is counted as
 // "connection refused" against that collector alone, and shown by every view: the table, JSON,
 // Prometheus and the agent's status. Clearing the collector clears its failures.
 TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilCleared) {
-   std::uint16_t const dead4 = deadPort(false), dead6 = deadPort(true);
-   std::string const d4 = "127.0.0.1:" + std::to_string(dead4);
-   std::string const d6 = "[::1]:" + std::to_string(dead6);
-   start({}, "          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
+   std::string const d4 = "127.0.0.1:" + std::to_string(LoopbackCollector::unusedPort(false));
+   std::string const d6 = "[::1]:" + std::to_string(LoopbackCollector::unusedPort(true));
+   start("          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
    json all;
    auto refused = [&](std::string const& c) -> std::uint64_t {
       json const* e = find(all, c);
@@ -295,21 +250,19 @@ TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilC
       EXPECT_TRUE((*find(all, c))["failures"]["lastFailure"].is_null()) << c;
    }
 
-   std::string out, err;
-   ASSERT_EQ(
-       runProgram({statsBinary(), "--table", cfg.table, "show", "--collector", d4}, &out, &err), 0)
-       << err;
-   EXPECT_TRUE(err.empty()) << err;
-   EXPECT_NE(out.find("FAILURES"), std::string::npos) << out;
-   EXPECT_NE(out.find("    connection refused: "), std::string::npos) << out;
-   EXPECT_NE(out.find(std::string(" ago: ") + std::strerror(ECONNREFUSED)), std::string::npos)
-       << out;
-   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "prometheus"}, &out, &err), 0);
-   EXPECT_NE(out.find("ipfix_exporter_send_failures_total{tracker=\"ft1\",exporter=\"e1\","
-                      "collector=\"" +
-                      d4 + "\",cause=\"connection_refused\"} "),
-             std::string::npos)
-       << out;
+   auto const shown = statsTool(cfg.table, {"show", "--collector", d4});
+   ASSERT_EQ(shown.exitCode, 0) << shown.err;
+   EXPECT_TRUE(shown.err.empty()) << shown.err;
+   for (std::string const& line : {std::string("FAILURES"), std::string("    connection refused: "),
+                                   std::string(" ago: ") + std::strerror(ECONNREFUSED)}) {
+      EXPECT_NE(shown.out.find(line), std::string::npos) << line << "\n" << shown.out;
+   }
+   auto const prometheus = statsTool(cfg.table, {"prometheus"});
+   ASSERT_EQ(prometheus.exitCode, 0);
+   std::string const series = R"(ipfix_exporter_send_failures_total{tracker="ft1",exporter="e1",)"
+                              R"(collector=")" +
+                              d4 + R"(",cause="connection_refused"} )";
+   EXPECT_NE(prometheus.out.find(series), std::string::npos) << prometheus.out;
 
    Client status(Agent::defaultControlSocketPath(cfg.table));
    status.sendAll("{\"request\": \"status\"}\n");
@@ -325,9 +278,8 @@ TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilC
 
    std::uint64_t const d4Before = (*find(all, d4))["failures"]["total"];
    double const clearedAt = Kivo::currentTime();
-   ASSERT_EQ(
-       runProgram({statsBinary(), "--table", cfg.table, "clear", "--collector", d6}, &out, &err), 0)
-       << err;
+   auto const clear = statsTool(cfg.table, {"clear", "--collector", d6});
+   ASSERT_EQ(clear.exitCode, 0) << clear.err;
    // What is counted for d6 afterwards failed after the clear; d4 kept everything.
    Agent::CollectorHealthReader health(cfg.table);
    bool sawD4 = false;
@@ -350,23 +302,22 @@ TEST_F(StatsTool, MissingHealthTableShowsStatisticsWithOneWarning) {
    start();
    // Take the health table away as an older agent would not have made it.
    ASSERT_TRUE(Mirra::shmUnlink(cfg.table + "-health"));
-   std::string out, err;
-   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "show"}, &out, &err), 0) << err;
-   EXPECT_NE(out.find(c4.ipAndPort().toString()), std::string::npos) << out;
-   EXPECT_EQ(out.find("FAILURES"), std::string::npos) << out;
-   EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-   EXPECT_NE(err.find("no send failures shown"), std::string::npos) << err;
-   ASSERT_EQ(runProgram({statsBinary(), "--table", cfg.table, "show", "--json"}, &out, &err), 0);
-   EXPECT_TRUE(json::parse(out)[0]["failures"].is_null()) << out;
+   auto const r = statsTool(cfg.table, {"show"});
+   ASSERT_EQ(r.exitCode, 0) << r.err;
+   EXPECT_NE(r.out.find(c4.ipAndPort().toString()), std::string::npos) << r.out;
+   EXPECT_EQ(r.out.find("FAILURES"), std::string::npos) << r.out;
+   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+   EXPECT_NE(r.err.find("no send failures shown"), std::string::npos) << r.err;
+   EXPECT_TRUE(stats()[0]["failures"].is_null());
 }
 
 TEST(StatsToolWithoutAgent, MissingTableAndAbsentAgentHaveTheirOwnExitCodes) {
-   std::string out, err;
    std::string const table = "/ipfix-agent-test-none-" + uniqueSuffix();
-   EXPECT_EQ(runProgram({statsBinary(), "--table", table, "show"}, &out, &err), 2);
-   EXPECT_NE(err.find("is ipfix-agent running?"), std::string::npos) << err;
-   EXPECT_EQ(runProgram({statsBinary(), "--table", table, "clear"}, &out, &err), 4);
-   EXPECT_NE(err.find("control socket"), std::string::npos) << err;
+   auto const show = statsTool(table, {"show"}), clear = statsTool(table, {"clear"});
+   EXPECT_EQ(show.exitCode, 2);
+   EXPECT_NE(show.err.find("is ipfix-agent running?"), std::string::npos) << show.err;
+   EXPECT_EQ(clear.exitCode, 4);
+   EXPECT_NE(clear.err.find("control socket"), std::string::npos) << clear.err;
 }
 
 }  // namespace

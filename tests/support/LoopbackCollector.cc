@@ -12,37 +12,43 @@
 
 namespace testsupport {
 
+namespace {
+
+// An IPv4 or IPv6 socket address, seen as either.
+union SockAddr {
+   sockaddr sa;
+   sockaddr_in v4;
+   sockaddr_in6 v6;
+   sockaddr_storage storage;
+   std::uint16_t port() const {
+      return ntohs(sa.sa_family == AF_INET6 ? v6.sin6_port : v4.sin_port);
+   }
+};
+
+}  // namespace
+
 LoopbackCollector::LoopbackCollector(bool ipv6, std::uint16_t port) : ipv6_(ipv6) {
    fd_ = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (fd_ < 0) {
       throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
    }
    int const on = 1;
-   sockaddr_storage ss{};
-   socklen_t len = 0;
+   SockAddr a{};
    if (ipv6) {
       setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVTCLASS, &on, sizeof(on));
-      auto* sa = reinterpret_cast<sockaddr_in6*>(&ss);
-      sa->sin6_family = AF_INET6;
-      sa->sin6_addr = in6addr_loopback;
-      sa->sin6_port = htons(port);
-      len = sizeof(*sa);
+      a.v6.sin6_family = AF_INET6, a.v6.sin6_port = htons(port), a.v6.sin6_addr = in6addr_loopback;
    } else {
       setsockopt(fd_, IPPROTO_IP, IP_RECVTOS, &on, sizeof(on));
-      auto* sa = reinterpret_cast<sockaddr_in*>(&ss);
-      sa->sin_family = AF_INET;
-      sa->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      sa->sin_port = htons(port);
-      len = sizeof(*sa);
+      a.v4.sin_family = AF_INET, a.v4.sin_port = htons(port);
+      a.v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
    }
-   if (bind(fd_, reinterpret_cast<sockaddr*>(&ss), len) != 0 ||
-       getsockname(fd_, reinterpret_cast<sockaddr*>(&ss), &len) != 0) {
+   socklen_t len = ipv6 ? sizeof(a.v6) : sizeof(a.v4);
+   if (bind(fd_, &a.sa, len) != 0 || getsockname(fd_, &a.sa, &len) != 0) {
       int const err = errno;
       close(fd_);
       throw std::runtime_error(std::string("bind: ") + std::strerror(err));
    }
-   port_ = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6*>(&ss)->sin6_port
-                      : reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
+   port_ = a.port();
 }
 
 LoopbackCollector::~LoopbackCollector() {
@@ -66,39 +72,32 @@ std::vector<Received> LoopbackCollector::drain(int timeoutMs) {
    for (;;) {
       Received r;
       r.payload.resize(65536);
-      sockaddr_storage from{};
+      SockAddr from{};
       char control[64];
       iovec iov{r.payload.data(), r.payload.size()};
-      msghdr msg{};
-      msg.msg_name = &from;
-      msg.msg_namelen = sizeof(from);
-      msg.msg_iov = &iov;
-      msg.msg_iovlen = 1;
-      msg.msg_control = control;
-      msg.msg_controllen = sizeof(control);
+      msghdr msg{.msg_name = &from,
+                 .msg_namelen = sizeof(from),
+                 .msg_iov = &iov,
+                 .msg_iovlen = 1,
+                 .msg_control = control,
+                 .msg_controllen = sizeof(control),
+                 .msg_flags = 0};
       ssize_t const n = recvmsg(fd_, &msg, 0);
       if (n < 0) {
          break;
       }
       r.payload.resize(static_cast<std::size_t>(n));
       char text[INET6_ADDRSTRLEN] = {};
-      if (from.ss_family == AF_INET6) {
-         auto const* sa = reinterpret_cast<sockaddr_in6 const*>(&from);
-         inet_ntop(AF_INET6, &sa->sin6_addr, text, sizeof(text));
-         r.srcPort = ntohs(sa->sin6_port);
-      } else {
-         auto const* sa = reinterpret_cast<sockaddr_in const*>(&from);
-         inet_ntop(AF_INET, &sa->sin_addr, text, sizeof(text));
-         r.srcPort = ntohs(sa->sin_port);
-      }
+      bool const v6 = from.sa.sa_family == AF_INET6;
+      inet_ntop(from.sa.sa_family, v6 ? static_cast<void*>(&from.v6.sin6_addr) : &from.v4.sin_addr,
+                text, sizeof(text));
       r.srcAddr = text;
+      r.srcPort = from.port();
       for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-         if ((c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TOS)) {
+         if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TOS) {
             r.tos = *reinterpret_cast<unsigned char*>(CMSG_DATA(c));
          } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_TCLASS) {
-            int v = 0;
-            std::memcpy(&v, CMSG_DATA(c), sizeof(v));
-            r.tos = v;
+            std::memcpy(&r.tos, CMSG_DATA(c), sizeof(r.tos));
          }
       }
       out.push_back(std::move(r));

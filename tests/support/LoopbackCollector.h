@@ -28,6 +28,8 @@ class LoopbackCollector {
    LoopbackCollector& operator=(LoopbackCollector const&) = delete;
 
    std::uint16_t port() const { return port_; }
+   // A loopback port that nobody listens on: one a collector had a moment ago.
+   static std::uint16_t unusedPort(bool ipv6) { return LoopbackCollector(ipv6).port(); }
    Pelto::IpAndPort ipAndPort() const;
    Pelto::Ip6AndPort ip6AndPort() const;
 

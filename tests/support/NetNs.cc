@@ -1,12 +1,8 @@
 #include "support/NetNs.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,7 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
-extern char** environ;
+#include "support/Command.h"
 
 namespace testsupport {
 
@@ -24,49 +20,11 @@ std::runtime_error errnoError(std::string const& what, int err = errno) {
    return std::runtime_error(what + ": " + std::strerror(err));
 }
 
-// Runs argv[0], looked up on PATH, without a shell; killed when silent for 10 s. Throws with the
-// command and its output (stdout and stderr together) unless it exits 0.
-void runCommand(std::vector<std::string> const& argv) {
-   std::string what;
-   std::vector<char*> args;
-   for (auto const& a : argv) {
-      what += (what.empty() ? "" : " ") + a;
-      args.push_back(const_cast<char*>(a.c_str()));
-   }
-   args.push_back(nullptr);
-   int out[2];
-   if (pipe2(out, O_CLOEXEC) != 0) {
-      throw errnoError("pipe");
-   }
-   posix_spawn_file_actions_t actions;
-   posix_spawn_file_actions_init(&actions);
-   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-   posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-   pid_t pid = -1;
-   int const err = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-   posix_spawn_file_actions_destroy(&actions);
-   close(out[1]);
-   if (err != 0) {
-      close(out[0]);
-      throw errnoError("cannot run " + what, err);
-   }
-   std::string output;
-   char buf[512];
-   pollfd p{out[0], POLLIN, 0};
-   int ready = 0;
-   ssize_t n = 0;
-   while ((ready = poll(&p, 1, 10'000)) == 1 && (n = read(out[0], buf, sizeof(buf))) > 0) {
-      output.append(buf, static_cast<std::size_t>(n));
-   }
-   close(out[0]);
-   if (ready == 0) {
-      kill(pid, SIGKILL);
-   }
-   int status = 0;
-   waitpid(pid, &status, 0);
-   if (ready == 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      throw std::runtime_error(what + (ready == 0 ? ": timed out" : ": failed") +
-                               (output.empty() ? "" : ": " + output));
+// Throws with the command and its output unless it exits 0 within 10 s.
+void mustRun(std::vector<std::string> const& argv) {
+   CommandResult const r = runCommand(argv, std::chrono::seconds(10));
+   if (!r.ok()) {
+      throw std::runtime_error(r.describe() + r.out);
    }
 }
 
@@ -75,7 +33,7 @@ void runCommand(std::vector<std::string> const& argv) {
 std::unique_ptr<NetNs> NetNs::create(std::string const& name, std::string* whyNot) {
    std::unique_ptr<NetNs> ns;
    try {
-      runCommand({"ip", "netns", "add", name});
+      mustRun({"ip", "netns", "add", name});
       ns.reset(new NetNs(name));  // deletes the namespace again on any failure
       ns->ip({"link", "set", "lo", "up"});
       ns->run([] {});
@@ -88,7 +46,7 @@ std::unique_ptr<NetNs> NetNs::create(std::string const& name, std::string* whyNo
 
 NetNs::~NetNs() {
    try {
-      runCommand({"ip", "netns", "del", name_});
+      mustRun({"ip", "netns", "del", name_});
    } catch (std::exception const& e) {
       std::fprintf(stderr, "NetNs: %s\n", e.what());
    }
@@ -97,7 +55,7 @@ NetNs::~NetNs() {
 void NetNs::ip(std::vector<std::string> const& args) const {
    std::vector<std::string> argv = {"ip", "-n", name_};
    argv.insert(argv.end(), args.begin(), args.end());
-   runCommand(argv);
+   mustRun(argv);
 }
 
 void NetNs::enter_() const {

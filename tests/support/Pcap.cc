@@ -44,9 +44,8 @@ uint16_t checksum(Bytes const& b) {
    return uint16_t(~sum);
 }
 
-}  // namespace
-
-std::vector<uint8_t> ipPacket(Datagram const& d) {
+// The raw IP packet (IPv4 or IPv6 header, UDP header with checksum, payload) of the datagram.
+Bytes ipPacket(Datagram const& d) {
    Bytes const src = address(d.src), dst = address(d.dst);
    if (src.size() != dst.size()) {
       throw std::invalid_argument("mixed address families: " + d.src + " -> " + d.dst);
@@ -90,6 +89,8 @@ std::vector<uint8_t> ipPacket(Datagram const& d) {
    pkt.insert(pkt.end(), udp.begin() + long(start), udp.end());
    return pkt;
 }
+
+}  // namespace
 
 void writePcap(std::string const& path, std::vector<Datagram> const& datagrams) {
    // Little-endian; readers detect the byte order by the magic (microsecond timestamps).

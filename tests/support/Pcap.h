@@ -18,12 +18,9 @@ struct Datagram {
    double time = 0;  // capture time, seconds since the epoch
 };
 
-// The raw IP packet (IPv4 or IPv6 header, UDP header with checksum, payload) carrying the
-// datagram. Throws std::invalid_argument on bad addresses or an oversized payload.
-std::vector<uint8_t> ipPacket(Datagram const& datagram);
-
-// Writes a pcap file (microsecond timestamps, LINKTYPE_RAW), one packet per datagram. Throws
-// std::runtime_error on I/O errors.
+// Writes a pcap file (microsecond timestamps, LINKTYPE_RAW), one packet per datagram: its raw IP
+// packet, UDP checksum included. Throws std::invalid_argument on bad addresses or an oversized
+// payload, std::runtime_error on I/O errors.
 void writePcap(std::string const& path, std::vector<Datagram> const& datagrams);
 
 }  // namespace testsupport

@@ -1,44 +1,31 @@
 #pragma once
 
-// Runs tshark (directly, no shell, bounded wait) over a capture file, so that tests can check
-// exported bytes with a decoder that shares no code with the exporter.
+// Runs tshark over a capture file, so that tests can check exported bytes with a decoder that
+// shares no code with the exporter.
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "support/Command.h"
+
 namespace testsupport {
 
-struct TsharkOptions {
-   uint16_t decodePort = 4739;                // UDP port decoded as IPFIX
-   std::chrono::milliseconds timeout{60000};  // tshark is killed after this
-   std::vector<std::string> extraArgs;        // e.g. {"-Y", "cflow"}
-};
-
-struct TsharkResult {
+struct TsharkResult : CommandResult {
    using Values = std::vector<std::string>;
    // rows[packet][column]: every occurrence of that field in that packet, in dissection order.
    std::vector<std::vector<Values>> rows;
    std::vector<std::string> fields;  // requested, one column each
-   std::string stdoutText, stderrText;
-   int exitCode = -1;  // -1 when killed or not run
-   bool timedOut = false;
-   std::vector<std::string> argv;
 
-   bool ok() const { return exitCode == 0 && !timedOut; }
-   // Values of `field` in packet `packet` (0-based); std::out_of_range for unrequested fields.
-   Values at(std::size_t packet, std::string const& field) const;
-   Values all(std::string const& field) const;  // over all packets, packet by packet
-   std::string describe() const;                // command, exit code and stderr
+   // Values of `field` over all packets, packet by packet; std::out_of_range for unrequested
+   // fields.
+   Values all(std::string const& field) const;
 };
 
 bool tsharkAvailable();  // a working tshark is on PATH (checked once per process)
-// tshark -r <pcap> -d udp.port==<port>,cflow -T fields -e f1 -e f2 ...
+// tshark -r <pcap> -d udp.port==<port>,cflow -T fields -e f1 -e f2 ..., killed after 60 s.
 TsharkResult runTshark(std::string const& pcapPath, std::vector<std::string> const& fields,
-                       TsharkOptions const& options = {});
-// Full packet details ("-V"). Throws std::runtime_error if tshark fails.
-std::string runTsharkVerbose(std::string const& pcapPath, TsharkOptions const& options = {});
+                       std::uint16_t decodePort = 4739);
 // Unique name in $IPFIX_TEST_TMPDIR (created) or /tmp: "a.pcap" gives "a-<unique>.pcap".
 std::string tempPath(std::string const& stem);
 // Removes the file when it goes out of scope.

@@ -25,14 +25,6 @@ Entry entry(std::string const& ft, std::string const& exp, char const* addr, std
    return e;
 }
 
-Stats::Filter filter(std::string ft, std::string exp, std::string coll) {
-   Stats::Filter f;
-   f.tracker = std::move(ft);
-   f.exporter = std::move(exp);
-   f.collector = std::move(coll);
-   return f;
-}
-
 Entry clearTimeEntry(double when) {
    Entry e;
    e.lastClearedTime = when;
@@ -66,37 +58,25 @@ TEST(StatsFormat, SelectFiltersSortsAndLeavesOutTheClearTimeEntry) {
       }
       return out;
    };
-   using V = std::vector<std::string>;
-   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::tracker)),
-             (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
-   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::messages)),
-             (V{"ft1/e1", "ft1/e2", "ft2/e1"}));
-   EXPECT_EQ(names(Stats::select(all, {}, Stats::SortKey::exporter)),
-             (V{"ft1/e1", "ft2/e1", "ft1/e2"}));
-   EXPECT_EQ(names(Stats::select(all, filter("ft1", "", ""), Stats::SortKey::tracker)),
-             (V{"ft1/e1", "ft1/e2"}));
-   EXPECT_EQ(names(Stats::select(all, filter("", "", "[::1]:2055"), Stats::SortKey::tracker)),
-             (V{"ft1/e2"}));
-   EXPECT_EQ(names(Stats::select(all, filter("", "nope", ""), Stats::SortKey::tracker)), V{});
-   EXPECT_EQ(Stats::lastClearTime(all), 50);
-}
-
-TEST(StatsFormat, TableAndJsonCarryEveryCounter) {
-   std::vector<Entry> const es = {entry("ft1", "e1", "10.0.0.1", 4739, 4)};
-   std::string const table = Stats::tableText(es, 1012);
-   for (char const* s : {"TRACKER", "ft1", "e1", "10.0.0.1:4739", "12s ago", "never",
-                         "set 2: 0 records, 2 templates", "set 256: 7 records, 1 templates"}) {
-      EXPECT_NE(table.find(s), std::string::npos) << s << "\n" << table;
+   using Key = Stats::SortKey;
+   struct Case {
+      Stats::Filter filter;
+      Key sort;
+      std::vector<std::string> want;
+   } const cases[] = {
+       {{}, Key::tracker, {"ft1/e1", "ft1/e2", "ft2/e1"}},
+       {{}, Key::messages, {"ft1/e1", "ft1/e2", "ft2/e1"}},
+       {{}, Key::exporter, {"ft1/e1", "ft2/e1", "ft1/e2"}},
+       {{"ft1", "", ""}, Key::tracker, {"ft1/e1", "ft1/e2"}},
+       {{"", "", "[::1]:2055"}, Key::tracker, {"ft1/e2"}},
+       {{"", "nope", ""}, Key::tracker, {}},
+   };
+   for (Case const& c : cases) {
+      EXPECT_EQ(names(Stats::select(all, c.filter, c.sort)), c.want)
+          << c.filter.tracker << "/" << c.filter.exporter << "/" << c.filter.collector << " by "
+          << int(c.sort);
    }
-   auto const j = Stats::toJson(es);
-   ASSERT_EQ(j.size(), 1u);
-   EXPECT_EQ(j[0]["messages"], 4);
-   EXPECT_EQ(j[0]["records"], 12);
-   EXPECT_EQ(j[0]["octets"], 400);
-   EXPECT_EQ(j[0]["lastSent"], "1970-01-01T00:16:40.000Z");
-   EXPECT_TRUE(j[0]["lastCleared"].is_null());
-   EXPECT_EQ(j[0]["sets"][1]["setId"], 256);
-   EXPECT_EQ(j[0]["sets"][1]["records"], 7);
+   EXPECT_EQ(Stats::lastClearTime(all), 50);
 }
 
 // A strict reading of the text exposition format: every sample belongs to the family announced
@@ -155,9 +135,9 @@ TEST(StatsFormat, PrometheusExpositionIsWellFormedAndEscapesLabels) {
    }
 }
 
-// Failures as each view shows them, for a collector with failures of several causes, one
-// without any, and an agent without a health table.
-TEST(StatsFormat, FailuresInTableJsonAndPrometheus) {
+// Every counter, and failures as each view shows them, for a collector with failures of several
+// causes, one without any, and an agent without a health table.
+TEST(StatsFormat, CountersAndFailuresInTableJsonAndPrometheus) {
    std::vector<Entry> const es = {entry("ft1", "e1", "10.0.0.1", 4739, 4),
                                   entry("ft1", "e1", "::1", 2055, 2)};
    Agent::CollectorHealth bad;
@@ -176,7 +156,11 @@ TEST(StatsFormat, FailuresInTableJsonAndPrometheus) {
         {"FAILURES", "    connection refused: 2 failed\n", "    no buffer space: 1 failed\n",
          std::string("    last failure: 12s ago: ") + std::strerror(ENOBUFS) + "\n"},
         {"message too long", "unreachable", "permission", "    other"}},
-       {"without health table", std::nullopt, {"TRACKER", "10.0.0.1:4739"}, {"FAILURES", "failed"}},
+       {"without health table",
+        std::nullopt,
+        {"TRACKER", "ft1", "e1", "10.0.0.1:4739", "12s ago", "never",
+         "set 2: 0 records, 2 templates", "set 256: 7 records, 1 templates"},
+        {"FAILURES", "failed"}},
    };
    for (Case const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -194,6 +178,14 @@ TEST(StatsFormat, FailuresInTableJsonAndPrometheus) {
    EXPECT_EQ(table.find("last failure", table.find("[::1]:2055")), std::string::npos) << table;
 
    auto const j = Stats::toJson(es, health);
+   ASSERT_EQ(j.size(), 2u);
+   EXPECT_EQ(j[0]["messages"], 4);
+   EXPECT_EQ(j[0]["records"], 12);
+   EXPECT_EQ(j[0]["octets"], 400);
+   EXPECT_EQ(j[0]["lastSent"], "1970-01-01T00:16:40.000Z");
+   EXPECT_TRUE(j[0]["lastCleared"].is_null());
+   EXPECT_EQ(j[0]["sets"][1]["setId"], 256);
+   EXPECT_EQ(j[0]["sets"][1]["records"], 7);
    EXPECT_EQ(j[0]["failures"]["connectionRefused"], 2);
    EXPECT_EQ(j[0]["failures"]["noBufferSpace"], 1);
    EXPECT_EQ(j[0]["failures"]["total"], 3);
