@@ -362,12 +362,12 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
       }
    }
 
-   drainErrQueue_();
    ssize_t n = sendmsg(fd_, &msg, 0);
    if (n < 0) {
       int err = errno;
-      // An ICMP error that came in since the drain fails this send with its errno: it belongs to
-      // an earlier datagram, so report it as such and send this one again.
+      // An ICMP error queued since the last send fails this send with its errno: it belongs to an
+      // earlier datagram, so report what the queue holds and send this one again. A send that
+      // succeeds had nothing queued before it, so the queue is read only here.
       if (drainErrQueue_() > 0) {
          n = sendmsg(fd_, &msg, 0);
          err = errno;

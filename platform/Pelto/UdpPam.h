@@ -19,11 +19,11 @@
 //
 // Errors that come back later: every socket asks for ICMP errors (IP_RECVERR / IPV6_RECVERR), so
 // that a datagram answered by "port unreachable" (no listener) or "host unreachable" is learned of
-// even though the socket is not connected. The kernel queues them on the socket's error queue;
-// each send first drains that queue (non-blocking, at most maxErrQueueDrain() entries) and reports
-// every ICMP error with the destination of the datagram it answers. While an error is queued the
-// kernel fails the next send with that error: such a send is retried once after the drain, so
-// one collector's error is never charged to another collector's datagram. Errors learned this way
+// even though the socket is not connected. The kernel queues them on the socket's error queue and
+// fails the next send with the error; that send drains the queue (non-blocking, at most
+// maxErrQueueDrain() entries), reports every ICMP error with the destination of the datagram it
+// answers, and is retried once, so one collector's error is never charged to another collector's
+// datagram. A send that succeeds costs one system call. Errors learned this way
 // go to the observer and the trace only; txErrors() counts the sends that failed.
 //
 // Failure observer: one per process (txFailureObserverIs), called on the sending thread for every
