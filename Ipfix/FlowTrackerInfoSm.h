@@ -79,72 +79,74 @@ struct FamilyTraits;
 // the address types by an infix ("" for IPv4, "6" for IPv6), so both families are described by
 // the one text below. The accessors on a holder `H` serve every holder of one module per family:
 // ExporterInfo, LocalCollectorPams, and for the port also ExporterConfig.
-#define FLOWTRACKING_FAMILY_TRAITS_(F, D, X, TEXT)                                            \
-   template <>                                                                                \
-   struct FamilyTraits<Family::F> {                                                           \
-      static constexpr Family family = Family::F;                                             \
-      using Addr = Pelto::Ip##X##Addr;                                                        \
-      using AddrAndPort = Pelto::Ip##X##AndPort;                                              \
-      using Config = HwFlowTracking::ExporterConfig;                                          \
-      static constexpr bool ipv6 = Family::F == Family::v6;                                   \
-      static constexpr char const* digit = #D;                                                \
-      static constexpr char const* text = TEXT;                                               \
-                                                                                              \
-      static Addr const& srcIp(Config const& c) { return c.srcIp##D(); }                      \
-      static Kivo::Signal<> const& onSrcIp(Config const& c) { return c.onSrcIp##D(); }        \
-      static bool resolved(Config const& c) { return c.exporter##D##Resolved(); }             \
-      static Kivo::Signal<> const& onResolved(Config const& c) {                              \
-         return c.onExporter##D##Resolved();                                                  \
-      }                                                                                       \
-      static auto const& collectors(Config const& c) { return c.collector##D##Coll(); }       \
-      static AddrAndPort const* collector(Config const& c, Kivo::String const& name) {        \
-         return c.collector##D(name);                                                         \
-      }                                                                                       \
-      static Kivo::Signal<Kivo::String> const& onCollector(Config const& c) {                 \
-         return c.onCollector##D();                                                           \
-      }                                                                                       \
-      static bool ready(Config const& c) { return c.exporter##D##Ready(); }                   \
-      static void readyIs(Config& c, bool ready) { c.exporter##D##ReadyIs(ready); }           \
-                                                                                              \
-      template <class H>                                                                      \
-      static Kivo::Ptr<Pelto::UdpPam> const& udpPam(H const& h) {                             \
-         return h.udpPam##D();                                                                \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static void udpPamIs(H& h, Kivo::Ptr<Pelto::UdpPam> pam) {                              \
-         h.udpPam##D##Is(std::move(pam));                                                     \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static Kivo::Signal<> const& onUdpPam(H const& h) {                                     \
-         return h.onUdpPam##D();                                                              \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static bool udpPamReady(H const& h) {                                                   \
-         return h.udpPam##D##Ready();                                                         \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static void udpPamReadyIs(H& h, bool ready) {                                           \
-         h.udpPam##D##ReadyIs(ready);                                                         \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static std::uint16_t rxPort(H const& h) {                                               \
-         return h.rxPort##D();                                                                \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static void rxPortIs(H& h, std::uint16_t port) {                                        \
-         h.rxPort##D##Is(port);                                                               \
-      }                                                                                       \
-      template <class H>                                                                      \
-      static Kivo::Signal<> const& onRxPort(H const& h) {                                     \
-         return h.onRxPort##D();                                                              \
-      }                                                                                       \
-                                                                                              \
-      /* The address a bound module listens at. */                                            \
-      static void bindAddrIs(Pelto::UdpPam& pam, Addr const& a) { pam.rxIp##X##AddrIs(a); }   \
-      static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam, \
-                       Addr const& src, AddrAndPort const& dst, Pelto::DscpValue dscp) {      \
-         sendPkt##D(pkt, pam, src, dst, dscp);                                                \
-      }                                                                                       \
+#define FLOWTRACKING_FAMILY_TRAITS_(F, D, X, TEXT)                                               \
+   template <>                                                                                   \
+   struct FamilyTraits<Family::F> {                                                              \
+      static constexpr Family family = Family::F;                                                \
+      using Addr = Pelto::Ip##X##Addr;                                                           \
+      using AddrAndPort = Pelto::Ip##X##AndPort;                                                 \
+      using Config = HwFlowTracking::ExporterConfig;                                             \
+      static constexpr bool ipv6 = Family::F == Family::v6;                                      \
+      static constexpr char const* digit = #D;                                                   \
+      static constexpr char const* text = TEXT;                                                  \
+                                                                                                 \
+      static Addr const& srcIp(Config const& c) { return c.srcIp##D(); }                         \
+      static Kivo::Signal<> const& onSrcIp(Config const& c) { return c.onSrcIp##D(); }           \
+      static bool resolved(Config const& c) { return c.exporter##D##Resolved(); }                \
+      static Kivo::Signal<> const& onResolved(Config const& c) {                                 \
+         return c.onExporter##D##Resolved();                                                     \
+      }                                                                                          \
+      static auto const& collectors(Config const& c) { return c.collector##D##Coll(); }          \
+      static AddrAndPort const* collector(Config const& c, Kivo::String const& name) {           \
+         return c.collector##D(name);                                                            \
+      }                                                                                          \
+      static Kivo::Signal<Kivo::String> const& onCollector(Config const& c) {                    \
+         return c.onCollector##D();                                                              \
+      }                                                                                          \
+      static void resolvedIs(Config& c, bool r) { c.exporter##D##ResolvedIs(r); }                \
+      static bool ready(Config const& c) { return c.exporter##D##Ready(); }                      \
+      static void readyIs(Config& c, bool ready) { c.exporter##D##ReadyIs(ready); }              \
+      static Kivo::Signal<> const& onReady(Config const& c) { return c.onExporter##D##Ready(); } \
+                                                                                                 \
+      template <class H>                                                                         \
+      static Kivo::Ptr<Pelto::UdpPam> const& udpPam(H const& h) {                                \
+         return h.udpPam##D();                                                                   \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static void udpPamIs(H& h, Kivo::Ptr<Pelto::UdpPam> pam) {                                 \
+         h.udpPam##D##Is(std::move(pam));                                                        \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static Kivo::Signal<> const& onUdpPam(H const& h) {                                        \
+         return h.onUdpPam##D();                                                                 \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static bool udpPamReady(H const& h) {                                                      \
+         return h.udpPam##D##Ready();                                                            \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static void udpPamReadyIs(H& h, bool ready) {                                              \
+         h.udpPam##D##ReadyIs(ready);                                                            \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static std::uint16_t rxPort(H const& h) {                                                  \
+         return h.rxPort##D();                                                                   \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static void rxPortIs(H& h, std::uint16_t port) {                                           \
+         h.rxPort##D##Is(port);                                                                  \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static Kivo::Signal<> const& onRxPort(H const& h) {                                        \
+         return h.onRxPort##D();                                                                 \
+      }                                                                                          \
+                                                                                                 \
+      /* The address a bound module listens at. */                                               \
+      static void bindAddrIs(Pelto::UdpPam& pam, Addr const& a) { pam.rxIp##X##AddrIs(a); }      \
+      static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam,    \
+                       Addr const& src, AddrAndPort const& dst, Pelto::DscpValue dscp) {         \
+         sendPkt##D(pkt, pam, src, dst, dscp);                                                   \
+      }                                                                                          \
    }
 
 FLOWTRACKING_FAMILY_TRAITS_(v4, 4, , "IPv4");
