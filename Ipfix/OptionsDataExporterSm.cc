@@ -330,9 +330,10 @@ void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper const& msgWra
    TRACE_ODE(7, "collectors:" << collector_.size() << "(IPv4:" << collector4_.size()
                               << ", IPv6:" << collector6_.size() << ")");
    // Readiness of both families is taken before either sends.
-   bool const ready[] = {ready_p(Family::v4), ready_p(Family::v6)};
+   bool const ready4 = v4Ready();
+   bool const ready6 = v6Ready();
    forEachFamily([&]<class F>(F) {
-      if (!ready[static_cast<int>(F::family)] || !hwExpConfig_) {
+      if (!familyPick<F::family>(ready4, ready6) || !hwExpConfig_) {
          return;
       }
       for (auto const& name : collectors_p<F::family>()) {
