@@ -25,16 +25,14 @@ ExporterInfoSm::ExporterInfoSm(FlowTrackingType ftrType, Kivo::String ftName, Ki
       scheduler_(std::move(scheduler)),
       agentInfo_(std::move(agentInfo)) {
    auto collector = [this](Kivo::String const& name) { handleCollector(name); };
-   reactor_.watch(hwExpConfig_->onCollector4(), collector);
-   reactor_.watch(hwExpConfig_->onCollector6(), collector);
-   reactor_.watch(hwExpConfig_->onExporter4Resolved(), [this] { handlePam4Management(); });
-   reactor_.watch(hwExpConfig_->onExporter6Resolved(), [this] { handlePam6Management(); });
-   reactor_.watch(hwExpConfig_->onVrfName(), [this] { handleVrfName(); });
    auto pam = [this] { handlePam(); };
-   reactor_.watch(expInfo_->onUdpPam4(), pam);
-   reactor_.watch(expInfo_->onUdpPam6(), pam);
-   reactor_.watch(expInfo_->onRxPort4(), pam);
-   reactor_.watch(expInfo_->onRxPort6(), pam);
+   forEachFamily([&]<class F>(F) {
+      reactor_.watch(F::onCollector(*hwExpConfig_), collector);
+      reactor_.watch(F::onResolved(*hwExpConfig_), [this] { handlePamManagement_p<F::family>(); });
+      reactor_.watch(F::onUdpPam(*expInfo_), pam);
+      reactor_.watch(F::onRxPort(*expInfo_), pam);
+   });
+   reactor_.watch(hwExpConfig_->onVrfName(), [this] { handleVrfName(); });
    handleInitialized();
 }
 
@@ -65,14 +63,9 @@ void ExporterInfoSm::handleCollector(Kivo::String const& name) {
    expInfo_->collInfoDel(name);
 }
 
-void ExporterInfoSm::handleCollector4() {
-   for (auto const& name : hwExpConfig_->collector4Coll().keys()) {
-      handleCollector(name);
-   }
-}
-
-void ExporterInfoSm::handleCollector6() {
-   for (auto const& name : hwExpConfig_->collector6Coll().keys()) {
+template <Family f>
+void ExporterInfoSm::handleCollectors_p() {
+   for (auto const& name : FamilyTraits<f>::collectors(*hwExpConfig_).keys()) {
       handleCollector(name);
    }
 }
@@ -81,32 +74,19 @@ void ExporterInfoSm::handleCollector6() {
 // socket) leaves the family without a module, so not ready; that affects this exporter only. It
 // is tried again on the next change of the resolved flag or of the VRF; nothing retries it
 // before.
-
-void ExporterInfoSm::handlePam4Management() {
-   KTRACE(5, "ExporterInfoSm::handlePam4Management for " << traceId());
-   if (hwExpConfig_->exporter4Resolved()) {
-      handleCollector4();
+template <Family f>
+void ExporterInfoSm::handlePamManagement_p() {
+   using F = FamilyTraits<f>;
+   KTRACE(5, "ExporterInfoSm::handlePam" << F::digit << "Management for " << traceId());
+   if (F::resolved(*hwExpConfig_)) {
+      handleCollectors_p<f>();
       try {
-         createPam4();
+         createPam_p<f>();
       } catch (Kivo::Exception const&) {
-         deletePam4();  // traced by createPam_p; a module opened before must not stay in use
+         deletePam_p<f>();  // traced by createPam_p; a module opened before must not stay in use
       }
    } else {
-      deletePam4();
-   }
-}
-
-void ExporterInfoSm::handlePam6Management() {
-   KTRACE(5, "ExporterInfoSm::handlePam6Management for " << traceId());
-   if (hwExpConfig_->exporter6Resolved()) {
-      handleCollector6();
-      try {
-         createPam6();
-      } catch (Kivo::Exception const&) {
-         deletePam6();
-      }
-   } else {
-      deletePam6();
+      deletePam_p<f>();
    }
 }
 
@@ -114,23 +94,26 @@ void ExporterInfoSm::handlePam6Management() {
 // VRF's new namespace.
 void ExporterInfoSm::handleVrfName() {
    KTRACE(5, "ExporterInfoSm::handleVrfName for " << traceId());
-   if (hwExpConfig_->exporter4Resolved()) {
-      handlePam4Management();
-   }
-   if (hwExpConfig_->exporter6Resolved()) {
-      handlePam6Management();
-   }
+   forEachFamily([this]<class F>(F) {
+      if (F::resolved(*hwExpConfig_)) {
+         handlePamManagement_p<F::family>();
+      }
+   });
 }
 
-Kivo::Ptr<Pelto::UdpPam> ExporterInfoSm::createPam_p(bool ipv6) {
-   Kivo::String const name = (ipv6 ? "udpPam6-" : "udpPam4-") + ftName_ + "-" + expName_;
+// A learned port belongs to the socket it was learned from: it is forgotten before that socket
+// is replaced or closed, so the exporter is never published ready with another socket's port.
+template <Family f>
+void ExporterInfoSm::createPam_p() {
+   using F = FamilyTraits<f>;
+   Kivo::String const name = "udpPam" + Kivo::String(F::digit) + "-" + ftName_ + "-" + expName_;
    auto pam = Kivo::make<Pelto::UdpPam>(name);
    try {
       Kivo::String const ns = netNsForVrf(hwExpConfig_->vrfName());
       if (!ns.empty()) {
          pam->netNsIs(ns);
       }
-      pam->ipv6EnIs(ipv6);
+      pam->ipv6EnIs(F::ipv6);
       pam->txPrioIs(Pelto::IpTrafficControl::bulk);
       pam->modeIs(Pelto::UdpPam::Mode::open);
    } catch (Kivo::ErrnoException const& e) {
@@ -142,37 +125,31 @@ Kivo::Ptr<Pelto::UdpPam> ExporterInfoSm::createPam_p(bool ipv6) {
    }
    KTRACE(3, "Created Pam: " << name << ", txPrio: " << static_cast<int>(pam->txPrio())
                              << ", fd: " << pam->fd());
-   return pam;
+   F::rxPortIs(*expInfo_, 0);
+   F::udpPamIs(*expInfo_, pam);
 }
 
-// A learned port belongs to the socket it was learned from: it is forgotten before that socket
-// is replaced or closed, so the exporter is never published ready with another socket's port.
-
-void ExporterInfoSm::createPam4() {
-   Kivo::Ptr<Pelto::UdpPam> pam = createPam_p(false);
-   expInfo_->rxPort4Is(0);
-   expInfo_->udpPam4Is(pam);
-}
-
-void ExporterInfoSm::createPam6() {
-   Kivo::Ptr<Pelto::UdpPam> pam = createPam_p(true);
-   expInfo_->rxPort6Is(0);
-   expInfo_->udpPam6Is(pam);
-}
-
-void ExporterInfoSm::deletePam4() {
-   if (Kivo::Ptr<Pelto::UdpPam> pam = expInfo_->udpPam4()) {
-      expInfo_->rxPort4Is(0);
+template <Family f>
+void ExporterInfoSm::deletePam_p() {
+   using F = FamilyTraits<f>;
+   if (Kivo::Ptr<Pelto::UdpPam> pam = F::udpPam(*expInfo_)) {
+      F::rxPortIs(*expInfo_, 0);
       pam->modeIs(Pelto::UdpPam::Mode::closed);
-      expInfo_->udpPam4Is(nullptr);
+      F::udpPamIs(*expInfo_, nullptr);
    }
 }
 
-void ExporterInfoSm::deletePam6() {
-   if (Kivo::Ptr<Pelto::UdpPam> pam = expInfo_->udpPam6()) {
-      expInfo_->rxPort6Is(0);
-      pam->modeIs(Pelto::UdpPam::Mode::closed);
-      expInfo_->udpPam6Is(nullptr);
+// A family is ready with an open module whose port is known. The port is published before
+// "ready" and withdrawn after it.
+template <Family f>
+void ExporterInfoSm::publishReady_p() {
+   using F = FamilyTraits<f>;
+   if (F::udpPam(*expInfo_) && F::rxPort(*expInfo_) != 0) {
+      F::rxPortIs(*hwExpConfig_, F::rxPort(*expInfo_));
+      F::readyIs(*hwExpConfig_, true);
+   } else {
+      F::readyIs(*hwExpConfig_, false);
+      F::rxPortIs(*hwExpConfig_, 0);
    }
 }
 
@@ -187,20 +164,8 @@ void ExporterInfoSm::handlePam() {
    if (multiThreaded) {
       return;
    }
-   if (expInfo_->udpPam4() && expInfo_->rxPort4() != 0) {
-      hwExpConfig_->rxPort4Is(expInfo_->rxPort4());
-      hwExpConfig_->exporter4ReadyIs(true);
-   } else {
-      hwExpConfig_->exporter4ReadyIs(false);
-      hwExpConfig_->rxPort4Is(0);
-   }
-   if (expInfo_->udpPam6() && expInfo_->rxPort6() != 0) {
-      hwExpConfig_->rxPort6Is(expInfo_->rxPort6());
-      hwExpConfig_->exporter6ReadyIs(true);
-   } else {
-      hwExpConfig_->exporter6ReadyIs(false);
-      hwExpConfig_->rxPort6Is(0);
-   }
+   publishReady_p<Family::v4>();
+   publishReady_p<Family::v6>();
 }
 
 void ExporterInfoSm::handleDestroyed() {
@@ -208,11 +173,17 @@ void ExporterInfoSm::handleDestroyed() {
    deletePam4();
    deletePam6();
    expInfo_->collInfoDelAll();
-   hwExpConfig_->rxPort4Is(0);
-   hwExpConfig_->exporter4ReadyIs(false);
-   hwExpConfig_->rxPort6Is(0);
-   hwExpConfig_->exporter6ReadyIs(false);
+   forEachFamily([this]<class F>(F) {
+      F::rxPortIs(*hwExpConfig_, 0);
+      F::readyIs(*hwExpConfig_, false);
+   });
 }
+
+// The family steps the public handlers of the header run.
+template void ExporterInfoSm::handleCollectors_p<Family::v4>();
+template void ExporterInfoSm::handleCollectors_p<Family::v6>();
+template void ExporterInfoSm::handlePamManagement_p<Family::v4>();
+template void ExporterInfoSm::handlePamManagement_p<Family::v6>();
 
 // ---------------------------------------------------------------------------------------------
 // FlowTrackerInfoSm

@@ -19,6 +19,7 @@
 #include <string_view>
 
 #include "HwFlowTracking/HwFlowTracking.h"
+#include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/Ipfix.h"
 #include "Kivo/Entity.h"
@@ -65,6 +66,116 @@ class ExporterInfo : public Kivo::Object {
    Kivo::String name_;
 };
 
+// An address family. Everything in which IPv4 and IPv6 differ is in FamilyTraits<f>: the address
+// types, the digit in the names of the family's modules and traces, and which attributes of the
+// exporter configuration and of a module holder belong to it. Code that handles both families is
+// written once, over a family.
+enum class Family : std::uint8_t { v4, v6 };
+
+template <Family f>
+struct FamilyTraits;
+
+// The platform names every per-family attribute by the family's digit (srcIp4, udpPam6, ...) and
+// the address types by an infix ("" for IPv4, "6" for IPv6), so both families are described by
+// the one text below. The accessors on a holder `H` serve every holder of one module per family:
+// ExporterInfo, LocalCollectorPams, and for the port also ExporterConfig.
+#define FLOWTRACKING_FAMILY_TRAITS_(F, D, X, TEXT)                                               \
+   template <>                                                                                   \
+   struct FamilyTraits<Family::F> {                                                              \
+      static constexpr Family family = Family::F;                                                \
+      using Addr = Pelto::Ip##X##Addr;                                                           \
+      using AddrAndPort = Pelto::Ip##X##AndPort;                                                 \
+      using Config = HwFlowTracking::ExporterConfig;                                             \
+      static constexpr bool ipv6 = Family::F == Family::v6;                                      \
+      static constexpr char const* digit = #D;                                                   \
+      static constexpr char const* text = TEXT;                                                  \
+                                                                                                 \
+      static Addr const& srcIp(Config const& c) { return c.srcIp##D(); }                         \
+      static Kivo::Signal<> const& onSrcIp(Config const& c) { return c.onSrcIp##D(); }           \
+      static bool resolved(Config const& c) { return c.exporter##D##Resolved(); }                \
+      static Kivo::Signal<> const& onResolved(Config const& c) {                                 \
+         return c.onExporter##D##Resolved();                                                     \
+      }                                                                                          \
+      static auto const& collectors(Config const& c) { return c.collector##D##Coll(); }          \
+      static AddrAndPort const* collector(Config const& c, Kivo::String const& name) {           \
+         return c.collector##D(name);                                                            \
+      }                                                                                          \
+      static Kivo::Signal<Kivo::String> const& onCollector(Config const& c) {                    \
+         return c.onCollector##D();                                                              \
+      }                                                                                          \
+      static void resolvedIs(Config& c, bool r) { c.exporter##D##ResolvedIs(r); }                \
+      static bool ready(Config const& c) { return c.exporter##D##Ready(); }                      \
+      static void readyIs(Config& c, bool ready) { c.exporter##D##ReadyIs(ready); }              \
+      static Kivo::Signal<> const& onReady(Config const& c) { return c.onExporter##D##Ready(); } \
+                                                                                                 \
+      template <class H>                                                                         \
+      static Kivo::Ptr<Pelto::UdpPam> const& udpPam(H const& h) {                                \
+         return h.udpPam##D();                                                                   \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static void udpPamIs(H& h, Kivo::Ptr<Pelto::UdpPam> pam) {                                 \
+         h.udpPam##D##Is(std::move(pam));                                                        \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static Kivo::Signal<> const& onUdpPam(H const& h) {                                        \
+         return h.onUdpPam##D();                                                                 \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static bool udpPamReady(H const& h) {                                                      \
+         return h.udpPam##D##Ready();                                                            \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static void udpPamReadyIs(H& h, bool ready) {                                              \
+         h.udpPam##D##ReadyIs(ready);                                                            \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static std::uint16_t rxPort(H const& h) {                                                  \
+         return h.rxPort##D();                                                                   \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static void rxPortIs(H& h, std::uint16_t port) {                                           \
+         h.rxPort##D##Is(port);                                                                  \
+      }                                                                                          \
+      template <class H>                                                                         \
+      static Kivo::Signal<> const& onRxPort(H const& h) {                                        \
+         return h.onRxPort##D();                                                                 \
+      }                                                                                          \
+                                                                                                 \
+      /* The address a bound module listens at. */                                               \
+      static void bindAddrIs(Pelto::UdpPam& pam, Addr const& a) { pam.rxIp##X##AddrIs(a); }      \
+      static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam,    \
+                       Addr const& src, AddrAndPort const& dst, Pelto::DscpValue dscp) {         \
+         sendPkt##D(pkt, pam, src, dst, dscp);                                                   \
+      }                                                                                          \
+   }
+
+FLOWTRACKING_FAMILY_TRAITS_(v4, 4, , "IPv4");
+FLOWTRACKING_FAMILY_TRAITS_(v6, 6, 6, "IPv6");
+#undef FLOWTRACKING_FAMILY_TRAITS_
+
+// The member of a per-family pair of a class's own state (`v4`, `v6`) that belongs to `f`.
+template <Family f, class T4, class T6>
+constexpr auto& familyPick(T4& v4, T6& v6) {
+   if constexpr (f == Family::v4) {
+      return v4;
+   } else {
+      return v6;
+   }
+}
+
+// Runs `fn(FamilyTraits<f>{})` for IPv4, then for IPv6.
+template <class Fn>
+void forEachFamily(Fn&& fn) {
+   fn(FamilyTraits<Family::v4>{});
+   fn(FamilyTraits<Family::v6>{});
+}
+
+// Runs `fn(FamilyTraits<f>{})` for the family `f` known only at run time.
+template <class Fn>
+decltype(auto) withFamily(Family f, Fn&& fn) {
+   return f == Family::v4 ? fn(FamilyTraits<Family::v4>{}) : fn(FamilyTraits<Family::v6>{});
+}
+
 class FlowTrackerInfo : public Kivo::Object {
  public:
    explicit FlowTrackerInfo(Kivo::String name) : name_(std::move(name)) {}
@@ -107,23 +218,33 @@ class ExporterInfoSm : public Kivo::Object {
 
    void handleInitialized();
    void handleCollector(Kivo::String const& name);
-   void handleCollector4();
-   void handleCollector6();
-   void handlePam4Management();
-   void handlePam6Management();
+   // The steps of one family, under the names they are known by.
+   void handleCollector4() { handleCollectors_p<Family::v4>(); }
+   void handleCollector6() { handleCollectors_p<Family::v6>(); }
+   void handlePam4Management() { handlePamManagement_p<Family::v4>(); }
+   void handlePam6Management() { handlePamManagement_p<Family::v6>(); }
    void handleVrfName();
    void handlePam();
    void handleDestroyed();
 
+ private:
    // Open a new module for the family and store it; throw (after tracing) when it cannot be opened,
    // storing nothing.
-   void createPam4();
-   void createPam6();
-   void deletePam4();
-   void deletePam6();
+   void createPam4() { createPam_p<Family::v4>(); }
+   void createPam6() { createPam_p<Family::v6>(); }
+   void deletePam4() { deletePam_p<Family::v4>(); }
+   void deletePam6() { deletePam_p<Family::v6>(); }
 
- private:
-   Kivo::Ptr<Pelto::UdpPam> createPam_p(bool ipv6);
+   template <Family f>
+   void handleCollectors_p();
+   template <Family f>
+   void handlePamManagement_p();
+   template <Family f>
+   void createPam_p();
+   template <Family f>
+   void deletePam_p();
+   template <Family f>
+   void publishReady_p();
 
    FlowTrackingType ftrType_;
    Kivo::String ftName_;
@@ -150,13 +271,13 @@ class FlowTrackerInfoSm : public Kivo::Object {
    Kivo::Ptr<ExporterInfoSm> expInfoSm(Kivo::String const& expName) const {
       return expInfoSm_.get(expName);
    }
+
+ private:
    Kivo::Ptr<ExporterInfoSm> expInfoSmIs(Kivo::String const& expName,
                                          Kivo::Ptr<HwFlowTracking::ExporterConfig> const& cfg,
                                          Kivo::Ptr<ExporterInfo> const& info);
    void expInfoSmDel(Kivo::String const& expName) { expInfoSm_.del(expName); }
-   void expInfoSmDelAll() { expInfoSm_.delAll(); }
 
- private:
    FlowTrackingType ftrType_;
    Kivo::String ftName_;
    Kivo::Ptr<HwFlowTracking::FtConfig> hwFtConfig_;
@@ -183,10 +304,10 @@ class FlowTrackingInfoSm : public Kivo::Object {
    Kivo::Ptr<FlowTrackerInfoSm> ftInfoSm(Kivo::String const& ftName) const {
       return ftInfoSm_.get(ftName);
    }
-   void ftInfoSmDel(Kivo::String const& ftName) { ftInfoSm_.del(ftName); }
-   void ftInfoSmDelAll() { ftInfoSm_.delAll(); }
 
  private:
+   void ftInfoSmDel(Kivo::String const& ftName) { ftInfoSm_.del(ftName); }
+
    Kivo::Ptr<Orbo::TaskSchedulerRoot> scheduler_;
    Kivo::Ptr<HwFlowTracking::Config> hwConfig_;
    Kivo::Ptr<FlowTrackingInfo> flowTrackingInfo_;

@@ -32,26 +32,26 @@ class FtExporterSm : public TemplateExporterSmBase {
    ~FtExporterSm() override;
 
    bool initialized() const { return initialized_; }
-   Kivo::Ptr<Orbo::Task> const& templateCreationTask() const { return templateCreationTask_; }
+
+   void handleInitialized();
+   void handleTemplateCreationTask();
+
+ private:
+   Kivo::String taskPrefix() const override { return "ftExporterSm"; }
+   std::uint16_t headerSetId() const override { return 2; }
+
+   // Asserted by name.
    Kivo::Ptr<Ipfix::ElementIdColl const> const& elementIdColl() const { return elementIdColl_; }
 
    // Watches one template status: any change of its fields or use schedules a rebuild.
    void templateStatusIs(Kivo::Ptr<HwFlowTracking::TemplateStatus const> const& status);
    void templateStatusDel(TemplateId id);
    void templateStatusDelAll();
-   std::size_t templateStatuses() const { return templateStatus_.size(); }
 
    // Octets of every template in use; of one template.
    std::uint32_t getFtTemplateLength() const;
    static std::uint32_t getTemplateLength(HwFlowTracking::TemplateStatus const& status);
 
-   void handleInitialized();
-   void handleTemplateCreationTask();
-
-   Kivo::String taskPrefix() const override { return "ftExporterSm"; }
-   std::uint16_t headerSetId() const override { return 2; }
-
- private:
    struct StatusReactor {
       Kivo::Ptr<HwFlowTracking::TemplateStatus const> status;
       Kivo::Reactor reactor;
@@ -85,14 +85,15 @@ class FtTemplateSm : public Kivo::Object {
    Kivo::Ptr<OptionsTemplateExporterSm> optTemplateExporterSm(Kivo::String const& expName) const {
       return optTemplateExporterSm_.get(expName);
    }
-   void ftExporterSmDel(Kivo::String const& expName) { ftExporterSm_.del(expName); }
    void optTemplateExporterSmDel(Kivo::String const& expName) {
       optTemplateExporterSm_.del(expName);
    }
+
+ private:
+   void ftExporterSmDel(Kivo::String const& expName) { ftExporterSm_.del(expName); }
    void ftExporterSmDelAll() { ftExporterSm_.delAll(); }
    void optTemplateExporterSmDelAll() { optTemplateExporterSm_.delAll(); }
 
- private:
    Kivo::String ftName_;
    Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig_;
    Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus_;
@@ -124,8 +125,6 @@ class TemplateSm : public Kivo::Object {
    Kivo::Ptr<FtTemplateSm> ftTemplateSm(Kivo::String const& ftName) const {
       return ftTemplateSm_.get(ftName);
    }
-   void ftTemplateSmDel(Kivo::String const& ftName) { ftTemplateSm_.del(ftName); }
-   void ftTemplateSmDelAll() { ftTemplateSm_.delAll(); }
 
    void handleInitialized();
    void handleHwFtStatus(Kivo::String const& ftName);
@@ -136,6 +135,8 @@ class TemplateSm : public Kivo::Object {
    void initOptTemplateConfig();
 
  private:
+   void ftTemplateSmDel(Kivo::String const& ftName) { ftTemplateSm_.del(ftName); }
+   void ftTemplateSmDelAll() { ftTemplateSm_.delAll(); }
    void optTemplateConfigIs() { optTemplateConfig_ = Kivo::make<OptionsTemplateConfig>(); }
    void optTemplateConfigDel() { optTemplateConfig_ = nullptr; }
 

@@ -219,11 +219,11 @@ void LocalCollectorConfigSm::handleExporterConfig() {
    KTRACE(5, "LocalCollectorConfigSm::handleExporterConfig for " << name_);
    cleanup();
    Kivo::Ptr<HwFlowTracking::ExporterConfig const> chosen;
-   bool ipv6 = false;
+   Family family = Family::v4;
    for (auto const& [expName, expConfig] : ftHwConfig_->expConfigColl()) {
       if (expConfig->exporter4Ready() || expConfig->exporter6Ready()) {
          chosen = expConfig;
-         ipv6 = !expConfig->exporter4Ready();
+         family = expConfig->exporter4Ready() ? Family::v4 : Family::v6;
          break;
       }
    }
@@ -236,7 +236,7 @@ void LocalCollectorConfigSm::handleExporterConfig() {
    Kivo::String const expName = chosen->name();
    Kivo::String const vrfName = chosen->vrfName();
    Pelto::IpGenAddr const srcIp =
-       ipv6 ? Pelto::IpGenAddr(chosen->srcIp6()) : Pelto::IpGenAddr(chosen->srcIp4());
+       withFamily(family, [&]<class F>(F) { return Pelto::IpGenAddr(F::srcIp(*chosen)); });
    Pelto::DscpValue const dscp = chosen->dscp();
 
    Kivo::Ptr<HwFlowTracking::LocalCollectorConfig> const lcc = ftHwConfig_->localCollectorConfig();
@@ -244,14 +244,10 @@ void LocalCollectorConfigSm::handleExporterConfig() {
    lcc->vrfNameIs(vrfName);
    lcc->srcIpIs(srcIp);
    lcc->destIpIs(srcIp);
-   Kivo::Ptr<Pelto::UdpPam> pam;
-   if (ipv6) {
-      createPam6(expName, srcIp.v6(), vrfName);
-      pam = localCollectorPams_->udpPam6();
-   } else {
-      createPam4(expName, srcIp.v4(), vrfName);
-      pam = localCollectorPams_->udpPam4();
-   }
+   Kivo::Ptr<Pelto::UdpPam> const pam = withFamily(family, [&]<class F>(F) {
+      createPam_p<F::family>(expName, F::srcIp(*chosen), vrfName);
+      return F::udpPam(*localCollectorPams_);
+   });
    if (!pam || pam->rxPort() == 0) {
       return;
    }
@@ -270,51 +266,39 @@ void LocalCollectorConfigSm::cleanup() {
    lcc->expNameIs({});
    lcc->destIpIs(Pelto::IpGenAddr(Pelto::IpAddr::ipAddrZero()));
    lcc->dscpValueIs(Pelto::DscpValue());
-   if (Kivo::Ptr<Pelto::UdpPam> pam = localCollectorPams_->udpPam4()) {
-      localCollectorPams_->udpPam4ReadyIs(false);
-      pam->modeIs(Pelto::UdpPam::Mode::closed);
-      localCollectorPams_->udpPam4Is(nullptr);
-   }
-   if (Kivo::Ptr<Pelto::UdpPam> pam = localCollectorPams_->udpPam6()) {
-      localCollectorPams_->udpPam6ReadyIs(false);
-      pam->modeIs(Pelto::UdpPam::Mode::closed);
-      localCollectorPams_->udpPam6Is(nullptr);
-   }
+   forEachFamily([this]<class F>(F) {
+      if (Kivo::Ptr<Pelto::UdpPam> pam = F::udpPam(*localCollectorPams_)) {
+         F::udpPamReadyIs(*localCollectorPams_, false);
+         pam->modeIs(Pelto::UdpPam::Mode::closed);
+         F::udpPamIs(*localCollectorPams_, nullptr);
+      }
+   });
 }
 
-void LocalCollectorConfigSm::createPam4(Kivo::String const& name, Pelto::IpAddr srcIp,
-                                        Kivo::String const& vrfName) {
-   KTRACE(5, "LocalCollectorConfigSm::createPam4 for " << name_ << " for " << name);
-   Kivo::Ptr<Pelto::UdpPam> const pam = newPam_p(false, name);
-   pam->rxIpAddrIs(srcIp);
+template <Family f>
+void LocalCollectorConfigSm::createPam_p(Kivo::String const& name,
+                                         typename FamilyTraits<f>::Addr const& srcIp,
+                                         Kivo::String const& vrfName) {
+   using F = FamilyTraits<f>;
+   KTRACE(5,
+          "LocalCollectorConfigSm::createPam" << F::digit << " for " << name_ << " for " << name);
+   Kivo::Ptr<Pelto::UdpPam> const pam = newPam_p<f>(name);
+   F::bindAddrIs(*pam, srcIp);
    pam->txPortIs(0);
    if (openPam_p(pam, name, vrfName)) {
-      localCollectorPams_->udpPam4ReadyIs(true);
+      F::udpPamReadyIs(*localCollectorPams_, true);
    }
 }
 
-void LocalCollectorConfigSm::createPam6(Kivo::String const& name, Pelto::Ip6Addr const& srcIp,
-                                        Kivo::String const& vrfName) {
-   KTRACE(5, "LocalCollectorConfigSm::createPam6 for " << name_ << " for " << name);
-   Kivo::Ptr<Pelto::UdpPam> const pam = newPam_p(true, name);
-   pam->rxIp6AddrIs(srcIp);
-   pam->txPortIs(0);
-   if (openPam_p(pam, name, vrfName)) {
-      localCollectorPams_->udpPam6ReadyIs(true);
-   }
-}
-
-Kivo::Ptr<Pelto::UdpPam> LocalCollectorConfigSm::newPam_p(bool ipv6, Kivo::String const& expName) {
-   auto pam = Kivo::make<Pelto::UdpPam>((ipv6 ? "StftPam6-" : "StftPam4-") + name_ + "-" + expName);
+template <Family f>
+Kivo::Ptr<Pelto::UdpPam> LocalCollectorConfigSm::newPam_p(Kivo::String const& expName) {
+   using F = FamilyTraits<f>;
+   auto pam =
+       Kivo::make<Pelto::UdpPam>("StftPam" + Kivo::String(F::digit) + "-" + name_ + "-" + expName);
    // Stored before it is opened; a module it replaces is not open any more.
-   if (ipv6) {
-      localCollectorPams_->udpPam6ReadyIs(false);
-      localCollectorPams_->udpPam6Is(pam);
-   } else {
-      localCollectorPams_->udpPam4ReadyIs(false);
-      localCollectorPams_->udpPam4Is(pam);
-   }
-   pam->ipv6EnIs(ipv6);
+   F::udpPamReadyIs(*localCollectorPams_, false);
+   F::udpPamIs(*localCollectorPams_, pam);
+   pam->ipv6EnIs(F::ipv6);
    pam->txPrioIs(Pelto::IpTrafficControl::bulk);
    pam->rxPortIs(0);  // the system picks the port
    return pam;

@@ -14,16 +14,17 @@
 // of any other exporter leaves the configuration alone while one is in use.
 //
 // Nothing is opened inside a reacting handler: every change puts the exporter on a review list,
-// and the task "ipfixLocalCollectorTask" works through the list pamCreateRetryInterval() after
-// the change, yielding when the scheduler asks and carrying on pamCreateRetryInterval() later.
+// and the task "ipfixLocalCollectorTask" works through the list pamCreateRetryInterval after
+// the change, yielding when the scheduler asks and carrying on pamCreateRetryInterval later.
 // Binding fails with EADDRNOTAVAIL while the exporter's source address is not yet assigned; the
-// module is then retried every pamCreateRetryInterval() until it is. Any other failure to open
+// module is then retried every pamCreateRetryInterval until it is. Any other failure to open
 // the module is raised to whoever runs the task and leaves the configuration not ready; the
 // exporter is tried again at its next change.
 #pragma once
 
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ip/AllVrfStatusLocal.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
 #include "Kivo/Entity.h"
 #include "Orbo/TaskScheduler.h"
 #include "Pelto/UdpPam.h"
@@ -92,30 +93,6 @@ class LocalCollectorConfigSm : public Kivo::Object {
 
    // The tracker's name; also this state machine's trace identity.
    Kivo::String const& name() const { return name_; }
-   Kivo::PtrConst<FlowTracking::Config> const& config() const { return config_; }
-   Kivo::Ptr<HwFlowTracking::FtConfig> const& ftHwConfig() const { return ftHwConfig_; }
-   Kivo::Ptr<LocalCollectorPams> const& localCollectorPams() const { return localCollectorPams_; }
-   Kivo::PtrConst<Ip::AllVrfStatusLocal> const& allVrfStatus() const { return allVrfStatus_; }
-   Kivo::Ptr<Orbo::TaskScheduler> const& scheduler() const { return scheduler_; }
-   Kivo::Ptr<Orbo::TimerTask> const& pamRetryTask() const { return pamRetryTask_; }
-   bool initialized() const { return initialized_; }
-
-   // Delay of the review after a change, and between the runs of a review that yielded.
-   double pamCreateRetryInterval() const { return pamCreateRetryInterval_; }
-   void pamCreateRetryIntervalIs(double seconds) { pamCreateRetryInterval_ = seconds; }
-
-   // One reactor per exporter configuration of the tracker.
-   Kivo::Ptr<LocalCollectorExporterReactor> exporterConfig(Kivo::String const& expName) const {
-      return exporterConfig_.get(expName);
-   }
-   // Creates the reactor for the tracker's configuration of `expName`, replacing one that
-   // follows an older configuration under that name. REQUIRES: the tracker has that exporter.
-   Kivo::Ptr<LocalCollectorExporterReactor> exporterConfigIs(Kivo::String const& expName);
-   void exporterConfigDel(Kivo::String const& expName) { exporterConfig_.del(expName); }
-   void exporterConfigDelAll() { exporterConfig_.delAll(); }
-   Kivo::Coll<Kivo::String, LocalCollectorExporterReactor> const& exporterConfigColl() const {
-      return exporterConfig_;
-   }
 
    // Exporters waiting for review, in name order; only entries set true are reviewed.
    KIVO_VALUES(Kivo::String, bool, exporterReviewList, ExporterReviewList);
@@ -124,17 +101,30 @@ class LocalCollectorConfigSm : public Kivo::Object {
    void handleInitialized();
    // The tracker gained, replaced or lost the exporter configuration `expName`.
    void handleExpConfig(Kivo::String const& expName);
-
-   // Puts `expName` on the review list and has the task run pamCreateRetryInterval() from now,
-   // unless it is due earlier.
-   void addToPamReviewList(Kivo::String const& expName);
-   // The task: reviews the listed exporters in name order, yielding when the scheduler asks.
-   void reviewPamCreation();
    // Reviews one exporter: rebuilds when no exporter is in use yet, or when `expName` is the
    // one in use and it went away or changed in a way that matters.
    void handleExporterConfig(Kivo::String const& expName);
    // Rebuilds: clears everything, then chooses an exporter and opens its module.
    void handleExporterConfig();
+
+ private:
+   friend class LocalCollectorExporterReactor;
+   friend struct LocalCollectorConfigSmProbe;
+
+   // Asserted by name.
+   Kivo::PtrConst<FlowTracking::Config> const& config() const { return config_; }
+   Kivo::Ptr<HwFlowTracking::FtConfig> const& ftHwConfig() const { return ftHwConfig_; }
+
+   // Creates the reactor for the tracker's configuration of `expName`, replacing one that
+   // follows an older configuration under that name. REQUIRES: the tracker has that exporter.
+   Kivo::Ptr<LocalCollectorExporterReactor> exporterConfigIs(Kivo::String const& expName);
+   void exporterConfigDel(Kivo::String const& expName) { exporterConfig_.del(expName); }
+
+   // Puts `expName` on the review list and has the task run pamCreateRetryInterval from now,
+   // unless it is due earlier.
+   void addToPamReviewList(Kivo::String const& expName);
+   // The task: reviews the listed exporters in name order, yielding when the scheduler asks.
+   void reviewPamCreation();
    // Whether the exporter in use differs from what the configuration holds for it.
    // REQUIRES: `expConfig` is the exporter in use.
    bool exporterModified(Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& expConfig) const;
@@ -144,14 +134,20 @@ class LocalCollectorConfigSm : public Kivo::Object {
    // On EADDRNOTAVAIL they clean up and put `name` (the exporter) up for review; any other
    // Kivo::ErrnoException is raised again. A VRF name over the maximum length raises
    // Kivo::RangeException.
-   void createPam4(Kivo::String const& name, Pelto::IpAddr srcIp, Kivo::String const& vrfName);
+   void createPam4(Kivo::String const& name, Pelto::IpAddr srcIp, Kivo::String const& vrfName) {
+      createPam_p<Family::v4>(name, srcIp, vrfName);
+   }
    void createPam6(Kivo::String const& name, Pelto::Ip6Addr const& srcIp,
-                   Kivo::String const& vrfName);
-
- private:
+                   Kivo::String const& vrfName) {
+      createPam_p<Family::v6>(name, srcIp, vrfName);
+   }
+   template <Family f>
+   void createPam_p(Kivo::String const& name, typename FamilyTraits<f>::Addr const& srcIp,
+                    Kivo::String const& vrfName);
    bool localExporterInUse_p() const;
    // The module's settings before it is opened; the bind address is set by the caller.
-   Kivo::Ptr<Pelto::UdpPam> newPam_p(bool ipv6, Kivo::String const& expName);
+   template <Family f>
+   Kivo::Ptr<Pelto::UdpPam> newPam_p(Kivo::String const& expName);
    // Opens `pam` in the VRF's namespace; false when the failure was swallowed for a retry.
    bool openPam_p(Kivo::Ptr<Pelto::UdpPam> const& pam, Kivo::String const& expName,
                   Kivo::String const& vrfName);

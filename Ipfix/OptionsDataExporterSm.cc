@@ -51,23 +51,25 @@ void Collector::sendMessage(ExporterInfo const& expInfo,
    Ipfix::IpfixMsgSeqNo const seqNo = collInfo_->ipfixMsgSeqNo();
    Kivo::Ptr<Pelto::Pkt> const pkt = msg.pkt(seqNo.value);
    collInfo_->ipfixMsgSeqNoInc({msg.recordCount()});
-   if (isV4()) {
-      IpAddr const src = hwExpConfig.srcIp4();
-      KIVO_ASSERT(src != IpAddr::ipAddrZero());
-      KTRACE(8, "TX IPv4 " << name_ << " seqNo " << seqNo);
-      sendPkt4(pkt, expInfo.udpPam4(), src, dst4_, hwExpConfig.dscp());
-   } else {
-      Pelto::Ip6Addr const src = hwExpConfig.srcIp6();
-      KIVO_ASSERT(!src.isZero());
-      KTRACE(8, "TX IPv6 " << name_ << " seqNo " << seqNo);
-      sendPkt6(pkt, expInfo.udpPam6(), src, dst6_, hwExpConfig.dscp());
-   }
+   withFamily(family(), [&]<class F>(F) {
+      auto const& src = F::srcIp(hwExpConfig);
+      // Each family keeps the assertion text operators know it by.
+      if constexpr (F::family == Family::v4) {
+         KIVO_ASSERT(src != IpAddr::ipAddrZero());
+      } else {
+         KIVO_ASSERT(!src.isZero());
+      }
+      KTRACE(8, "TX " << F::text << " " << name_ << " seqNo " << seqNo);
+      F::send(pkt, F::udpPam(expInfo), src, dst_p<F::family>(), hwExpConfig.dscp());
+   });
    updateStats(msgWrap);
 }
 
 void Collector::updateStats(MessageWrapper const& msgWrap) {
-   auto const info = isV4() ? Mirra::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
-                            : Mirra::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
+   auto const info = withFamily(family(), [this]<class F>(F) {
+      auto const& dst = dst_p<F::family>();
+      return Mirra::Ipfix::CollectorInfo{dst.ipAddr(), dst.port()};
+   });
    Mirra::Ipfix::CollectorStatisticsKey const key(exporter_->ftName(), exporter_->expName(), info);
    auto& stats = exporter_->collStats();
    Mirra::Ipfix::CollectorStatisticsEntry e =
@@ -134,11 +136,15 @@ bool OptionsDataExporterSm::v4Ready() const {
           !collector4_.empty();
 }
 
+// Unlike IPv4, a missing exporter configuration does not make IPv6 unready; only a present one
+// with no IPv6 source does. Kept as it is on purpose, so the two tests are written apart.
 bool OptionsDataExporterSm::v6Ready() const {
-   // Unlike IPv4, a missing exporter configuration does not make IPv6 unready; only a present
-   // one with no IPv6 source does. Kept as it is on purpose.
    return expInfo_->udpPam6() && !collector6_.empty() &&
           !(hwExpConfig_ && hwExpConfig_->srcIp6().isZero());
+}
+
+bool OptionsDataExporterSm::ready_p(Family f) const {
+   return f == Family::v4 ? v4Ready() : v6Ready();
 }
 
 void OptionsDataExporterSm::handleInitialized() {
@@ -314,27 +320,26 @@ void OptionsDataExporterSm::sendDataTables() {
    // Collectors waiting for a catch-up of their own have just had everything.
    std::erase_if(collectorUpdate_, [this](Kivo::String const& name) {
       auto const c = collector(name);
-      return c && (c->isV4() ? v4Ready() : v6Ready());
+      return c && ready_p(c->family());
    });
    processing_ = false;
    maybeSchedulePeriodic();
 }
 
 void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper const& msgWrap) {
-   bool const v4 = v4Ready();
-   bool const v6 = v6Ready();
    TRACE_ODE(7, "collectors:" << collector_.size() << "(IPv4:" << collector4_.size()
                               << ", IPv6:" << collector6_.size() << ")");
-   if (v4) {
-      for (auto const& name : collector4_) {
+   // Readiness of both families is taken before either sends.
+   bool const ready4 = v4Ready();
+   bool const ready6 = v6Ready();
+   forEachFamily([&]<class F>(F) {
+      if (!familyPick<F::family>(ready4, ready6) || !hwExpConfig_) {
+         return;
+      }
+      for (auto const& name : collectors_p<F::family>()) {
          collector_.at(name)->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
       }
-   }
-   if (v6 && hwExpConfig_) {
-      for (auto const& name : collector6_) {
-         collector_.at(name)->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
-      }
-   }
+   });
 }
 
 void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
@@ -418,18 +423,13 @@ void OptionsDataExporterSm::dropCollector_p(Kivo::String const& name,
 
 // A collector is usable in one family once it has a destination of that family and its options
 // templates were sent. A collector is in one family at a time: a new destination replaces it.
-template <bool v6>
+template <Family f>
 bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
+   using F = FamilyTraits<f>;
    Kivo::Ptr<CollectorInfo> const ci = expInfo_->collInfo(name);
-   auto const* dst = [&] {
-      if constexpr (v6) {
-         return hwExpConfig_ ? hwExpConfig_->collector6(name) : nullptr;
-      } else {
-         return hwExpConfig_ ? hwExpConfig_->collector4(name) : nullptr;
-      }
-   }();
+   auto const* dst = hwExpConfig_ ? F::collector(*hwExpConfig_, name) : nullptr;
    Kivo::Ptr<Collector> const existing = collector(name);
-   std::set<Kivo::String>& family = v6 ? collector6_ : collector4_;
+   std::set<Kivo::String>& family = collectors_p<f>();
    TRACE_ODE(6, name << ", exists:" << static_cast<bool>(existing) << ", collInfo:"
                      << static_cast<bool>(ci) << ", dst:" << (dst ? dst->toString() : "none")
                      << ", templateSent:" << (ci && ci->optTemplateSent()));
@@ -439,17 +439,13 @@ bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
    }
    Pelto::IpAndPort dst4;
    Pelto::Ip6AndPort dst6;
-   if constexpr (v6) {
-      dst6 = *dst;
-   } else {
-      dst4 = *dst;
-   }
+   familyPick<f>(dst4, dst6) = *dst;
    if (existing && existing->collInfo() == ci && existing->dst4() == dst4 &&
        existing->dst6() == dst6) {
       return false;
    }
    if (existing) {
-      TRACE_ODE(6, (v6 ? "stale v6 collector " : "stale v4 collector ") << name);
+      TRACE_ODE(6, "stale v" << F::digit << " collector " << name);
    }
    dropCollector_p(name, collector4_);
    dropCollector_p(name, collector6_);
@@ -460,12 +456,12 @@ bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
 
 bool OptionsDataExporterSm::handleCollector4(Kivo::String const& name) {
    TRACE_HANDLER("handleCollector4");
-   return handleCollectorFamily_p<false>(name);
+   return handleCollectorFamily_p<Family::v4>(name);
 }
 
 bool OptionsDataExporterSm::handleCollector6(Kivo::String const& name) {
    TRACE_HANDLER("handleCollector6");
-   return handleCollectorFamily_p<true>(name);
+   return handleCollectorFamily_p<Family::v6>(name);
 }
 
 void OptionsDataExporterSm::handleCollector(Kivo::String const& name) {
@@ -490,7 +486,7 @@ void OptionsDataExporterSm::processCollectorQueue() {
    }
    for (auto const& name : collectorUpdate_) {
       Kivo::Ptr<Collector> const c = collector(name);
-      if (!c || (c->isV4() ? !v4Ready() : !v6Ready())) {
+      if (!c || !ready_p(c->family())) {
          continue;
       }
       maybeBuildMsgCache();
@@ -503,29 +499,25 @@ void OptionsDataExporterSm::processCollectorQueue() {
 }
 
 // Every collector of the family gets a full catch-up transmission from the new source.
-template <bool v6>
+template <Family f>
 void OptionsDataExporterSm::handleSrc_p() {
-   if constexpr (v6) {
-      TRACE_ODE(5, "src: " << hwExpConfig_->srcIp6());
-   } else {
-      TRACE_ODE(5, "src: " << hwExpConfig_->srcIp4());
-   }
+   using F = FamilyTraits<f>;
+   TRACE_ODE(5, "src: " << F::srcIp(*hwExpConfig_));
    maybeSchedulePeriodic();
-   for (auto const& name :
-        v6 ? hwExpConfig_->collector6Coll().keys() : hwExpConfig_->collector4Coll().keys()) {
-      dropCollector_p(name, v6 ? collector6_ : collector4_);
+   for (auto const& name : F::collectors(*hwExpConfig_).keys()) {
+      dropCollector_p(name, collectors_p<f>());
       handleCollector(name);
    }
 }
 
 void OptionsDataExporterSm::handleSrc4() {
    TRACE_HANDLER("handleSrc4");
-   handleSrc_p<false>();
+   handleSrc_p<Family::v4>();
 }
 
 void OptionsDataExporterSm::handleSrc6() {
    TRACE_HANDLER("handleSrc6");
-   handleSrc_p<true>();
+   handleSrc_p<Family::v6>();
 }
 
 Kivo::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(

@@ -119,7 +119,8 @@ class UpdateSetQueue : public Kivo::Object {
    std::deque<DataRecordPtr> record_;
 };
 
-// One usable collector: its options templates have been sent and it has a destination.
+// One usable collector: its options templates have been sent and it has a destination of one
+// family; the destination of the other family is all zero.
 class Collector : public Kivo::Object {
  public:
    Collector(Kivo::String name, Kivo::Ptr<CollectorInfo> collInfo, Pelto::IpAndPort dst4,
@@ -133,7 +134,8 @@ class Collector : public Kivo::Object {
    Kivo::Ptr<CollectorInfo> const& collInfo() const { return collInfo_; }
    Pelto::IpAndPort const& dst4() const { return dst4_; }
    Pelto::Ip6AndPort const& dst6() const { return dst6_; }
-   bool isV4() const { return dst4_.port() != 0; }
+   // A collector with an IPv4 port is an IPv4 collector; any other is an IPv6 one.
+   Family family() const { return dst4_.port() != 0 ? Family::v4 : Family::v6; }
 
    // Stamps the message with this collector's sequence number, sends it from the configured
    // source of the collector's family, advances the sequence number and counts the message.
@@ -142,6 +144,11 @@ class Collector : public Kivo::Object {
    void updateStats(MessageWrapper const& msgWrap);
 
  private:
+   template <Family f>
+   auto const& dst_p() const {
+      return familyPick<f>(dst4_, dst6_);
+   }
+
    Kivo::String name_;
    Kivo::Ptr<CollectorInfo> collInfo_;
    Pelto::IpAndPort dst4_;
@@ -164,28 +171,7 @@ class OptionsDataExporterSm : public Kivo::Object {
    Kivo::String traceId() const { return ftName_ + " for " + expName_; }
    Kivo::String const& expName() const { return expName_; }
    Kivo::String const& ftName() const { return ftName_; }
-   Mirra::Ipfix::CollectorStatistics& collStats() const { return *collStats_; }
-
-   bool initialized() const { return initialized_; }
-   bool processing() const { return processing_; }
-   bool msgCacheValid() const { return msgCacheValid_; }
-   std::uint32_t msgCacheBuildCount() const { return msgCacheBuildCount_; }
-   std::size_t msgCacheCount() const { return msgCache_.size(); }
-   std::uint32_t updateQueueBytes() const { return updateQueueBytes_; }
-   std::size_t updateQueues() const { return update_.size(); }
-   double updateDataCoalesceTime() const { return updateDataCoalesceTime_; }
    void updateDataCoalesceTimeIs(double seconds) { updateDataCoalesceTime_ = seconds; }
-   Kivo::Ptr<Collector> collector(Kivo::String const& name) const;
-   std::set<Kivo::String> const& collector4() const { return collector4_; }
-   std::set<Kivo::String> const& collector6() const { return collector6_; }
-   Kivo::Ptr<Orbo::Task> const& txPeriodicTask() const { return txPeriodicTask_; }
-   Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
-
-   // Largest message: maxMsgSizeForMtu() of the exporter's MTU (of 0 without a configuration).
-   std::uint16_t maxMsgSize() const;
-   bool v4Ready() const;
-   bool v6Ready() const;
-   bool txReady() const { return v4Ready() || v6Ready(); }
 
    void handleInitialized();
    void handleUpdateData(OptionsDataScope scope);
@@ -202,21 +188,44 @@ class OptionsDataExporterSm : public Kivo::Object {
    void handleUdpPam4();
    void handleUdpPam6();
 
-   void maybeBeginPeriodicTransmission();
-   void maybeSchedulePeriodic();
+   // The cache build and the update flush on their own, for measuring them.
    void maybeBuildMsgCache();
-   void sendDataTables();
-   void sendMessageToCollectors(MessageWrapper const& msgWrap);
    void flushUpdateQueue();
-   void abortUpdates();
-   void processCollectorQueue();
+   std::size_t msgCacheCount() const { return msgCache_.size(); }
+   Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
 
  private:
+   friend class Collector;
+   friend struct OptionsDataExporterSmProbe;
+
+   Mirra::Ipfix::CollectorStatistics& collStats() const { return *collStats_; }
+   // Asserted by name.
+   bool initialized() const { return initialized_; }
+   bool processing() const { return processing_; }
+   Kivo::Ptr<Collector> collector(Kivo::String const& name) const;
+   // Largest message: maxMsgSizeForMtu() of the exporter's MTU (of 0 without a configuration).
+   std::uint16_t maxMsgSize() const;
+   bool v4Ready() const;
+   bool v6Ready() const;
+   bool txReady() const { return v4Ready() || v6Ready(); }
+
+   void maybeBeginPeriodicTransmission();
+   void maybeSchedulePeriodic();
+   void sendDataTables();
+   void sendMessageToCollectors(MessageWrapper const& msgWrap);
+   void abortUpdates();
+   void processCollectorQueue();
    void watchCollInfo_p(Kivo::String const& name);
    void dropCollector_p(Kivo::String const& name, std::set<Kivo::String>& family);
-   template <bool v6>
+   // v4Ready() or v6Ready().
+   bool ready_p(Family f) const;
+   template <Family f>
+   std::set<Kivo::String>& collectors_p() {
+      return familyPick<f>(collector4_, collector6_);
+   }
+   template <Family f>
    bool handleCollectorFamily_p(Kivo::String const& name);
-   template <bool v6>
+   template <Family f>
    void handleSrc_p();
 
    Kivo::String expName_;

@@ -20,16 +20,20 @@ class OptionsTemplateExporterSm : public TemplateExporterSmBase {
                              Kivo::Ptr<OptionsTemplateConfig const> optTemplateConfig);
    ~OptionsTemplateExporterSm() override;
 
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { initialized_ = v; }
-   Kivo::Ptr<Orbo::Task> const& templateCreationTask() const { return templateCreationTask_; }
-   void templateCreationTaskIs(Kivo::Ptr<Orbo::TaskScheduler> const& scheduler,
-                               Orbo::TaskPriority priority, Kivo::String const& name);
-   void templateCreationTaskDel() { templateCreationTask_ = nullptr; }
-
    void handleInitialized();
    void handleOptTemplateConfigVersion();
    void handleTemplateCreationTask();
+
+ private:
+   Kivo::String taskPrefix() const override { return "optionsTemplateExporterSm"; }
+   std::uint16_t headerSetId() const override { return 3; }
+   void updateCollectorOnTx(Kivo::String const& collector) override;
+
+   bool initialized() const { return initialized_; }
+   void initializedIs(bool v) { initialized_ = v; }
+   void templateCreationTaskIs(Kivo::Ptr<Orbo::TaskScheduler> const& scheduler,
+                               Orbo::TaskPriority priority, Kivo::String const& name);
+   void templateCreationTaskDel() { templateCreationTask_ = nullptr; }
    // Octets of all options template records, set header not included.
    std::uint32_t getTemplateLength() const;
    // Writes one field specifier at `offset` and returns the offset after it.
@@ -37,11 +41,6 @@ class OptionsTemplateExporterSm : public TemplateExporterSmBase {
        Kivo::Ptr<Pelto::Pkt> const& pkt, std::uint32_t offset,
        Kivo::Ptr<HwFlowTracking::FtTemplateEntry const> const& entry) const;
 
-   Kivo::String taskPrefix() const override { return "optionsTemplateExporterSm"; }
-   std::uint16_t headerSetId() const override { return 3; }
-   void updateCollectorOnTx(Kivo::String const& collector) override;
-
- private:
    Kivo::Ptr<OptionsTemplateConfig const> optTemplateConfig_;
    bool initialized_ = false;
    Kivo::Ptr<Orbo::Task> templateCreationTask_;

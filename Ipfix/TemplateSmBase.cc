@@ -20,6 +20,12 @@ std::uint32_t nowU32() {
    return static_cast<std::uint32_t>(std::trunc(Kivo::currentTime()));
 }
 
+// The statistics key of a collector address of either family.
+template <class Dst>
+Mirra::Ipfix::CollectorInfo statsKey(Dst const& dst) {
+   return {dst.ipAddr(), dst.port()};
+}
+
 }  // namespace
 
 #define TRACE_BASE(level, what) \
@@ -39,18 +45,17 @@ TemplateExporterSmBase::TemplateExporterSmBase(
       taskScheduler_(std::move(taskScheduler)) {
    reactor_.watch(onTemplateReady(), [this] { handleTemplateReady(); });
    reactor_.watch(hwExpConfig_->onTemplateInterval(), [this] { handleTemplateInterval(); });
-   // A new socket has no port until it sends: send now, so the exporter is ready again at once
-   // rather than a template interval later.
-   reactor_.watch(expInfo_->onUdpPam4(), [this] { maybeTxTemplate_p<V4>(); });
-   reactor_.watch(expInfo_->onUdpPam6(), [this] { maybeTxTemplate_p<V6>(); });
+   forEachFamily([this]<class F>(F) {
+      // A new socket has no port until it sends: send now, so the exporter is ready again at
+      // once rather than a template interval later.
+      reactor_.watch(F::onUdpPam(*expInfo_), [this] { maybeTxTemplate_p<F::family>(); });
+      auto const& configured = F::collectors(*hwExpConfig_);
+      collectorAddr_p<F::family>().insert(configured.begin(), configured.end());
+   });
    reactor_.watch(hwExpConfig_->onCollector4(),
                   [this](Kivo::String const& name) { handleCollectorIpAndPort(name); });
    reactor_.watch(hwExpConfig_->onCollector6(),
                   [this](Kivo::String const& name) { handleCollectorIp6AndPort(name); });
-   collectorIpAndPort_.insert(hwExpConfig_->collector4Coll().begin(),
-                              hwExpConfig_->collector4Coll().end());
-   collectorIp6AndPort_.insert(hwExpConfig_->collector6Coll().begin(),
-                               hwExpConfig_->collector6Coll().end());
 }
 
 TemplateExporterSmBase::~TemplateExporterSmBase() {
@@ -66,11 +71,6 @@ std::uint16_t TemplateExporterSmBase::headerSetId() const {
 }
 
 void TemplateExporterSmBase::updateCollectorOnTx(Kivo::String const&) {}
-
-std::uint32_t TemplateExporterSmBase::exportTimeU32(Kivo::String const& collector) const {
-   auto it = exportTimeU32_.find(collector);
-   return it == exportTimeU32_.end() ? 0 : it->second;
-}
 
 Kivo::Ptr<Pelto::Pkt> TemplateExporterSmBase::getPkt() const {
    return Kivo::make<Pelto::Pkt>(Kivo::maxU16(), headersLen);
@@ -125,79 +125,52 @@ void TemplateExporterSmBase::addIpfixHeaders_p() {
    }
 }
 
-// What an address family is made of: its collectors as configured and as last seen, its source,
-// socket, learned port, statistics key and whether it is sending. The IPv4 trace keeps its
-// historical double blank before "dst ip".
-struct TemplateExporterSmBase::V4 {
-   using Dst = Pelto::IpAndPort;
-   static constexpr char const* dstText = ",  dst ip: ";
-   static auto& seen(TemplateExporterSmBase& b) { return b.collectorIpAndPort_; }
-   static bool& sending(TemplateExporterSmBase& b) { return b.sending4_p; }
-   static bool otherSending(TemplateExporterSmBase const& b) { return b.sending6_p; }
-   static auto const& configured(HwFlowTracking::ExporterConfig const& c) {
-      return c.collector4Coll();
-   }
-   static auto src(HwFlowTracking::ExporterConfig const& c) { return c.srcIp4(); }
-   static Kivo::Ptr<Pelto::UdpPam> pam(ExporterInfo const& e) { return e.udpPam4(); }
-   static void rxPortIs(ExporterInfo& e, std::uint16_t p) { e.rxPort4Is(p); }
-   static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam,
-                    HwFlowTracking::ExporterConfig const& c, Dst const& dst) {
-      sendPkt4(pkt, pam, c.srcIp4(), dst, c.dscp());
-   }
-   static Mirra::Ipfix::CollectorInfo key(Dst const& d) {
-      return Mirra::Ipfix::CollectorInfo::fromIpAndPort(d);
-   }
-};
+template <Family f>
+auto& TemplateExporterSmBase::collectorAddr_p() {
+   return familyPick<f>(collectorIpAndPort_, collectorIp6AndPort_);
+}
 
-struct TemplateExporterSmBase::V6 {
-   using Dst = Pelto::Ip6AndPort;
-   static constexpr char const* dstText = ", dst ip: ";
-   static auto& seen(TemplateExporterSmBase& b) { return b.collectorIp6AndPort_; }
-   static bool& sending(TemplateExporterSmBase& b) { return b.sending6_p; }
-   static bool otherSending(TemplateExporterSmBase const& b) { return b.sending4_p; }
-   static auto const& configured(HwFlowTracking::ExporterConfig const& c) {
-      return c.collector6Coll();
-   }
-   static auto src(HwFlowTracking::ExporterConfig const& c) { return c.srcIp6(); }
-   static Kivo::Ptr<Pelto::UdpPam> pam(ExporterInfo const& e) { return e.udpPam6(); }
-   static void rxPortIs(ExporterInfo& e, std::uint16_t p) { e.rxPort6Is(p); }
-   static void send(Kivo::Ptr<Pelto::Pkt> const& pkt, Kivo::Ptr<Pelto::UdpPam> const& pam,
-                    HwFlowTracking::ExporterConfig const& c, Dst const& dst) {
-      sendPkt6(pkt, pam, c.srcIp6(), dst, c.dscp());
-   }
-   static Mirra::Ipfix::CollectorInfo key(Dst const& d) {
-      return Mirra::Ipfix::CollectorInfo::fromIp6AndPort(d);
-   }
-};
+template <Family f>
+bool& TemplateExporterSmBase::sending_p() {
+   return familyPick<f>(sending4_p, sending6_p);
+}
+
+// Whether the family that is not `f` sent in its last pass.
+template <Family f>
+bool TemplateExporterSmBase::otherSending_p() const {
+   return f == Family::v4 ? sending6_p : sending4_p;
+}
 
 void TemplateExporterSmBase::maybeTxTemplate_p() {
    TRACE_BASE(6, "maybeTxTemplate_p");
-   maybeTxTemplate_p<V4>();
-   maybeTxTemplate_p<V6>();
+   maybeTxTemplate_p<Family::v4>();
+   maybeTxTemplate_p<Family::v6>();
 }
 
 // A family can send once the template is built and it has a source and a socket.
-template <class F>
+template <Family f>
 bool TemplateExporterSmBase::canSend_p() const {
-   return templateReady() && !F::src(*hwExpConfig_).isZero() && F::pam(*expInfo_);
+   using F = FamilyTraits<f>;
+   return templateReady() && !F::srcIp(*hwExpConfig_).isZero() && F::udpPam(*expInfo_);
 }
 
-template <class F>
+template <Family f>
 void TemplateExporterSmBase::maybeTxTemplate_p() {
+   using F = FamilyTraits<f>;
    bool sent = false;
-   if (canSend_p<F>()) {
-      auto const& seen = F::seen(*this);
-      for (auto const& [name, configured] : F::configured(*hwExpConfig_)) {
+   if (canSend_p<f>()) {
+      auto const& seen = collectorAddr_p<f>();
+      for (auto const& [name, configured] : F::collectors(*hwExpConfig_)) {
          auto it = seen.find(name);
-         doTxTemplate_p<F>(it == seen.end() ? typename F::Dst() : it->second, name);
+         doTxTemplate_p<f>(it == seen.end() ? typename F::AddrAndPort() : it->second, name);
          KTRACE(6, "Template sent to " << name);
          sent = true;
       }
    }
-   F::sending(*this) = sent;
+   sending_p<f>() = sent;
    if (sent) {
       schedulePeriodicTemplateTx_p();
-   } else if (!F::otherSending(*this)) {
+   } else if (!otherSending_p<f>()) {
       stopPeriodicTemplateTx_p();
    }
 }
@@ -211,18 +184,21 @@ void TemplateExporterSmBase::updateMsgHeader_p(Kivo::String const& collector) {
    msg.sequenceNumberIs(ci ? ci->ipfixMsgSeqNo().value : 0);
 }
 
-template <class F>
-void TemplateExporterSmBase::doTxTemplate_p(typename F::Dst const& dst,
+template <Family f>
+void TemplateExporterSmBase::doTxTemplate_p(typename FamilyTraits<f>::AddrAndPort const& dst,
                                             Kivo::String const& collector) {
+   using F = FamilyTraits<f>;
    updateMsgHeader_p(collector);
-   Kivo::Ptr<Pelto::UdpPam> const pam = F::pam(*expInfo_);
-   F::send(templatePkt_, pam, *hwExpConfig_, dst);
+   Kivo::Ptr<Pelto::UdpPam> const pam = F::udpPam(*expInfo_);
+   F::send(templatePkt_, pam, F::srcIp(*hwExpConfig_), dst, hwExpConfig_->dscp());
    ++templateTxCount_;
-   updateStats(F::key(dst));
+   updateStats(statsKey(dst));
    F::rxPortIs(*expInfo_, pam->rxPort());
    updateCollectorOnTx(collector);
-   KTRACE(7, "Template sent to " << collector << F::dstText << dst.ipAddr() << ", dst port: "
-                                 << dst.port() << ", src: " << F::src(*hwExpConfig_)
+   // The IPv4 trace keeps its historical double blank before "dst ip".
+   char const* const dstText = f == Family::v4 ? ",  dst ip: " : ", dst ip: ";
+   KTRACE(7, "Template sent to " << collector << dstText << dst.ipAddr() << ", dst port: "
+                                 << dst.port() << ", src: " << F::srcIp(*hwExpConfig_)
                                  << ", tos :" << static_cast<int>(pam->txTos()));
 }
 
@@ -275,15 +251,14 @@ void TemplateExporterSmBase::handleTemplateInterval() {
    maybeTxTemplate_p();
 }
 
-template <class F>
+template <Family f>
 void TemplateExporterSmBase::mirrorCollector_p(Kivo::String const& name) {
-   auto& seen = F::seen(*this);
+   auto& seen = collectorAddr_p<f>();
    auto it = seen.find(name);
-   auto const& configured = F::configured(*hwExpConfig_);
-   typename F::Dst const* now = configured.find(name);
+   auto const* now = FamilyTraits<f>::collector(*hwExpConfig_, name);
    if (it != seen.end() && (!now || *now != it->second)) {
       // The old address is no longer a collector: its statistics go with it.
-      collStats_->statsDel({ftName_, expName_, F::key(it->second)});
+      collStats_->statsDel({ftName_, expName_, statsKey(it->second)});
       seen.erase(it);
    }
    if (now) {
@@ -294,48 +269,47 @@ void TemplateExporterSmBase::mirrorCollector_p(Kivo::String const& name) {
 // A collector with an address gets the template at once rather than at the next interval. Once
 // the family has no collector left it is not sending, and with neither family sending the
 // periodic task stops now rather than after one more empty pass.
-template <class F>
+template <Family f>
 void TemplateExporterSmBase::handleCollector_p(Kivo::String const& name) {
-   mirrorCollector_p<F>(name);
-   auto const& seen = F::seen(*this);
+   mirrorCollector_p<f>(name);
+   auto const& seen = collectorAddr_p<f>();
    auto it = seen.find(name);
    if (it == seen.end()) {
-      if (F::configured(*hwExpConfig_).empty()) {
-         F::sending(*this) = false;
-         if (!F::otherSending(*this)) {
+      if (FamilyTraits<f>::collectors(*hwExpConfig_).empty()) {
+         sending_p<f>() = false;
+         if (!otherSending_p<f>()) {
             stopPeriodicTemplateTx_p();
          }
       }
       return;
    }
-   if (!canSend_p<F>()) {
+   if (!canSend_p<f>()) {
       return;
    }
-   doTxTemplate_p<F>(it->second, name);
-   F::sending(*this) = true;
+   doTxTemplate_p<f>(it->second, name);
+   sending_p<f>() = true;
    schedulePeriodicTemplateTx_p();
 }
 
 void TemplateExporterSmBase::handleCollectorIpAndPort(Kivo::String const& name) {
    KTRACE(5, "TemplateExporterSmBase::handleCollectorIpAndPort for "
                  << traceId() << ", for collector: " << name);
-   handleCollector_p<V4>(name);
+   handleCollector_p<Family::v4>(name);
 }
 
 void TemplateExporterSmBase::handleCollectorIp6AndPort(Kivo::String const& name) {
    KTRACE(5, "TemplateExporterSmBase::handleCollectorIp6AndPort for "
                  << traceId() << ", for collector: " << name);
-   handleCollector_p<V6>(name);
+   handleCollector_p<Family::v6>(name);
 }
 
 void TemplateExporterSmBase::handleDel() {
    TRACE_BASE(5, "handleDel");
-   for (auto const& [name, addr] : collectorIpAndPort_) {
-      collStats_->statsDel({ftName_, expName_, V4::key(addr)});
-   }
-   for (auto const& [name, addr] : collectorIp6AndPort_) {
-      collStats_->statsDel({ftName_, expName_, V6::key(addr)});
-   }
+   forEachFamily([this]<class F>(F) {
+      for (auto const& [name, addr] : collectorAddr_p<F::family>()) {
+         collStats_->statsDel({ftName_, expName_, statsKey(addr)});
+      }
+   });
 }
 
 }  // namespace FlowTracking

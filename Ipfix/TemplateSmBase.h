@@ -37,31 +37,12 @@ class TemplateExporterSmBase : public Kivo::Object {
 
    Kivo::String const& expName() const { return expName_; }
    Kivo::String const& ftName() const { return ftName_; }
-   FtId ftId() const { return ftId_; }
    Kivo::String traceId() const { return ftName_ + " for " + expName_; }
-
-   Kivo::Ptr<Pelto::Pkt> const& templatePkt() const { return templatePkt_; }
-   void templatePktIs(Kivo::Ptr<Pelto::Pkt> p) { templatePkt_ = std::move(p); }
-   std::uint16_t templatePktMsgLen() const { return templatePktMsgLen_; }
-   std::uint16_t templatePktTemplateCount() const { return templatePktTemplateCount_; }
-   void templatePktTemplateCountIs(std::uint16_t n) { templatePktTemplateCount_ = n; }
-   std::uint32_t templateTxCount() const { return templateTxCount_; }
-   Kivo::Ptr<Orbo::Task> const& periodicTemplateTxTask() const { return periodicTemplateTxTask_; }
-   std::map<TemplateId, std::uint32_t> const& templateLen() const { return templateLen_; }
-   void templateLenIs(TemplateId id, std::uint32_t len) { templateLen_[id] = len; }
-   void templateLenDelAll() { templateLen_.clear(); }
-   std::uint32_t exportTimeU32(Kivo::String const& collector) const;
 
    // Setting it runs handleTemplateReady() when it changes.
    KIVO_ATTR(bool, templateReady, TemplateReady);
 
  public:
-   // An empty packet with room for any template message and for the headers in front of it.
-   Kivo::Ptr<Pelto::Pkt> getPkt() const;
-   // Completes the message from the records in templatePkt() and sends it where sending is due.
-   // REQUIRES: templatePkt() holds exactly the records whose lengths templateLen() records.
-   void finishMessage();
-
    void handleStartup();
    void handleTemplateReady();
    void handleTemplateInterval();
@@ -73,13 +54,24 @@ class TemplateExporterSmBase : public Kivo::Object {
    void handleCollectorIp6AndPort(Kivo::String const& name);
    void handleDel();
 
+ protected:
+   // For the subclass building the template records.
+   void templatePktIs(Kivo::Ptr<Pelto::Pkt> p) { templatePkt_ = std::move(p); }
+   void templatePktTemplateCountIs(std::uint16_t n) { templatePktTemplateCount_ = n; }
+   void templateLenIs(TemplateId id, std::uint32_t len) { templateLen_[id] = len; }
+   void templateLenDelAll() { templateLen_.clear(); }
+   // An empty packet with room for any template message and for the headers in front of it.
+   Kivo::Ptr<Pelto::Pkt> getPkt() const;
+   // Completes the message from the records in templatePkt_ and sends it where sending is due.
+   // REQUIRES: templatePkt_ holds exactly the records whose lengths templateLen_ records.
+   void finishMessage();
+
    // Name prefix of the periodic task, and the set id of the template set.
    virtual Kivo::String taskPrefix() const;
    virtual std::uint16_t headerSetId() const;
    // Called after each send to a collector.
    virtual void updateCollectorOnTx(Kivo::String const& collector);
 
- protected:
    Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& hwExpConfig() const {
       return hwExpConfig_;
    }
@@ -87,20 +79,27 @@ class TemplateExporterSmBase : public Kivo::Object {
    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler() const { return taskScheduler_; }
 
  private:
+   friend struct TemplateExporterSmBaseProbe;
+
    void addIpfixHeaders_p();
-   // The two address families differ only in which fields they use; each operation below is
-   // written once over a family (V4 or V6, defined with the operations).
-   struct V4;
-   struct V6;
-   template <class F>
+   // Every step that differs between the address families is written once, over a family; the
+   // family's own state is picked from the pairs below.
+   template <Family f>
+   auto& collectorAddr_p();
+   template <Family f>
+   bool& sending_p();
+   template <Family f>
+   bool otherSending_p() const;
+   template <Family f>
    bool canSend_p() const;
-   template <class F>
+   template <Family f>
    void maybeTxTemplate_p();
-   template <class F>
-   void doTxTemplate_p(typename F::Dst const& dst, Kivo::String const& collector);
-   template <class F>
+   template <Family f>
+   void doTxTemplate_p(typename FamilyTraits<f>::AddrAndPort const& dst,
+                       Kivo::String const& collector);
+   template <Family f>
    void mirrorCollector_p(Kivo::String const& name);
-   template <class F>
+   template <Family f>
    void handleCollector_p(Kivo::String const& name);
    void maybeTxTemplate_p();
    void updateMsgHeader_p(Kivo::String const& collector);

@@ -176,8 +176,14 @@ CollectorHealthMonitor::~CollectorHealthMonitor() {
 std::optional<HealthKey> CollectorHealthMonitor::keyFor(Pelto::TxFailure const& f) const {
    for (auto const& [ftName, ft] : info_->ftInfoColl()) {
       for (auto const& [expName, exp] : ft->expInfoColl()) {
-         bool const v6 = exp->udpPam6().get() == f.module;
-         if (!v6 && exp->udpPam4().get() != f.module) {
+         // The family whose module failed; IPv6 when both match (no module at all).
+         std::optional<FlowTracking::Family> family;
+         FlowTracking::forEachFamily([&]<class F>(F) {
+            if (F::udpPam(*exp).get() == f.module) {
+               family = F::family;
+            }
+         });
+         if (!family) {
             continue;
          }
          auto ftCfg = config_->ftConfig(ftName);
@@ -185,16 +191,13 @@ std::optional<HealthKey> CollectorHealthMonitor::keyFor(Pelto::TxFailure const& 
          if (!expCfg) {
             return std::nullopt;
          }
-         bool known = false;
-         if (v6) {
-            for (auto const& [name, addr] : expCfg->collector6Coll()) {
-               known |= f.dst == Pelto::IpGenAddr(addr.ipAddr()) && f.dstPort == addr.port();
+         bool const known = FlowTracking::withFamily(*family, [&]<class F>(F) {
+            bool any = false;
+            for (auto const& [name, addr] : F::collectors(*expCfg)) {
+               any |= f.dst == Pelto::IpGenAddr(addr.ipAddr()) && f.dstPort == addr.port();
             }
-         } else {
-            for (auto const& [name, addr] : expCfg->collector4Coll()) {
-               known |= f.dst == Pelto::IpGenAddr(addr.ipAddr()) && f.dstPort == addr.port();
-            }
-         }
+            return any;
+         });
          if (!known) {
             return std::nullopt;
          }

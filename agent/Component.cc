@@ -308,27 +308,29 @@ void Component::resolve_(std::string const& ft, ExporterConfig const& exp) {
       }
       resolvedIs(want);
    };
-   set(exp.source4.has_value(), state.netNs4, e->exporter4Resolved(),
-       [&](bool v) { e->exporter4ResolvedIs(v); });
-   set(exp.source6.has_value(), state.netNs6, e->exporter6Resolved(),
-       [&](bool v) { e->exporter6ResolvedIs(v); });
+   FlowTracking::forEachFamily([&]<class F>(F) {
+      set(FlowTracking::familyPick<F::family>(exp.source4, exp.source6).has_value(),
+          FlowTracking::familyPick<F::family>(state.netNs4, state.netNs6), F::resolved(*e),
+          [&](bool v) { F::resolvedIs(*e, v); });
+   });
 }
 
 void Component::watchReadiness_(std::string const& ft, std::string const& exp) {
    auto e = hwConfig_->ftConfig(ft)->expConfig(exp);
    auto& reactor = exporters_.at({ft, exp})->reactor;
-   reactor.watch(e->onExporter4Ready(),
-                 [this, ft, exp, e] { logReadiness_(ft, exp, false, e->exporter4Ready()); });
-   reactor.watch(e->onExporter6Ready(),
-                 [this, ft, exp, e] { logReadiness_(ft, exp, true, e->exporter6Ready()); });
+   FlowTracking::forEachFamily([&]<class F>(F) {
+      reactor.watch(F::onReady(*e),
+                    [this, ft, exp, e] { logReadiness_(ft, exp, F::family, F::ready(*e)); });
+   });
 }
 
-void Component::logReadiness_(std::string const& ft, std::string const& exp, bool v6, bool ready) {
+void Component::logReadiness_(std::string const& ft, std::string const& exp,
+                              FlowTracking::Family family, bool ready) {
    auto it = exporters_.find({ft, exp});
    if (it == exporters_.end()) {
       return;
    }
-   bool& was = v6 ? it->second->ready6 : it->second->ready4;
+   bool& was = family == FlowTracking::Family::v6 ? it->second->ready6 : it->second->ready4;
    if (was == ready) {
       return;
    }
@@ -340,8 +342,9 @@ void Component::logReadiness_(std::string const& ft, std::string const& exp, boo
       vrf = Ip::AllVrfStatusLocal::defaultVrfName();
    }
    log(Severity::info, std::string(msg.name) + ": " +
-                           FlowTracking::formatLogMessage(msg, v6 ? "IPv6" : "IPv4", exp, vrf,
-                                                          text(info_->ftrType()), ft));
+                           FlowTracking::formatLogMessage(
+                               msg, FlowTracking::withFamily(family, [](auto F) { return F.text; }),
+                               exp, vrf, text(info_->ftrType()), ft));
 }
 
 void Component::applySoftwareExport_() {

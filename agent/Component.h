@@ -94,7 +94,8 @@ class Component {
    void resolve_(std::string const& ft, ExporterConfig const& exp);
    void resolveAll_();
    void watchReadiness_(std::string const& ft, std::string const& exp);
-   void logReadiness_(std::string const& ft, std::string const& exp, bool v6, bool ready);
+   void logReadiness_(std::string const& ft, std::string const& exp, FlowTracking::Family family,
+                      bool ready);
    void intfIs_(std::string const& name, std::uint32_t index);
    void intfDel_(std::string const& name);
 

@@ -297,3 +297,42 @@ TEST(FlowTrackerInfoSm, ExporterLogMessagesFormatTheirFiveArguments) {
    EXPECT_EQ(formatLogMessage(flowTrackingExporterInactive, "IPv6", "e%s", "", "hardware", "t"),
              "IPv6 exporter e%s in VRF , in hardware flow tracker t is inactive.");
 }
+
+// Each family's description reaches that family's attributes and never the other's: written
+// through the description, read back under the platform's own names.
+TEST(FlowTrackerInfoSm, FamilyDescriptionTouchesOnlyItsOwnFamily) {
+   struct Seen {
+      bool resolved, ready;
+      std::uint16_t cfgPort, infoPort;
+      bool pam;
+   };
+   auto seen4 = [](ExporterConfig const& c, ExporterInfo const& i) {
+      return Seen{c.exporter4Resolved(), c.exporter4Ready(), c.rxPort4(), i.rxPort4(),
+                  static_cast<bool>(i.udpPam4())};
+   };
+   auto seen6 = [](ExporterConfig const& c, ExporterInfo const& i) {
+      return Seen{c.exporter6Resolved(), c.exporter6Ready(), c.rxPort6(), i.rxPort6(),
+                  static_cast<bool>(i.udpPam6())};
+   };
+   auto touched = [](Seen const& s) {
+      return s.resolved && s.ready && s.cfgPort == 7 && s.infoPort == 9 && s.pam;
+   };
+   auto untouched = [](Seen const& s) {
+      return !s.resolved && !s.ready && s.cfgPort == 0 && s.infoPort == 0 && !s.pam;
+   };
+   for (Family const family : {Family::v4, Family::v6}) {
+      ExporterConfig cfg("e");
+      ExporterInfo info("e");
+      withFamily(family, [&]<class F>(F) {
+         F::resolvedIs(cfg, true);
+         F::readyIs(cfg, true);
+         F::rxPortIs(cfg, 7);
+         F::rxPortIs(info, 9);
+         F::udpPamIs(info, Kivo::make<Pelto::UdpPam>("p"));
+         EXPECT_TRUE(F::resolved(cfg) && F::ready(cfg) && F::rxPort(cfg) == 7 && F::udpPam(info));
+      });
+      bool const v4 = family == Family::v4;
+      EXPECT_TRUE(touched(v4 ? seen4(cfg, info) : seen6(cfg, info))) << v4;
+      EXPECT_TRUE(untouched(v4 ? seen6(cfg, info) : seen4(cfg, info))) << v4;
+   }
+}

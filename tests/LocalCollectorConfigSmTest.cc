@@ -12,6 +12,7 @@
 #include "Ipfix/LocalCollectorConfigSm.h"
 #include "Trace/Snaplog.h"
 #include "support/DeathText.h"
+#include "support/LocalCollectorConfigSmProbe.h"
 #include "support/NetNs.h"
 
 using namespace FlowTracking;
@@ -125,18 +126,18 @@ TEST(LocalCollectorConfigSm, ReviewListRunsAfterRetryIntervalAndYieldsWhenAsked)
       double const due = rig.clock->now() + 0.05;
       rig.run(0.03);
       rig.ftConfig->expConfig("e1")->dscpIs(Pelto::DscpValue(8));  // the earlier run is kept
-      EXPECT_EQ(rig.sm->pamRetryTask()->dueTime(), due);
+      EXPECT_EQ(LocalCollectorConfigSmProbe::pamRetryTask(*rig.sm)->dueTime(), due);
       rig.run(0.019);
       EXPECT_TRUE(reviewTrace().empty());
       for (std::size_t left : {2u, 1u, 0u}) {
-         double const start = rig.sm->pamRetryTask()->dueTime();
+         double const start = LocalCollectorConfigSmProbe::pamRetryTask(*rig.sm)->dueTime();
          rig.clock->nowIs(start);
          rig.scheduler->runUntilIdle();
          EXPECT_EQ(rig.sm->exporterReviewListColl().size(), yieldAlways ? left : 0u);
          if (!yieldAlways) {
             break;
          }
-         EXPECT_EQ(rig.sm->pamRetryTask()->dueTime(), start + 0.05);
+         EXPECT_EQ(LocalCollectorConfigSmProbe::pamRetryTask(*rig.sm)->dueTime(), start + 0.05);
       }
       rig.run(1.0);
       std::string const p = "processing review::", n = "local exporter not ready::",
@@ -144,7 +145,7 @@ TEST(LocalCollectorConfigSm, ReviewListRunsAfterRetryIntervalAndYieldsWhenAsked)
       using V = std::vector<std::string>;
       EXPECT_EQ(reviewTrace(), (yieldAlways ? V{p, n, y, p, n, y, p, n, y, "nothing to review ::"}
                                             : V{p, n, n, n, "review done ::"}));
-      EXPECT_FALSE(rig.sm->pamRetryTask()->scheduled());
+      EXPECT_FALSE(LocalCollectorConfigSmProbe::pamRetryTask(*rig.sm)->scheduled());
    }
 }
 
@@ -298,7 +299,7 @@ TEST(LocalCollectorConfigSm, OtherOpenFailuresAreRaisedAndLeaveItNotReady) {
    EXPECT_EQ(traced("Caught ErrnoException: ", "(errno 2)"), 1u);
    EXPECT_EQ(traced("Caught exception in task ipfixLocalCollectorTask: ", "(errno 2)"), 1u);
    EXPECT_FALSE(rig.lcc().exporterReady() || rig.pams->udpPam4Ready());
-   EXPECT_FALSE(rig.sm->pamRetryTask()->scheduled());
+   EXPECT_FALSE(LocalCollectorConfigSmProbe::pamRetryTask(*rig.sm)->scheduled());
    e1->vrfNameIs("");
    rig.run();
    EXPECT_TRUE(rig.lcc().exporterReady());

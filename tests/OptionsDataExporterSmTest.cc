@@ -9,9 +9,11 @@
 #include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 #include "support/ExportFixture.h"
+#include "support/OptionsDataExporterSmProbe.h"
 
 using namespace FlowTracking;
 using Ipfix::element;
+using Probe = FlowTracking::OptionsDataExporterSmProbe;
 
 namespace {
 
@@ -123,19 +125,19 @@ TEST_F(OptionsDataExport, UsableCollectorsGetTheWholeTableAtOnceAndEveryActiveIn
       EXPECT_EQ(receive(*c).sorted(), table);
    }
    EXPECT_TRUE(receive(b).names.empty());  // another exporter's collector
-   EXPECT_EQ(exp->msgCacheBuildCount(), 1u);
+   EXPECT_EQ(Probe::msgCacheBuildCount(*exp), 1u);
 
    ASSERT_TRUE(scheduler->runFor(*clock, 59.5));
    EXPECT_TRUE(receive(a).names.empty());
    ASSERT_TRUE(scheduler->runFor(*clock, 0.5));
    EXPECT_EQ(receive(a).names.size(), 3u);
-   EXPECT_EQ(exp->msgCacheBuildCount(), 1u);  // nothing changed: the cache was reused
+   EXPECT_EQ(Probe::msgCacheBuildCount(*exp), 1u);  // nothing changed: the cache was reused
 
    source->dataRecordIs(intfRecord(4, "Ethernet4"));
    source->versionInc(1);
    ASSERT_TRUE(scheduler->runFor(*clock, 60));
    EXPECT_EQ(receive(a).names.size(), 4u);
-   EXPECT_EQ(exp->msgCacheBuildCount(), 2u);
+   EXPECT_EQ(Probe::msgCacheBuildCount(*exp), 2u);
    // Template messages in between (every 30 s) took no sequence numbers.
    EXPECT_EQ(info->ftInfo("t1")->expInfo("e1")->collInfo("a")->ipfixMsgSeqNo().value, 10u);
    auto const stats = statsOf("e1", Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort()));
@@ -149,7 +151,7 @@ TEST_F(OptionsDataExport, UsableCollectorsGetTheWholeTableAtOnceAndEveryActiveIn
 // octets plus the headers of their sets reach a full message: 16 + 4 + 7 * 179 + 179 = 1452.
 TEST_F(OptionsDataExport, UpdatesCoalesceBelowAFullMessageAndGoAtOnceAtIt) {
    ASSERT_TRUE(scheduler->runUntilIdle());
-   EXPECT_EQ(exp->maxMsgSize(), 1452);
+   EXPECT_EQ(Probe::maxMsgSize(*exp), 1452);
    for (auto [lastLen, immediate] : {std::pair{178u, false}, {179u, true}}) {
       receive(a);
       for (std::uint32_t i = 0; i < 7; ++i) {
@@ -163,7 +165,7 @@ TEST_F(OptionsDataExport, UpdatesCoalesceBelowAFullMessageAndGoAtOnceAtIt) {
       ASSERT_TRUE(scheduler->runUntilIdle());
       EXPECT_EQ(receive(a).names.size(), immediate ? 8u : 0u) << lastLen;
       ASSERT_TRUE(scheduler->runFor(*clock, defaultUpdateDataCoalesceTime()));
-      EXPECT_EQ(exp->updateQueueBytes(), 0u);
+      EXPECT_EQ(Probe::updateQueueBytes(*exp), 0u);
    }
 }
 
@@ -181,13 +183,13 @@ TEST_F(OptionsDataExport, ManyChangesAtOnceGoPromptlyInFullMessagesAndPeriodicRu
    for (std::size_t i = 1; i < r.seqNos.size(); ++i) {
       EXPECT_EQ(r.seqNos[i], r.seqNos[i - 1] + r.recordCounts[i - 1]);
    }
-   EXPECT_EQ(exp->updateQueueBytes(), 0u);
+   EXPECT_EQ(Probe::updateQueueBytes(*exp), 0u);
 
    // A periodic transmission drops what is still queued.
    update->addUpdate(intfSet, intfRecord(9, "x"));
-   EXPECT_GT(exp->updateQueueBytes(), 0u);
-   exp->maybeBeginPeriodicTransmission();
-   EXPECT_EQ(exp->updateQueueBytes(), 0u);
+   EXPECT_GT(Probe::updateQueueBytes(*exp), 0u);
+   Probe::maybeBeginPeriodicTransmission(*exp);
+   EXPECT_EQ(Probe::updateQueueBytes(*exp), 0u);
    EXPECT_FALSE(exp->updateTask()->scheduled());
 }
 
@@ -198,7 +200,7 @@ TEST_F(OptionsDataExport, CollectorGetsNothingUntilItsOptionsTemplatesAreSent) {
    testsupport::LoopbackCollector c;
    exporter("e1")->collector4Is("late", c.ipAndPort());
    ASSERT_TRUE(scheduler->runFor(*clock, 61));
-   EXPECT_FALSE(exp->collector("late"));
+   EXPECT_FALSE(Probe::collector(*exp, "late"));
    // Its decoder never sees the options templates, so read the interface records undecoded.
    EXPECT_TRUE(rawIntfNames(c.drain(1000)).empty());  // "a" got the table twice; "late" nothing
    info->ftInfo("t1")->expInfo("e1")->collInfo("late")->optTemplateSentIs(true);
@@ -229,10 +231,10 @@ TEST_F(OptionsDataExport, EveryMtuGivesMessagesOfTheSizeTheRuleAllows) {
       SCOPED_TRACE("ipfixMtu " + std::to_string(c.mtu));
       EXPECT_EQ(maxMsgSizeForMtu(c.mtu), c.maxSize);
       exporter("e1")->ipfixMtuIs(c.mtu);
-      EXPECT_FALSE(exp->msgCacheValid());  // rebuilt by the next transmission
-      EXPECT_EQ(exp->maxMsgSize(), c.maxSize);
+      EXPECT_FALSE(Probe::msgCacheValid(*exp));  // rebuilt by the next transmission
+      EXPECT_EQ(Probe::maxMsgSize(*exp), c.maxSize);
       if (c.maxSize < hdrs + shortest) {
-         EXPECT_DEATH(exp->maybeBeginPeriodicTransmission(), "consumed > 0");
+         EXPECT_DEATH(Probe::maybeBeginPeriodicTransmission(*exp), "consumed > 0");
          continue;
       }
       std::uint32_t const len = std::min<std::uint32_t>(259, c.maxSize - hdrs);
@@ -251,8 +253,8 @@ TEST_F(OptionsDataExport, EveryMtuGivesMessagesOfTheSizeTheRuleAllows) {
       std::sort(expected.begin(), expected.end());
       receive(a);
       receive(v6);
-      exp->maybeBeginPeriodicTransmission();
-      EXPECT_TRUE(exp->msgCacheValid());
+      Probe::maybeBeginPeriodicTransmission(*exp);
+      EXPECT_TRUE(Probe::msgCacheValid(*exp));
       for (auto* col : {&a, &v6}) {
          Received const r = receive(*col);
          EXPECT_EQ(r.sorted(), expected);
@@ -315,8 +317,8 @@ TEST_F(OptionsDataExport, PeriodicRunWhileProcessingIsSkipped) {
    reentry.watch(info->ftInfo("t1")->expInfo("e1")->collInfo("a")->onIpfixMsgSeqNo(), [&] {
       if (!asked) {
          asked = true;
-         EXPECT_TRUE(exp->processing());
-         exp->maybeBeginPeriodicTransmission();
+         EXPECT_TRUE(Probe::processing(*exp));
+         Probe::maybeBeginPeriodicTransmission(*exp);
       }
    });
    Snaplog::clear();
@@ -325,11 +327,11 @@ TEST_F(OptionsDataExport, PeriodicRunWhileProcessingIsSkipped) {
    EXPECT_TRUE(
        traced("OptionsDataExporterSm t1 for e1: processing, do not start new periodic "
               "transmission"));
-   EXPECT_FALSE(exp->processing());
+   EXPECT_FALSE(Probe::processing(*exp));
    for (auto* c : {&a, &v6}) {
       EXPECT_EQ(receive(*c).sorted(), table);
    }
-   EXPECT_EQ(exp->txPeriodicTask()->dueTime(), clock->now() + 60);
+   EXPECT_EQ(Probe::txPeriodicTask(*exp)->dueTime(), clock->now() + 60);
 }
 
 // Without a tracker configuration the table goes out every 300000 ms.
@@ -343,7 +345,7 @@ TEST_F(OptionsDataExport, NoTrackerConfigurationMeansTheDefaultInterval) {
    ASSERT_TRUE(scheduler->runUntilIdle());
    EXPECT_EQ(receive(b).names.size(), 3u);  // catch-up at once
    EXPECT_TRUE(traced("OptionsDataExporterSm t1 for e2: schedule periodic transmission 300"));
-   EXPECT_EQ(noFt->txPeriodicTask()->dueTime(), clock->now() + 300);
+   EXPECT_EQ(Probe::txPeriodicTask(*noFt)->dueTime(), clock->now() + 300);
    ASSERT_TRUE(scheduler->runFor(*clock, 299.5));
    EXPECT_TRUE(receive(b).names.empty());
    ASSERT_TRUE(scheduler->runFor(*clock, 0.5));

@@ -7,10 +7,12 @@
 #include "Trace/Snaplog.h"
 #include "support/DeathText.h"
 #include "support/ExportFixture.h"
+#include "support/TemplateSmBaseProbe.h"
 
 using Ipfix::element;
 using testsupport::FieldSpec;
 using testsupport::Message;
+using Probe = FlowTracking::TemplateExporterSmBaseProbe;
 
 namespace {
 
@@ -72,8 +74,8 @@ TEST_F(TemplateExport, EveryCollectorGetsBothTemplateSetsAtStartCountedPerSet) {
                     {8, 4, false, 0}, {12, 4, false, 0}, {1, 8, false, 0}, {1001, 2, true, pen}}));
    }
    auto const e1 = templateSm->ftTemplateSm("t1")->ftExporterSm("e1");
-   EXPECT_EQ(e1->templateLen().at(300), 4u + 3 * 4 + 8);
-   EXPECT_EQ(e1->templateLen().at(260), 4u + 2 * 4);
+   EXPECT_EQ(Probe::templateLen(*e1).at(300), 4u + 3 * 4 + 8);
+   EXPECT_EQ(Probe::templateLen(*e1).at(260), 4u + 2 * 4);
    // Each send is counted per set id.
    auto e = statsOf("e1", Mirra::Ipfix::CollectorInfo::fromIpAndPort(a.ipAndPort()));
    ASSERT_TRUE(e);
@@ -376,10 +378,10 @@ TEST_F(TemplateExport, PeriodicResendStopsWithTheLastCollectorAndResumesWithTheN
    std::vector<Kivo::Ptr<FlowTracking::TemplateExporterSmBase>> const sms = {
        ft->ftExporterSm("e1"), ft->optTemplateExporterSm("e1")};
    auto scheduled = [&](bool on = true) {
-      return sms[0]->periodicTemplateTxTask()->scheduled() == on &&
-             sms[1]->periodicTemplateTxTask()->scheduled() == on;
+      return Probe::periodicTemplateTxTask(*sms[0])->scheduled() == on &&
+             Probe::periodicTemplateTxTask(*sms[1])->scheduled() == on;
    };
-   auto sends = [&] { return sms[0]->templateTxCount() + sms[1]->templateTxCount(); };
+   auto sends = [&] { return Probe::templateTxCount(*sms[0]) + Probe::templateTxCount(*sms[1]); };
    a.drain(1000);
    v6.drain(1000);
 
@@ -413,8 +415,8 @@ TEST(TemplateExporterDeathTest, BaseWithoutSubclassOperationsStops) {
    auto base = Kivo::make<FlowTracking::TemplateExporterSmBase>(
        "e", "t", 1, Kivo::make<HwFlowTracking::ExporterConfig>("e"),
        Kivo::make<FlowTracking::ExporterInfo>("e"), stats, Kivo::make<Orbo::TaskScheduler>());
-   EXPECT_DEATH(base->taskPrefix(), testsupport::deathText("(!(\"taskPrefix\"))"));
-   EXPECT_DEATH(base->headerSetId(), testsupport::deathText("(!(\"headerSetId\"))"));
+   EXPECT_DEATH(Probe::taskPrefix(*base), testsupport::deathText("(!(\"taskPrefix\"))"));
+   EXPECT_DEATH(Probe::headerSetId(*base), testsupport::deathText("(!(\"headerSetId\"))"));
 }
 
 namespace {
