@@ -21,6 +21,7 @@
 
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 
 namespace FlowTracking {
 
@@ -34,7 +35,9 @@ class FlowKeySm : public Kivo::Object {
    // Template id of the flow key's options template; updates are posted under it.
    static TemplateId setId();
    // Every record: template id and the 64-bit bitmap.
-   static constexpr std::uint32_t maxDataRecordLen() { return 2 + 8; }
+   static constexpr std::uint32_t maxDataRecordLen() {
+      return static_cast<std::uint32_t>(recordLen(flowKeyTable.fields, 0));
+   }
    // The flow key bitmap bit(s) that the field at `position` sets.
    static std::uint64_t flowKeyBit(std::uint32_t position);
 

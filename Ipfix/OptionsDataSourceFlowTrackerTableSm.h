@@ -27,17 +27,10 @@
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Orbo/TaskScheduler.h"
 
 namespace FlowTracking {
-
-// Element writers. Each writes one value at `*pos`, advances `*pos` past it and aborts when the
-// value would pass `max`, the end of the record.
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint32_t value);
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint16_t value);
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint8_t value);
-// One length octet, then the octets of `value`. Aborts for 255 octets or more.
-void addElement(std::uint8_t** pos, std::uint8_t const* max, Kivo::String const& value);
 
 class FlowTrackerTableSm : public Kivo::Object {
  public:
@@ -62,7 +55,8 @@ class FlowTrackerTableSm : public Kivo::Object {
    // name, the 128 octets a collector statistics key holds (a longer one stops the process when
    // the first message is counted). The layout itself has room for 254 octets of name.
    static constexpr std::uint32_t maxDataRecordLen() {
-      return 21 + Mirra::Ipfix::StringIndex::max() + 1;
+      return static_cast<std::uint32_t>(
+          recordLen(flowTrackerTable.fields, Mirra::Ipfix::StringIndex::max() + 1));
    }
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }

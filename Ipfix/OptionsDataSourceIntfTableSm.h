@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Kivo/Entity.h"
 #include "Pelto/Address.h"
 
@@ -56,7 +57,9 @@ class InterfaceTableSm : public Kivo::Object {
    static TemplateId setId();
    // The longest record the table can give: index, length octet and the longest interface name.
    // The layout itself has room for 254 octets of name.
-   static constexpr std::uint32_t maxDataRecordLen() { return 4 + 1 + Pelto::IntfId::maxNameLen; }
+   static constexpr std::uint32_t maxDataRecordLen() {
+      return static_cast<std::uint32_t>(recordLen(intfTable.fields, Pelto::IntfId::maxNameLen));
+   }
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
    Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }

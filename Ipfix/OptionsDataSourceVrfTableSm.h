@@ -17,6 +17,7 @@
 #include <map>
 
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace FlowTracking {
@@ -36,7 +37,8 @@ class VrfTableSm : public Kivo::Object {
    // The longest record the VRF table can give: VRF id, length octet and a name of the most
    // octets a VRF name has. The layout itself has room for 254.
    static constexpr std::uint32_t maxDataRecordLen() {
-      return 4 + 1 + Vrf::VrfIdMap::VrfName::maxLength;
+      return static_cast<std::uint32_t>(
+          recordLen(vrfTable.fields, Vrf::VrfIdMap::VrfName::maxLength));
    }
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }

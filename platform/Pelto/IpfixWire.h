@@ -21,6 +21,9 @@ struct IpfixConst {
    static constexpr std::uint32_t messageHeaderLen() { return 16; }
    static constexpr std::uint32_t setHeaderLen() { return 4; }
    static constexpr std::uint16_t varLen() { return 65535; }
+   // The longest value the short variable-length form carries: its one length octet, 255, is
+   // the escape to the three-octet form.
+   static constexpr std::uint16_t maxShortVarLen() { return 254; }
    static constexpr std::uint16_t enterpriseBit() { return 0x8000; }
    static constexpr std::uint16_t udpPort() { return 4739; }
 };
