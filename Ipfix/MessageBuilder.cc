@@ -65,7 +65,8 @@ void RecordWriter::add(std::string_view value) {
 }
 
 void RecordWriter::addLength(std::size_t len) {
-   KIVO_ASSERT(nextField_p().isVarLen());
+   RecordField const& field = nextField_p();
+   KIVO_ASSERT(field.isVarLen());
    addElementLen(&cursor_.pos, cursor_.max, len);
 }
 
