@@ -41,9 +41,16 @@ class VrfTableSm : public Kivo::Object {
           recordLen(vrfTable.fields, Vrf::VrfIdMap::VrfName::maxLength));
    }
 
+   void handleInitialized();
+   // Full rebuild of the data source; bumps its version once.
+   void handleVrfIndexAll();
+   // One VRF was added, renamed or removed.
+   void handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId);
+
+ private:
+   friend struct VrfTableSmProbe;
+
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
-   Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }
-   Kivo::Ptr<Vrf::VrfIdMap::Status const> const& vrfIdMapStatus() const { return vrfIdMapStatus_; }
    TemplateId setIdVal() const { return setIdVal_; }
    void setIdValIs(TemplateId id) { setIdVal_ = id; }
    bool initialized() const { return initialized_; }
@@ -59,13 +66,6 @@ class VrfTableSm : public Kivo::Object {
    // The record of one VRF. Aborts for a name of 255 octets or more.
    DataRecordPtr makeDataRecord(Vrf::VrfIdMap::VrfId vrfId, Kivo::String const& name) const;
 
-   void handleInitialized();
-   // Full rebuild of the data source; bumps its version once.
-   void handleVrfIndexAll();
-   // One VRF was added, renamed or removed.
-   void handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId);
-
- private:
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<Vrf::VrfIdMap::Status const> vrfIdMapStatus_;
