@@ -182,9 +182,16 @@ class MessageBuilder : public Kivo::Object {
    // Closes the open set and the message and hands the message out; the builder is idle again.
    // REQUIRES: at least one record since startMsg().
    Kivo::Ptr<Message> finalizeMsg();
+   // Records added to the message under construction.
+   std::uint32_t recordCount() const { return recordCount_; }
+
+ private:
+   friend struct MessageBuilderProbe;
+   friend std::uint32_t addSetRecordBytes(MessageBuilder* builder, TemplateId id,
+                                          std::uint8_t const* data, std::uint32_t bytes);
+
    // A fresh packet of maxSize() octets.
    Kivo::Ptr<Pelto::Pkt> newPkt() const;
-
    std::uint16_t maxSize() const { return maxSize_; }
    std::uint32_t observationDomainId() const { return observationDomainId_; }
    Kivo::Ptr<Pelto::Pkt> const& pkt() const { return pkt_; }
@@ -193,11 +200,6 @@ class MessageBuilder : public Kivo::Object {
    std::uint32_t offset() const { return offset_; }
    std::uint16_t setLen() const { return setLen_; }
    TemplateId setId() const { return setId_; }
-   std::uint32_t recordCount() const { return recordCount_; }
-
- private:
-   friend std::uint32_t addSetRecordBytes(MessageBuilder* builder, TemplateId id,
-                                          std::uint8_t const* data, std::uint32_t bytes);
    void startSet_p(TemplateId id);
    void finalizeSet_p();
 

@@ -56,17 +56,19 @@ class FtOptionsDataManagerSm : public Kivo::Object {
                           Kivo::Ptr<Orbo::TaskScheduler> scheduler);
    ~FtOptionsDataManagerSm() override;
 
-   bool initialized() const { return initialized_; }
    void handleInitialized();
    void handleExpConfig(Kivo::String const& expName);
+
+ private:
+   friend struct OptionsDataManagerSmProbe;
+
+   bool initialized() const { return initialized_; }
    Kivo::Ptr<OptionsDataExporterSm> exporterSm(Kivo::String const& expName) const {
       return exporterSm_.get(expName);
    }
    void exporterSmDel(Kivo::String const& expName) { exporterSm_.del(expName); }
    Kivo::Ptr<FlowTrackerTableSm> const& flowTrackerTableSm() const { return flowTrackerTableSm_; }
    Kivo::Ptr<FlowKeySm> const& flowKeySm() const { return flowKeySm_; }
-
- private:
    void initFlowKeySm();
    void initFlowTrackerTableSm();
 
@@ -98,11 +100,14 @@ class OptionsDataManagerSm : public Kivo::Object {
                         Kivo::Ptr<Orbo::TaskScheduler> scheduler);
    ~OptionsDataManagerSm() override;
 
-   bool initialized() const { return initialized_; }
    // REQUIRES: not initialized yet (it runs once, from the constructor).
    void handleInitialized();
    void handleTracker(Kivo::String const& ftName);
 
+ private:
+   friend struct OptionsDataManagerSmProbe;
+
+   bool initialized() const { return initialized_; }
    Kivo::Ptr<OptionsDataAll> const& dataAll() const { return dataAll_; }
    Kivo::Ptr<OptionsDataContainer> dataContainer(Kivo::String const& ftName) const {
       return dataContainer_.get(ftName);
@@ -112,8 +117,6 @@ class OptionsDataManagerSm : public Kivo::Object {
    }
    Kivo::Ptr<InterfaceTableSm> const& intfTableSm() const { return intfTableSm_; }
    Kivo::Ptr<VrfTableSm> const& vrfTableSm() const { return vrfTableSm_; }
-
- private:
    void initIntfTableSm();
    void initVrfTableSm();
 

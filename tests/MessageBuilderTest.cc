@@ -3,8 +3,10 @@
 #include "Ipfix/MessageBuilder.h"
 #include "support/DeathText.h"
 #include "support/IpfixDecoder.h"
+#include "support/MessageBuilderProbe.h"
 
 using FlowTracking::MessageBuilder;
+using FlowTracking::MessageBuilderProbe;
 using FlowTracking::RecordField;
 using FlowTracking::recordField;
 using FlowTracking::RecordWriter;
@@ -53,8 +55,8 @@ TEST(MessageBuilder, OneRecordMessageHasExactLengthsAndZeroStamps) {
    EXPECT_EQ(m.sets[0].length, 14);
    EXPECT_EQ(m.sets[0].body, Bytes(10, 'r'));
    // The builder is idle again and starts the next message from scratch.
-   EXPECT_FALSE(b->pkt());
-   EXPECT_EQ(b->offset(), 0u);
+   EXPECT_FALSE(MessageBuilderProbe::pkt(*b));
+   EXPECT_EQ(MessageBuilderProbe::offset(*b), 0u);
    EXPECT_EQ(b->recordCount(), 0u);
 }
 
@@ -91,18 +93,19 @@ TEST(MessageBuilder, RoomTestAtTheExactBoundary) {
       auto b = FlowTracking::messageBuilderFactory(100, 1);
       b->startMsg();
       ASSERT_EQ(b->addSetRecordStr(256, record(70)), 70u);
-      ASSERT_EQ(b->offset(), 90u);
+      ASSERT_EQ(MessageBuilderProbe::offset(*b), 90u);
       std::uint32_t const written = b->addSetRecordStr(c.id, record(c.len, 'x'));
       if (c.fits) {
          EXPECT_EQ(written, c.len) << c.id << "/" << c.len;
-         EXPECT_EQ(b->offset(), 100u);
+         EXPECT_EQ(MessageBuilderProbe::offset(*b), 100u);
          EXPECT_EQ(b->recordCount(), 2u);
          EXPECT_EQ(decode(b->finalizeMsg()).length, 100);
       } else {
          EXPECT_EQ(written, 0u) << c.id << "/" << c.len;
-         EXPECT_EQ(b->offset(), 90u);  // nothing changed, the open set stays open
+         EXPECT_EQ(MessageBuilderProbe::offset(*b),
+                   90u);  // nothing changed, the open set stays open
          EXPECT_EQ(b->recordCount(), 1u);
-         EXPECT_EQ(b->setId(), 256);
+         EXPECT_EQ(MessageBuilderProbe::setId(*b), 256);
          auto const m = decode(b->finalizeMsg());
          EXPECT_EQ(m.length, 90);
          EXPECT_EQ(m.sets.size(), 1u);
