@@ -111,22 +111,25 @@ class SetHeader : public WireView<SetHeaderWire> {
    void lengthIs(std::uint16_t v) { wire()->length.set(v); }
 };
 
-class TemplateHeader : public WireView<TemplateHeaderWire> {
+// Template id and field count, the head both kinds of template record share.
+template <class W>
+class TemplateHeaderView : public WireView<W> {
  public:
-   using WireView::WireView;
-   std::uint16_t templateId() const { return wire()->templateId.get(); }
-   void templateIdIs(std::uint16_t v) { wire()->templateId.set(v); }
-   std::uint16_t fieldCount() const { return wire()->fieldCount.get(); }
-   void fieldCountIs(std::uint16_t v) { wire()->fieldCount.set(v); }
+   using WireView<W>::WireView;
+   std::uint16_t templateId() const { return this->wire()->templateId.get(); }
+   void templateIdIs(std::uint16_t v) { this->wire()->templateId.set(v); }
+   std::uint16_t fieldCount() const { return this->wire()->fieldCount.get(); }
+   void fieldCountIs(std::uint16_t v) { this->wire()->fieldCount.set(v); }
 };
 
-class OptionsTemplateHeader : public WireView<OptionsTemplateHeaderWire> {
+class TemplateHeader : public TemplateHeaderView<TemplateHeaderWire> {
  public:
-   using WireView::WireView;
-   std::uint16_t templateId() const { return wire()->templateId.get(); }
-   void templateIdIs(std::uint16_t v) { wire()->templateId.set(v); }
-   std::uint16_t fieldCount() const { return wire()->fieldCount.get(); }
-   void fieldCountIs(std::uint16_t v) { wire()->fieldCount.set(v); }
+   using TemplateHeaderView::TemplateHeaderView;
+};
+
+class OptionsTemplateHeader : public TemplateHeaderView<OptionsTemplateHeaderWire> {
+ public:
+   using TemplateHeaderView::TemplateHeaderView;
    std::uint16_t scopeFieldCount() const { return wire()->scopeFieldCount.get(); }
    void scopeFieldCountIs(std::uint16_t v) { wire()->scopeFieldCount.set(v); }
 };
