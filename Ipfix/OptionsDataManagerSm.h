@@ -56,7 +56,9 @@ class FtOptionsDataManagerSm : public Kivo::Object {
                           Kivo::Ptr<Orbo::TaskScheduler> scheduler);
    ~FtOptionsDataManagerSm() override;
 
+   // Creates the tracker's two sources, then serves every exporter the tracker has.
    void handleInitialized();
+   // Serves the exporter while both its configuration and its information exist, else drops it.
    void handleExpConfig(Kivo::String const& expName);
 
  private:
@@ -100,12 +102,19 @@ class OptionsDataManagerSm : public Kivo::Object {
                         Kivo::Ptr<Orbo::TaskScheduler> scheduler);
    ~OptionsDataManagerSm() override;
 
+   // Makes the global sources and serves every tracker known so far.
    // REQUIRES: not initialized yet (it runs once, from the constructor).
    void handleInitialized();
+   // Serves the tracker while its configuration, status and information all exist, else drops
+   // its data, its manager and its container.
    void handleTracker(Kivo::String const& ftName);
 
  private:
    friend struct OptionsDataManagerSmProbe;
+
+   // The global sources, made once by handleInitialized.
+   void initIntfTableSm();
+   void initVrfTableSm();
 
    bool initialized() const { return initialized_; }
    Kivo::Ptr<OptionsDataAll> const& dataAll() const { return dataAll_; }
@@ -117,8 +126,6 @@ class OptionsDataManagerSm : public Kivo::Object {
    }
    Kivo::Ptr<InterfaceTableSm> const& intfTableSm() const { return intfTableSm_; }
    Kivo::Ptr<VrfTableSm> const& vrfTableSm() const { return vrfTableSm_; }
-   void initIntfTableSm();
-   void initVrfTableSm();
 
    Kivo::Ptr<HwFlowTracking::Config const> hwConfig_;
    Kivo::Ptr<HwFlowTracking::Status const> hwStatus_;
