@@ -50,6 +50,20 @@ Kivo::String timeText(double t) {
    return buf;
 }
 
+// The totals and times of an entry in their order, each with its attribute name (the text form)
+// and its label (the trace form).
+template <class Text>
+void forEachTotal(CollectorStatisticsEntry const& e, Text const& text) {
+   text("exportedMessageTotalCount", "msgs", std::to_string(e.exportedMessageTotalCount));
+   text("exportedFlowRecordTotalCount", "flows", std::to_string(e.exportedFlowRecordTotalCount));
+   text("exportedOctetTotalCount", "octets", std::to_string(e.exportedOctetTotalCount));
+   text("lastSentTime", "last message", timeText(e.lastSentTime));
+   text("lastTemplateSentTime", "template", timeText(e.lastTemplateSentTime));
+   text("lastDataRecordSentTime", "data", timeText(e.lastDataRecordSentTime));
+   text("lastOptionsDataSentTime", "options data", timeText(e.lastOptionsDataSentTime));
+   text("lastClearedTime", "cleared", timeText(e.lastClearedTime));
+}
+
 }  // namespace
 
 std::uint32_t CollectorInfo::hash() const {
@@ -225,27 +239,18 @@ Kivo::String CollectorStatisticsEntry::toString() const {
       sets += (i ? ", " : "") + setEntryStorage[i].toString();
    }
    sets += "]";
-   return "Value('Mirra::Ipfix::CollectorStatisticsEntry', ** {'key': " + key.toString() +
-          ", 'exportedMessageTotalCount': " + std::to_string(exportedMessageTotalCount) +
-          ", 'exportedFlowRecordTotalCount': " + std::to_string(exportedFlowRecordTotalCount) +
-          ", 'exportedOctetTotalCount': " + std::to_string(exportedOctetTotalCount) +
-          ", 'lastSentTime': " + timeText(lastSentTime) +
-          ", 'lastTemplateSentTime': " + timeText(lastTemplateSentTime) +
-          ", 'lastDataRecordSentTime': " + timeText(lastDataRecordSentTime) +
-          ", 'lastOptionsDataSentTime': " + timeText(lastOptionsDataSentTime) +
-          ", 'lastClearedTime': " + timeText(lastClearedTime) +
-          ", 'nextIdx': " + std::to_string(nextIdx) + ", 'setEntryStorage': " + sets + "})";
+   Kivo::String s = "Value('Mirra::Ipfix::CollectorStatisticsEntry', ** {'key': " + key.toString();
+   forEachTotal(*this, [&](char const* attr, char const*, Kivo::String const& value) {
+      s += ", '" + Kivo::String(attr) + "': " + value;
+   });
+   return s + ", 'nextIdx': " + std::to_string(nextIdx) + ", 'setEntryStorage': " + sets + "})";
 }
 
 Kivo::String CollectorStatisticsEntry::mirraString() const {
-   Kivo::String s = "msgs: " + std::to_string(exportedMessageTotalCount) +
-                    ", flows: " + std::to_string(exportedFlowRecordTotalCount) +
-                    ", octets: " + std::to_string(exportedOctetTotalCount) +
-                    ", last message: " + timeText(lastSentTime) +
-                    ", template: " + timeText(lastTemplateSentTime) +
-                    ", data: " + timeText(lastDataRecordSentTime) +
-                    ", options data: " + timeText(lastOptionsDataSentTime) +
-                    ", cleared: " + timeText(lastClearedTime);
+   Kivo::String s;
+   forEachTotal(*this, [&](char const*, char const* label, Kivo::String const& value) {
+      s += (s.empty() ? "" : ", ") + Kivo::String(label) + ": " + value;
+   });
    for (std::uint8_t i = 0; i < usedSlots(*this); ++i) {
       auto const& e = setEntryStorage[i];
       if (e.setId != 0) {

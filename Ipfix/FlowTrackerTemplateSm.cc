@@ -294,46 +294,12 @@ void TemplateSm::handleHwFtStatus(Kivo::String const& ftName) {
 }
 
 void TemplateSm::initOptTemplateConfig() {
-   struct Step {
-      char const* step;
-      char const* name;
-      StaticTemplateId staticId;
-      Ipfix::RecordType scope;
-      std::vector<Ipfix::RecordType> fields;
-   };
-   using Ipfix::element;
-   Step const steps[] = {
-       {"addOptTemplateIntfTable",
-        "IntfTable",
-        StaticTemplateId::intfTable,
-        element("ingressInterface"),
-        {element("interfaceName")}},
-       {"addOptTemplateVrfTable",
-        "VrfTable",
-        StaticTemplateId::vrfTable,
-        element("ingressVRFID"),
-        {element("VRFname")}},
-       {"addOptTemplateFlowKey",
-        "FlowKey",
-        StaticTemplateId::flowKey,
-        element("templateId"),
-        {element("flowKeyIndicator")}},
-       {"addOptTemplateFlowTrackerTable",
-        "FlowTrackerTable",
-        StaticTemplateId::flowTrackerTable,
-        element("observationDomainId"),
-        {element("observationDomainName"), element("flowActiveTimeout"), element("flowIdleTimeout"),
-         element("selectorAlgorithm"), element("samplingSize"), element("samplingPopulation"),
-         element("flowTrackingType")}},
-   };
    optTemplateConfigIs();
-   for (Step const& s : steps) {
-      KTRACE(4, "TemplateSm => " << s.step);
-      auto t =
-          optTemplateConfig_->templateEntryIs(s.name, Constants::reservedTemplateId(s.staticId));
-      addScopeField(elementIdColl_, t, s.scope);
-      for (Ipfix::RecordType f : s.fields) {
-         addField(elementIdColl_, t, f);
+   for (OptionsTable const* table : optionsTables) {
+      KTRACE(4, "TemplateSm => " << table->step);
+      auto t = optTemplateConfig_->templateEntryIs(Kivo::String(table->name), table->templateId());
+      for (RecordField const& f : table->fields) {
+         (f.scope ? addScopeField : addField)(elementIdColl_, t, f.element);
       }
    }
    // Observers see one change, once all four templates are complete.

@@ -133,14 +133,20 @@ inline constexpr std::array<ElementRow, 101> elementTable = {{
     {"inbandTelemetryNodeMinimumLatency", 2022, 4, true},
 }};
 
-// The element of that name, resolved at compile time; a name outside the table does not compile.
-consteval RecordType element(std::string_view name) {
+// The row of the element of that name, resolved at compile time; a name outside the table does
+// not compile.
+consteval ElementRow elementRow(std::string_view name) {
    for (ElementRow const& r : elementTable) {
       if (r.name == name) {
-         return RecordType{r.id};
+         return r;
       }
    }
    throw "no such element in the element table";
+}
+
+// The element of that name, resolved at compile time; a name outside the table does not compile.
+consteval RecordType element(std::string_view name) {
+   return RecordType{elementRow(name).id};
 }
 
 // The row of an element id, or null when the table lacks it.

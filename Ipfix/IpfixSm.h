@@ -15,7 +15,6 @@ class IpfixInitSm : public Kivo::Object {
    Kivo::Ptr<ElementIdColl> elementIdCollection() const { return elementIdCollection_.get(); }
    Kivo::Ptr<AgentInfo> agentInfo() const { return agentInfo_.get(); }
    bool initialized() const { return initialized_.get(); }
-   void initializedIs(bool v) { initialized_.is(v); }
 
    Kivo::Signal<> const& onElementIdCollection() const { return elementIdCollection_.signal(); }
    Kivo::Signal<> const& onAgentInfo() const { return agentInfo_.signal(); }
@@ -24,6 +23,8 @@ class IpfixInitSm : public Kivo::Object {
    void handleInitialized();
 
  private:
+   void initializedIs(bool v) { initialized_.is(v); }
+
    Kivo::Value<Kivo::Ptr<ElementIdColl>> elementIdCollection_;
    Kivo::Value<Kivo::Ptr<AgentInfo>> agentInfo_;
    Kivo::Value<bool> initialized_;

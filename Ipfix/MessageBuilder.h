@@ -12,12 +12,22 @@
 // message can thus be sent to many collectors, restamped each time.
 //
 // Misuse (calls out of order, records of 65535 octets or more) is a fatal assertion.
+//
+// The records themselves are encoded by RecordWriter, field after field as a list of RecordField
+// describes them: each number in the length its element has in the element table, big-endian,
+// and each variable-length value in the short form of RFC 7011 section 7 (one length octet, then
+// the octets). The same field list makes the options template that announces the records, so
+// the two cannot disagree.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
+#include <span>
 #include <string_view>
+#include <type_traits>
 
 #include "Ipfix/FlowTrackingTypes.h"
+#include "Ipfix/Ipfix.h"
 #include "Kivo/Kivo.h"
 #include "Pelto/IpfixWire.h"
 #include "Pelto/Pkt.h"
@@ -38,6 +48,101 @@ class DataRecord : public Kivo::Object {
    Kivo::String data_;
 };
 Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data);
+
+// One field of a data record as its template lists it: the element, its length from the element
+// table (Pelto::IpfixConst::varLen() for a variable-length one) and whether it is a scope field.
+struct RecordField {
+   Ipfix::RecordType element;
+   std::uint16_t len;
+   bool scope;
+
+   constexpr bool isVarLen() const { return len == Pelto::IpfixConst::varLen(); }
+};
+
+// The field of the named element. Numbers are written in 1, 2, 4 or 8 octets; an element of
+// another fixed length cannot be a record field, and neither can a name outside the table.
+consteval RecordField recordField(std::string_view name, bool scope = false) {
+   Ipfix::ElementRow const row = Ipfix::elementRow(name);
+   if (row.len != Pelto::IpfixConst::varLen() && row.len != 1 && row.len != 2 && row.len != 4 &&
+       row.len != 8) {
+      throw "a record field is a number of 1, 2, 4 or 8 octets or a variable-length value";
+   }
+   return {Ipfix::RecordType{row.id}, row.len, scope};
+}
+
+// Octets of a record of these fields whose variable-length values take `varOctets` together:
+// each number its length, each variable-length value its length octet and its octets.
+constexpr std::size_t recordLen(std::span<RecordField const> fields, std::size_t varOctets) {
+   std::size_t len = varOctets;
+   for (RecordField const& f : fields) {
+      len += f.isVarLen() ? 1 : f.len;
+   }
+   return len;
+}
+// The longest record of these fields: every variable-length value as long as the short form allows.
+constexpr std::size_t maxRecordLen(std::span<RecordField const> fields) {
+   std::size_t len = recordLen(fields, 0);
+   for (RecordField const& f : fields) {
+      len += f.isVarLen() ? Pelto::IpfixConst::maxShortVarLen() : 0;
+   }
+   return len;
+}
+
+// The element writers RecordWriter is made of. Each writes one value at `*pos`, advances `*pos`
+// past it and aborts when the value would pass `max`, the end of the record.
+// A number, big-endian, in sizeof(BaseType) octets.
+template <std::unsigned_integral BaseType>
+void addElement(std::uint8_t** pos, std::uint8_t const* max, BaseType value) {
+   // clang-format off
+   KIVO_ASSERT(*pos + sizeof( BaseType ) <= max);
+   // clang-format on
+   *pos = Pelto::storeBe(*pos, value);
+}
+// One length octet, then the octets of `value`. Aborts for 255 octets or more.
+void addElement(std::uint8_t** pos, std::uint8_t const* max, std::string_view value);
+
+// Encodes one record into the caller's buffer, one field after the other in the order of
+// `fields`. Nothing is allocated and nothing is dispatched per field beyond the length of the
+// field. Writing a number into a variable-length field or the reverse, a number too large for
+// its field, a field more than the list has, or handing out a record before its last field is
+// a fatal assertion.
+class RecordWriter {
+ public:
+   // Where the next field goes and where the record ends.
+   struct Cursor {
+      std::uint8_t* pos;
+      std::uint8_t const* max;
+   };
+
+   // The record starts at `begin`, which has room for recordLen(fields, varOctets) octets.
+   RecordWriter(std::span<RecordField const> fields, std::uint8_t* begin, std::size_t varOctets)
+       : fields_(fields), begin_(begin), cursor_{begin, begin + recordLen(fields, varOctets)} {}
+
+   // The live cursor: it moves as fields are written.
+   Cursor const& cursor() const { return cursor_; }
+
+   // The next field, a number, in the length the element table gives it.
+   template <class V>
+   requires std::unsigned_integral<V> || std::is_enum_v<V>
+   void add(V value) { addNumber_p(static_cast<std::uint64_t>(value)); }
+   // The next field, a variable-length value: addLength then addOctets.
+   void add(std::string_view value);
+   // The two halves of a variable-length field, for callers that check the record between them.
+   void addLength(std::size_t len);
+   void addOctets(std::string_view value);
+
+   // The record written, copied once into a new DataRecord. REQUIRES: every field written.
+   Kivo::Ptr<DataRecord const> dataRecord() const;
+
+ private:
+   RecordField const& nextField_p();
+   void addNumber_p(std::uint64_t value);
+
+   std::span<RecordField const> fields_;
+   std::size_t next_ = 0;
+   std::uint8_t* begin_;
+   Cursor cursor_;
+};
 
 class Message : public Kivo::Object {
  public:
@@ -77,9 +182,16 @@ class MessageBuilder : public Kivo::Object {
    // Closes the open set and the message and hands the message out; the builder is idle again.
    // REQUIRES: at least one record since startMsg().
    Kivo::Ptr<Message> finalizeMsg();
+   // Records added to the message under construction.
+   std::uint32_t recordCount() const { return recordCount_; }
+
+ private:
+   friend struct MessageBuilderProbe;
+   friend std::uint32_t addSetRecordBytes(MessageBuilder* builder, TemplateId id,
+                                          std::uint8_t const* data, std::uint32_t bytes);
+
    // A fresh packet of maxSize() octets.
    Kivo::Ptr<Pelto::Pkt> newPkt() const;
-
    std::uint16_t maxSize() const { return maxSize_; }
    std::uint32_t observationDomainId() const { return observationDomainId_; }
    Kivo::Ptr<Pelto::Pkt> const& pkt() const { return pkt_; }
@@ -88,11 +200,6 @@ class MessageBuilder : public Kivo::Object {
    std::uint32_t offset() const { return offset_; }
    std::uint16_t setLen() const { return setLen_; }
    TemplateId setId() const { return setId_; }
-   std::uint32_t recordCount() const { return recordCount_; }
-
- private:
-   friend std::uint32_t addSetRecordBytes(MessageBuilder* builder, TemplateId id,
-                                          std::uint8_t const* data, std::uint32_t bytes);
    void startSet_p(TemplateId id);
    void finalizeSet_p();
 

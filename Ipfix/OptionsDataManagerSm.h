@@ -56,17 +56,21 @@ class FtOptionsDataManagerSm : public Kivo::Object {
                           Kivo::Ptr<Orbo::TaskScheduler> scheduler);
    ~FtOptionsDataManagerSm() override;
 
-   bool initialized() const { return initialized_; }
+   // Creates the tracker's two sources, then serves every exporter the tracker has.
    void handleInitialized();
+   // Serves the exporter while both its configuration and its information exist, else drops it.
    void handleExpConfig(Kivo::String const& expName);
+
+ private:
+   friend struct OptionsDataManagerSmProbe;
+
+   bool initialized() const { return initialized_; }
    Kivo::Ptr<OptionsDataExporterSm> exporterSm(Kivo::String const& expName) const {
       return exporterSm_.get(expName);
    }
    void exporterSmDel(Kivo::String const& expName) { exporterSm_.del(expName); }
    Kivo::Ptr<FlowTrackerTableSm> const& flowTrackerTableSm() const { return flowTrackerTableSm_; }
    Kivo::Ptr<FlowKeySm> const& flowKeySm() const { return flowKeySm_; }
-
- private:
    void initFlowKeySm();
    void initFlowTrackerTableSm();
 
@@ -98,11 +102,21 @@ class OptionsDataManagerSm : public Kivo::Object {
                         Kivo::Ptr<Orbo::TaskScheduler> scheduler);
    ~OptionsDataManagerSm() override;
 
-   bool initialized() const { return initialized_; }
+   // Makes the global sources and serves every tracker known so far.
    // REQUIRES: not initialized yet (it runs once, from the constructor).
    void handleInitialized();
+   // Serves the tracker while its configuration, status and information all exist, else drops
+   // its data, its manager and its container.
    void handleTracker(Kivo::String const& ftName);
 
+ private:
+   friend struct OptionsDataManagerSmProbe;
+
+   // The global sources, made once by handleInitialized.
+   void initIntfTableSm();
+   void initVrfTableSm();
+
+   bool initialized() const { return initialized_; }
    Kivo::Ptr<OptionsDataAll> const& dataAll() const { return dataAll_; }
    Kivo::Ptr<OptionsDataContainer> dataContainer(Kivo::String const& ftName) const {
       return dataContainer_.get(ftName);
@@ -112,10 +126,6 @@ class OptionsDataManagerSm : public Kivo::Object {
    }
    Kivo::Ptr<InterfaceTableSm> const& intfTableSm() const { return intfTableSm_; }
    Kivo::Ptr<VrfTableSm> const& vrfTableSm() const { return vrfTableSm_; }
-
- private:
-   void initIntfTableSm();
-   void initVrfTableSm();
 
    Kivo::Ptr<HwFlowTracking::Config const> hwConfig_;
    Kivo::Ptr<HwFlowTracking::Status const> hwStatus_;

@@ -1,5 +1,6 @@
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
 
+#include <array>
 #include <charconv>
 #include <string_view>
 
@@ -16,12 +17,13 @@ enum class AddressFamily { none, ipv4, ipv6 };
 
 // The address family that a field's element implies: source and destination addresses.
 AddressFamily addressFamily(Ipfix::RecordType fieldId) {
-   switch (static_cast<std::uint32_t>(fieldId)) {
-      case 8:   // sourceIPv4Address
-      case 12:  // destinationIPv4Address
+   using Ipfix::element;
+   switch (fieldId) {
+      case element("sourceIPv4Address"):
+      case element("destinationIPv4Address"):
          return AddressFamily::ipv4;
-      case 27:  // sourceIPv6Address
-      case 28:  // destinationIPv6Address
+      case element("sourceIPv6Address"):
+      case element("destinationIPv6Address"):
          return AddressFamily::ipv6;
       default:
          return AddressFamily::none;
@@ -41,8 +43,8 @@ class Hex {
    std::size_t n_;
 };
 
-constexpr std::size_t recordLen = sizeof(std::uint16_t) + sizeof(std::uint64_t);
-static_assert(recordLen == FlowKeySm::maxDataRecordLen());
+// The bitmap follows the template id.
+constexpr std::size_t flowKeyOffset = flowKeyTable.fields[0].len;
 
 }  // namespace
 
@@ -66,7 +68,7 @@ FlowKeySm::~FlowKeySm() {
 }
 
 TemplateId FlowKeySm::setId() {
-   return Constants::reservedTemplateId(StaticTemplateId::flowKey);
+   return flowKeyTable.templateId();
 }
 
 std::uint64_t FlowKeySm::flowKeyBit(std::uint32_t position) {
@@ -116,11 +118,11 @@ DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
       }
    }
    KTRACE(7, "templateId:" << templateId << ", flowKey: 0x" << Hex(flowKey).view());
-   std::uint8_t buf[recordLen];
-   std::uint8_t* pos = Pelto::storeBe16(buf, templateId.value());
-   pos = Pelto::storeBe64(pos, flowKey);
-   return Kivo::make<DataRecord>(
-       Kivo::String(reinterpret_cast<char const*>(buf), static_cast<std::size_t>(pos - buf)));
+   std::array<std::uint8_t, maxRecordLen(flowKeyTable.fields)> buf;
+   RecordWriter w(flowKeyTable.fields, buf.data(), 0);
+   w.add(templateId.value());
+   w.add(flowKey);
+   return w.dataRecord();
 }
 
 void FlowKeySm::handleInitialized() {
@@ -168,7 +170,7 @@ void FlowKeySm::handleTemplate(TemplateId templateId) {
       if (DataRecordPtr const record = makeDataRecord(templateId)) {
          KTRACE(6, "templateId:" << templateId << ", flowKey: 0x"
                                  << Hex(Pelto::loadBe64(reinterpret_cast<std::uint8_t const*>(
-                                            record->data().data() + sizeof(std::uint16_t))))
+                                            record->data().data() + flowKeyOffset)))
                                         .view()
                                  << ", record len:" << record->dataLen());
          dataUpdate_->addUpdate(setIdVal(), record);

@@ -21,6 +21,7 @@
 
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 
 namespace FlowTracking {
 
@@ -34,13 +35,25 @@ class FlowKeySm : public Kivo::Object {
    // Template id of the flow key's options template; updates are posted under it.
    static TemplateId setId();
    // Every record: template id and the 64-bit bitmap.
-   static constexpr std::uint32_t maxDataRecordLen() { return 2 + 8; }
+   static constexpr std::uint32_t maxDataRecordLen() {
+      return static_cast<std::uint32_t>(recordLen(flowKeyTable.fields, 0));
+   }
+
+   // Full rebuild of the data source; bumps its version once.
+   void handleInitialized();
+   // An entry of hwFtStatus's templateStatus was added or removed.
+   void handleTemplateStatus(TemplateId templateId);
+   void handleTemplateDel(TemplateId templateId);
+   // Republishes one template's record (or drops it when the template is gone).
+   void handleTemplate(TemplateId templateId);
+
+ private:
+   friend struct FlowKeySmProbe;
+
    // The flow key bitmap bit(s) that the field at `position` sets.
    static std::uint64_t flowKeyBit(std::uint32_t position);
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
-   Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }
-   Kivo::Ptr<HwFlowTracking::FtStatus const> const& hwFtStatus() const { return hwFtStatus_; }
    TemplateId setIdVal() const { return setIdVal_; }
    void setIdValIs(TemplateId id) { setIdVal_ = id; }
    bool initialized() const { return initialized_; }
@@ -48,7 +61,6 @@ class FlowKeySm : public Kivo::Object {
 
    // One reactor per template, following its genId.
    bool templateStatus(TemplateId templateId) const { return templateStatus_.contains(templateId); }
-   std::size_t templateStatuses() const { return templateStatus_.size(); }
    void templateStatusIs(Kivo::Ptr<HwFlowTracking::TemplateStatus const> const& templateStatus);
    void templateStatusDel(TemplateId templateId) { templateStatus_.erase(templateId); }
    void templateStatusDelAll() { templateStatus_.clear(); }
@@ -64,15 +76,6 @@ class FlowKeySm : public Kivo::Object {
    // (or it is not present).
    DataRecordPtr makeDataRecord(TemplateId templateId) const;
 
-   // Full rebuild of the data source; bumps its version once.
-   void handleInitialized();
-   // An entry of hwFtStatus's templateStatus was added or removed.
-   void handleTemplateStatus(TemplateId templateId);
-   void handleTemplateDel(TemplateId templateId);
-   // Republishes one template's record (or drops it when the template is gone).
-   void handleTemplate(TemplateId templateId);
-
- private:
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus_;

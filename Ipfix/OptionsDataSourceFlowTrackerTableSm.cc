@@ -4,7 +4,6 @@
 #include <array>
 #include <ostream>
 
-#include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
 KTRACE_FACILITY(::Dualog::facility("FlowTrackerTableSm"))
@@ -14,53 +13,10 @@ namespace FlowTracking {
 namespace {
 
 // Random n-out-of-N sampling (RFC 5477 selector algorithm 3), one packet out of the sample rate.
-constexpr std::uint16_t selectorAlgorithmRandomNOutOfN = 3;
-constexpr std::uint32_t samplingSize = 1;
-
-// Octets of the record besides the name.
-constexpr std::size_t fixedRecordLen = 4 + 1 + 2 + 2 + 2 + 4 + 4 + 2;
-static_assert(fixedRecordLen == 21);
-static_assert(FlowTrackerTableSm::maxDataRecordLen() <= fixedRecordLen + 254);
-
-template <class BaseType>
-void addBigEndian(std::uint8_t** pos, std::uint8_t const* max, BaseType value) {
-   // clang-format off
-   KIVO_ASSERT(*pos + sizeof( BaseType ) <= max);
-   // clang-format on
-   if constexpr (sizeof(BaseType) == 4) {
-      *pos = Pelto::storeBe32(*pos, value);
-   } else if constexpr (sizeof(BaseType) == 2) {
-      *pos = Pelto::storeBe16(*pos, value);
-   } else {
-      static_assert(sizeof(BaseType) == 1);
-      *(*pos)++ = value;
-   }
-}
+constexpr unsigned selectorAlgorithmRandomNOutOfN = 3;
+constexpr unsigned samplingSize = 1;
 
 }  // namespace
-
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint32_t value) {
-   addBigEndian(pos, max, value);
-}
-
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint16_t value) {
-   addBigEndian(pos, max, value);
-}
-
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint8_t value) {
-   addBigEndian(pos, max, value);
-}
-
-void addElement(std::uint8_t** pos, std::uint8_t const* max, Kivo::String const& value) {
-   std::size_t const elementLen = value.size();
-   // The short variable-length form: a single length octet, so at most 254 octets.
-   KIVO_ASSERT(elementLen < 255);
-   addElement(pos, max, static_cast<std::uint8_t>(elementLen));
-   KIVO_ASSERT(*pos + elementLen <= max);
-   std::size_t const rc = value.copy(reinterpret_cast<char*>(*pos), elementLen);
-   KIVO_ASSERT(rc == elementLen);
-   *pos += rc;
-}
 
 Kivo::String stringValue(FlowTrackerTableSm::Param p) {
    switch (p) {
@@ -110,7 +66,7 @@ FlowTrackerTableSm::~FlowTrackerTableSm() {
 }
 
 TemplateId FlowTrackerTableSm::setId() {
-   return Constants::reservedTemplateId(StaticTemplateId::flowTrackerTable);
+   return flowTrackerTable.templateId();
 }
 
 void FlowTrackerTableSm::updateTaskIs(Kivo::Ptr<Orbo::TaskScheduler> const& scheduler,
@@ -119,31 +75,33 @@ void FlowTrackerTableSm::updateTaskIs(Kivo::Ptr<Orbo::TaskScheduler> const& sche
 }
 
 DataRecordPtr FlowTrackerTableSm::makeDataRecord() const {
+   // Whole seconds.
    FlowTracking::ActiveInterval const active = hwFtStatus_->activeInterval();
    KIVO_ASSERT(active.seconds() < Kivo::maxU16());
-   auto const flowActiveTimeout = static_cast<std::uint16_t>(active.seconds());
+   auto const flowActiveTimeout = static_cast<unsigned>(active.seconds());
    FlowTracking::InactiveTimeout const inactive = hwFtStatus_->inactiveTimeout();
    KIVO_ASSERT(inactive.seconds() < Kivo::maxU16());
-   auto const flowIdleTimeout = static_cast<std::uint16_t>(inactive.seconds());
+   auto const flowIdleTimeout = static_cast<unsigned>(inactive.seconds());
 
    FtId const observationDomainId = hwFtConfig_ ? hwFtConfig_->ftId() : 0;
    Kivo::String const observationDomainName = hwFtConfig_ ? hwFtConfig_->name() : Kivo::String();
    std::uint32_t const samplingPopulation = hwStatus_->sampleRate();
-   auto const flowTrackingType = static_cast<std::uint16_t>(ftrType_);
+   auto const flowTrackingType = static_cast<unsigned>(ftrType_);
 
-   // Sized for the longest name the length octet allows; `max` ends this record.
-   std::array<std::uint8_t, fixedRecordLen + 254> buf;
-   std::uint8_t* pos = buf.data();
-   std::uint8_t const* const max =
-       buf.data() + fixedRecordLen + std::min<std::size_t>(observationDomainName.size(), 254);
-   addElement(&pos, max, observationDomainId);
-   addElement(&pos, max, observationDomainName);
-   addElement(&pos, max, flowActiveTimeout);
-   addElement(&pos, max, flowIdleTimeout);
-   addElement(&pos, max, selectorAlgorithmRandomNOutOfN);
-   addElement(&pos, max, samplingSize);
-   addElement(&pos, max, samplingPopulation);
-   addElement(&pos, max, flowTrackingType);
+   // Sized for the longest name the length octet allows; the record ends where its name does.
+   std::array<std::uint8_t, maxRecordLen(flowTrackerTable.fields)> buf;
+   RecordWriter w(
+       flowTrackerTable.fields, buf.data(),
+       std::min<std::size_t>(observationDomainName.size(), Pelto::IpfixConst::maxShortVarLen()));
+   auto const& [pos, max] = w.cursor();
+   w.add(observationDomainId);
+   w.add(observationDomainName);
+   w.add(flowActiveTimeout);
+   w.add(flowIdleTimeout);
+   w.add(selectorAlgorithmRandomNOutOfN);
+   w.add(samplingSize);
+   w.add(samplingPopulation);
+   w.add(flowTrackingType);
    KIVO_ASSERT(pos == max);
    KTRACE(7, "FlowTrackerTableSm::"
                  << "makeDataRecord"
@@ -153,8 +111,7 @@ DataRecordPtr FlowTrackerTableSm::makeDataRecord() const {
                  << ", selectorAlgorithm:" << selectorAlgorithmRandomNOutOfN << ", samplingSize:"
                  << samplingSize << ", samplingPopulation:" << samplingPopulation
                  << ", flowTrackingType:" << flowTrackingType);
-   return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(buf.data()),
-                                              static_cast<std::size_t>(pos - buf.data())));
+   return w.dataRecord();
 }
 
 void FlowTrackerTableSm::handleInitialized() {

@@ -27,17 +27,10 @@
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Orbo/TaskScheduler.h"
 
 namespace FlowTracking {
-
-// Element writers. Each writes one value at `*pos`, advances `*pos` past it and aborts when the
-// value would pass `max`, the end of the record.
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint32_t value);
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint16_t value);
-void addElement(std::uint8_t** pos, std::uint8_t const* max, std::uint8_t value);
-// One length octet, then the octets of `value`. Aborts for 255 octets or more.
-void addElement(std::uint8_t** pos, std::uint8_t const* max, Kivo::String const& value);
 
 class FlowTrackerTableSm : public Kivo::Object {
  public:
@@ -62,16 +55,17 @@ class FlowTrackerTableSm : public Kivo::Object {
    // name, the 128 octets a collector statistics key holds (a longer one stops the process when
    // the first message is counted). The layout itself has room for 254 octets of name.
    static constexpr std::uint32_t maxDataRecordLen() {
-      return 21 + Mirra::Ipfix::StringIndex::max() + 1;
+      return static_cast<std::uint32_t>(
+          recordLen(flowTrackerTable.fields, Mirra::Ipfix::StringIndex::max() + 1));
    }
 
-   Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
-   Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }
-   Kivo::Ptr<HwFlowTracking::Status const> const& hwStatus() const { return hwStatus_; }
-   Kivo::Ptr<HwFlowTracking::FtConfig const> const& hwFtConfig() const { return hwFtConfig_; }
-   Kivo::Ptr<HwFlowTracking::FtStatus const> const& hwFtStatus() const { return hwFtStatus_; }
-   FlowTrackingType ftrType() const { return ftrType_; }
-   Kivo::Ptr<Orbo::TaskScheduler> const& scheduler() const { return scheduler_; }
+   void handleInitialized();
+   // Schedules the rebuild; changes within updateDelay() of each other share it.
+   void handleParamChange(Param whatChanged);
+
+ private:
+   friend struct FlowTrackerTableSmProbe;
+
    TemplateId setIdVal() const { return setIdVal_; }
    void setIdValIs(TemplateId id) { setIdVal_ = id; }
    bool initialized() const { return initialized_; }
@@ -79,7 +73,6 @@ class FlowTrackerTableSm : public Kivo::Object {
    // Seconds between a change and the rebuild it causes.
    double updateDelay() const { return updateDelay_; }
    void updateDelayIs(double seconds) { updateDelay_ = seconds; }
-   Kivo::Ptr<Orbo::TimerTask> const& updateTask() const { return updateTask_; }
    void updateTaskIs(Kivo::Ptr<Orbo::TaskScheduler> const& scheduler, Orbo::TaskPriority priority,
                      Kivo::String const& name);
    void updateTaskDel() { updateTask_ = nullptr; }
@@ -87,14 +80,9 @@ class FlowTrackerTableSm : public Kivo::Object {
    // The tracker's record as the inputs stand. Aborts for a timeout of 65535 s or more or a name
    // of 255 octets or more.
    DataRecordPtr makeDataRecord() const;
-
-   void handleInitialized();
-   // Schedules the rebuild; changes within updateDelay() of each other share it.
-   void handleParamChange(Param whatChanged);
-   // The rebuild: replaces the record and posts it.
+   // The rebuild the update task runs: replaces the record and posts it.
    void doUpdate();
 
- private:
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<HwFlowTracking::Status const> hwStatus_;

@@ -1,9 +1,7 @@
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
 
 #include <array>
-#include <cstring>
 
-#include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
 KTRACE_FACILITY(::Dualog::facility("InterfaceTableSm"))
@@ -12,12 +10,10 @@ namespace FlowTracking {
 
 namespace {
 
+// The index is written in the width its element has, and the name's length in one octet.
 using U8 = std::uint8_t;
 using U32 = std::uint32_t;
-
-// The longest record: index, length octet and a 254-octet name.
-constexpr std::size_t maxRecordLen = sizeof(U32) + sizeof(U8) + 254;
-static_assert(InterfaceTableSm::maxDataRecordLen() <= maxRecordLen);
+static_assert(intfTable.fields[0].len == sizeof(U32) && intfTable.fields[1].isVarLen());
 
 }  // namespace
 
@@ -44,7 +40,7 @@ InterfaceTableSm::~InterfaceTableSm() {
 }
 
 TemplateId InterfaceTableSm::setId() {
-   return Constants::reservedTemplateId(StaticTemplateId::intfTable);
+   return intfTable.templateId();
 }
 
 DataRecordPtr InterfaceTableSm::dataRecord(Pelto::IntfId const& intfId) const {
@@ -64,24 +60,20 @@ DataRecordPtr InterfaceTableSm::makeDataRecord(Kivo::String const& intfName,
                                                std::uint32_t intfIndex) const {
    std::size_t const intfNameLen = intfName.size();
    KIVO_ASSERT(intfNameLen < 255);
-   // The record is laid out in place, then copied once into the data record. `max` ends the
-   // record, not the scratch buffer.
-   std::array<U8, maxRecordLen> buf;
-   U8* pos = buf.data();
-   U8 const* const max = buf.data() + sizeof(U32) + sizeof(U8) + intfNameLen;
+   std::array<U8, maxRecordLen(intfTable.fields)> buf;
+   RecordWriter w(intfTable.fields, buf.data(), intfNameLen);
+   auto const& [pos, max] = w.cursor();
    // clang-format off
    KIVO_ASSERT(pos + sizeof( U32 ) < max);
-   pos = Pelto::storeBe32(pos, intfIndex);
+   w.add(intfIndex);
    // The strict bound refuses an empty name: it leaves no octet after the length.
    KIVO_ASSERT(pos + sizeof( U8 ) < max);
    // clang-format on
-   *pos++ = static_cast<U8>(intfNameLen);
+   w.addLength(intfNameLen);
    KIVO_ASSERT(pos + intfNameLen == max);
-   std::memcpy(pos, intfName.data(), intfNameLen);
-   pos += intfNameLen;
+   w.addOctets(intfName);
    KIVO_ASSERT(pos == max);
-   return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(buf.data()),
-                                              static_cast<std::size_t>(max - buf.data())));
+   return w.dataRecord();
 }
 
 void InterfaceTableSm::handleInitialized() {

@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Kivo/Entity.h"
 #include "Pelto/Address.h"
 
@@ -56,10 +57,19 @@ class InterfaceTableSm : public Kivo::Object {
    static TemplateId setId();
    // The longest record the table can give: index, length octet and the longest interface name.
    // The layout itself has room for 254 octets of name.
-   static constexpr std::uint32_t maxDataRecordLen() { return 4 + 1 + Pelto::IntfId::maxNameLen; }
+   static constexpr std::uint32_t maxDataRecordLen() {
+      return static_cast<std::uint32_t>(recordLen(intfTable.fields, Pelto::IntfId::maxNameLen));
+   }
+
+   // Full rebuild of the data source; bumps its version once.
+   void handleInitialized();
+   // One interface's index was set, changed or removed.
+   void handleIntfId(Pelto::IntfId const& intfId);
+
+ private:
+   friend struct InterfaceTableSmProbe;
 
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
-   Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }
    Kivo::Ptr<IntfIndexMap const> const& intfIndexMap() const { return intfIndexMap_; }
    TemplateId setIdVal() const { return setIdVal_; }
    void setIdValIs(TemplateId id) { setIdVal_ = id; }
@@ -76,12 +86,6 @@ class InterfaceTableSm : public Kivo::Object {
    // The record of one interface. Aborts for an empty name or one of 255 octets or more.
    DataRecordPtr makeDataRecord(Kivo::String const& intfName, std::uint32_t intfIndex) const;
 
-   // Full rebuild of the data source; bumps its version once.
-   void handleInitialized();
-   // One interface's index was set, changed or removed.
-   void handleIntfId(Pelto::IntfId const& intfId);
-
- private:
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<IntfIndexMap const> intfIndexMap_;

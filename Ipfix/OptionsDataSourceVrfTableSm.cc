@@ -1,10 +1,8 @@
 #include "Ipfix/OptionsDataSourceVrfTableSm.h"
 
 #include <array>
-#include <cstring>
 #include <string_view>
 
-#include "Pelto/Endian.h"
 #include "Trace/Trace.h"
 
 KTRACE_FACILITY(::Dualog::facility("VrfTableSm"))
@@ -23,8 +21,8 @@ struct RecordName {
    std::size_t bytes() const { return text.size(); }
 };
 
-// The longest record: VRF id, length octet and a 254-octet name.
-constexpr std::size_t maxRecordLen = sizeof(U32) + sizeof(U8) + 254;
+// The VRF id is written in the width its element has, and the name's length in one octet.
+static_assert(vrfTable.fields[0].len == sizeof(U32) && vrfTable.fields[1].isVarLen());
 
 }  // namespace
 
@@ -47,7 +45,7 @@ VrfTableSm::~VrfTableSm() {
 }
 
 TemplateId VrfTableSm::setId() {
-   return Constants::reservedTemplateId(StaticTemplateId::vrfTable);
+   return vrfTable.templateId();
 }
 
 DataRecordPtr VrfTableSm::dataRecord(Vrf::VrfIdMap::VrfId vrfId) const {
@@ -68,22 +66,20 @@ DataRecordPtr VrfTableSm::makeDataRecord(Vrf::VrfIdMap::VrfId vrfId,
    RecordName const vrfName{name};
    KIVO_ASSERT(vrfName.bytes() < 255);
    U8 const vrfNameLen = static_cast<U8>(vrfName.bytes());
-   std::array<U8, maxRecordLen> buf;
-   U8* pos = buf.data();
-   U8 const* const max = buf.data() + sizeof(U32) + sizeof(vrfNameLen) + vrfNameLen;
+   std::array<U8, maxRecordLen(vrfTable.fields)> buf;
+   RecordWriter w(vrfTable.fields, buf.data(), vrfNameLen);
+   auto const& [pos, max] = w.cursor();
    // clang-format off
    KIVO_ASSERT(pos + sizeof( U32 ) < max);
-   pos = Pelto::storeBe32(pos, vrfId);
+   w.add(vrfId);
    // Not strict, unlike the interface table: an empty name is a valid record.
    KIVO_ASSERT(pos + sizeof( vrfNameLen ) <= max);
    // clang-format on
-   *pos++ = vrfNameLen;
+   w.addLength(vrfNameLen);
    KIVO_ASSERT(pos + vrfNameLen == max);
-   std::memcpy(pos, vrfName.text.data(), vrfNameLen);
-   pos += vrfNameLen;
+   w.addOctets(vrfName.text);
    KIVO_ASSERT(pos == max);
-   return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(buf.data()),
-                                              static_cast<std::size_t>(max - buf.data())));
+   return w.dataRecord();
 }
 
 void VrfTableSm::handleInitialized() {

@@ -17,6 +17,7 @@
 #include <map>
 
 #include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace FlowTracking {
@@ -36,12 +37,20 @@ class VrfTableSm : public Kivo::Object {
    // The longest record the VRF table can give: VRF id, length octet and a name of the most
    // octets a VRF name has. The layout itself has room for 254.
    static constexpr std::uint32_t maxDataRecordLen() {
-      return 4 + 1 + Vrf::VrfIdMap::VrfName::maxLength;
+      return static_cast<std::uint32_t>(
+          recordLen(vrfTable.fields, Vrf::VrfIdMap::VrfName::maxLength));
    }
 
+   void handleInitialized();
+   // Full rebuild of the data source; bumps its version once.
+   void handleVrfIndexAll();
+   // One VRF was added, renamed or removed.
+   void handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId);
+
+ private:
+   friend struct VrfTableSmProbe;
+
    Kivo::Ptr<OptionsDataSource> const& dataSource() const { return dataSource_; }
-   Kivo::Ptr<OptionsDataUpdate> const& dataUpdate() const { return dataUpdate_; }
-   Kivo::Ptr<Vrf::VrfIdMap::Status const> const& vrfIdMapStatus() const { return vrfIdMapStatus_; }
    TemplateId setIdVal() const { return setIdVal_; }
    void setIdValIs(TemplateId id) { setIdVal_ = id; }
    bool initialized() const { return initialized_; }
@@ -57,13 +66,6 @@ class VrfTableSm : public Kivo::Object {
    // The record of one VRF. Aborts for a name of 255 octets or more.
    DataRecordPtr makeDataRecord(Vrf::VrfIdMap::VrfId vrfId, Kivo::String const& name) const;
 
-   void handleInitialized();
-   // Full rebuild of the data source; bumps its version once.
-   void handleVrfIndexAll();
-   // One VRF was added, renamed or removed.
-   void handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId);
-
- private:
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<Vrf::VrfIdMap::Status const> vrfIdMapStatus_;

@@ -9,6 +9,21 @@ namespace FlowTracking {
 
 namespace {
 
+// Options template records list their scope fields first; a table's records follow its field
+// list, so the list has its scope fields first too, and at least one of them.
+consteval bool scopeFieldsFirst(OptionsTable const& table) {
+   bool scope = true;
+   for (RecordField const& f : table.fields) {
+      if (f.scope && !scope) {
+         return false;
+      }
+      scope = f.scope;
+   }
+   return !table.fields.empty() && table.fields.front().scope;
+}
+static_assert(scopeFieldsFirst(intfTable) && scopeFieldsFirst(vrfTable) &&
+              scopeFieldsFirst(flowKeyTable) && scopeFieldsFirst(flowTrackerTable));
+
 Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entryIs(OptionsTemplate::Fields& coll,
                                                    std::uint32_t fieldId, Ipfix::RecordType type) {
    Kivo::Ptr<HwFlowTracking::FtTemplateEntry> entry = coll.is(fieldId, type);

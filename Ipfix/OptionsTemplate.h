@@ -12,14 +12,68 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
+#include <string_view>
 
 #include "HwFlowTracking/FtTemplateEntry.h"
 #include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/Ipfix.h"
+#include "Ipfix/MessageBuilder.h"
 #include "Kivo/Attr.h"
 #include "Pelto/Pkt.h"
 
 namespace FlowTracking {
+
+// One options table: the step that announces it while the options templates are configured, its
+// options template's name and reserved template id, and its fields in record order, scope fields
+// first. The options template (TemplateSm::initOptTemplateConfig) and the table's data records
+// (RecordWriter) are both made from `fields`.
+struct OptionsTable {
+   std::string_view step;
+   std::string_view name;
+   StaticTemplateId staticId;
+   std::span<RecordField const> fields;
+
+   constexpr TemplateId templateId() const { return Constants::reservedTemplateId(staticId); }
+};
+
+namespace OptionsTableFields {
+inline constexpr RecordField intfTable[] = {
+    recordField("ingressInterface", true),
+    recordField("interfaceName"),
+};
+inline constexpr RecordField vrfTable[] = {
+    recordField("ingressVRFID", true),
+    recordField("VRFname"),
+};
+inline constexpr RecordField flowKey[] = {
+    recordField("templateId", true),
+    recordField("flowKeyIndicator"),
+};
+inline constexpr RecordField flowTrackerTable[] = {
+    recordField("observationDomainId", true), recordField("observationDomainName"),
+    recordField("flowActiveTimeout"),         recordField("flowIdleTimeout"),
+    recordField("selectorAlgorithm"),         recordField("samplingSize"),
+    recordField("samplingPopulation"),        recordField("flowTrackingType"),
+};
+}  // namespace OptionsTableFields
+
+// Interface index to interface name.
+inline constexpr OptionsTable intfTable{"addOptTemplateIntfTable", "IntfTable",
+                                        StaticTemplateId::intfTable, OptionsTableFields::intfTable};
+// VRF id to VRF name.
+inline constexpr OptionsTable vrfTable{"addOptTemplateVrfTable", "VrfTable",
+                                       StaticTemplateId::vrfTable, OptionsTableFields::vrfTable};
+// Data template id to the flow key indicator of its fields.
+inline constexpr OptionsTable flowKeyTable{"addOptTemplateFlowKey", "FlowKey",
+                                           StaticTemplateId::flowKey, OptionsTableFields::flowKey};
+// The flow tracker as an observation domain: its name, timeouts and sampling.
+inline constexpr OptionsTable flowTrackerTable{"addOptTemplateFlowTrackerTable", "FlowTrackerTable",
+                                               StaticTemplateId::flowTrackerTable,
+                                               OptionsTableFields::flowTrackerTable};
+// The options tables in the order their templates are configured.
+inline constexpr OptionsTable const* optionsTables[] = {&intfTable, &vrfTable, &flowKeyTable,
+                                                        &flowTrackerTable};
 
 // One options template: scope fields and (non-scope) fields, each keyed by position and written
 // in ascending position order.

@@ -3,8 +3,13 @@
 #include "Ipfix/MessageBuilder.h"
 #include "support/DeathText.h"
 #include "support/IpfixDecoder.h"
+#include "support/MessageBuilderProbe.h"
 
 using FlowTracking::MessageBuilder;
+using FlowTracking::MessageBuilderProbe;
+using FlowTracking::RecordField;
+using FlowTracking::recordField;
+using FlowTracking::RecordWriter;
 using testsupport::Bytes;
 
 namespace {
@@ -12,6 +17,19 @@ namespace {
 std::string record(std::size_t n, char fill = 'r') {
    return std::string(n, fill);
 }
+
+Bytes bytes(Kivo::Ptr<FlowTracking::DataRecord const> const& r) {
+   return Bytes(r->data().begin(), r->data().end());
+}
+
+// One field of every width a number can have, and a variable-length one between them.
+constexpr RecordField everyWidth[] = {
+    recordField("protocolIdentifier", true),  // 1 octet
+    recordField("sourceTransportPort"),       // 2
+    recordField("interfaceName"),             // variable
+    recordField("ingressInterface"),          // 4
+    recordField("octetDeltaCount"),           // 8
+};
 
 testsupport::Message decode(Kivo::Ptr<FlowTracking::Message> const& m) {
    testsupport::Decoder d;
@@ -37,8 +55,8 @@ TEST(MessageBuilder, OneRecordMessageHasExactLengthsAndZeroStamps) {
    EXPECT_EQ(m.sets[0].length, 14);
    EXPECT_EQ(m.sets[0].body, Bytes(10, 'r'));
    // The builder is idle again and starts the next message from scratch.
-   EXPECT_FALSE(b->pkt());
-   EXPECT_EQ(b->offset(), 0u);
+   EXPECT_FALSE(MessageBuilderProbe::pkt(*b));
+   EXPECT_EQ(MessageBuilderProbe::offset(*b), 0u);
    EXPECT_EQ(b->recordCount(), 0u);
 }
 
@@ -75,18 +93,19 @@ TEST(MessageBuilder, RoomTestAtTheExactBoundary) {
       auto b = FlowTracking::messageBuilderFactory(100, 1);
       b->startMsg();
       ASSERT_EQ(b->addSetRecordStr(256, record(70)), 70u);
-      ASSERT_EQ(b->offset(), 90u);
+      ASSERT_EQ(MessageBuilderProbe::offset(*b), 90u);
       std::uint32_t const written = b->addSetRecordStr(c.id, record(c.len, 'x'));
       if (c.fits) {
          EXPECT_EQ(written, c.len) << c.id << "/" << c.len;
-         EXPECT_EQ(b->offset(), 100u);
+         EXPECT_EQ(MessageBuilderProbe::offset(*b), 100u);
          EXPECT_EQ(b->recordCount(), 2u);
          EXPECT_EQ(decode(b->finalizeMsg()).length, 100);
       } else {
          EXPECT_EQ(written, 0u) << c.id << "/" << c.len;
-         EXPECT_EQ(b->offset(), 90u);  // nothing changed, the open set stays open
+         EXPECT_EQ(MessageBuilderProbe::offset(*b),
+                   90u);  // nothing changed, the open set stays open
          EXPECT_EQ(b->recordCount(), 1u);
-         EXPECT_EQ(b->setId(), 256);
+         EXPECT_EQ(MessageBuilderProbe::setId(*b), 256);
          auto const m = decode(b->finalizeMsg());
          EXPECT_EQ(m.length, 90);
          EXPECT_EQ(m.sets.size(), 1u);
@@ -143,6 +162,61 @@ TEST(MessageBuilder, StampingWritesTimeAndSequenceNumberPerSend) {
    Bytes after(msg->pkt()->span().begin(), msg->pkt()->span().end());
    std::fill(after.begin() + 4, after.begin() + 12, 0);
    EXPECT_EQ(after, before);
+}
+
+TEST(RecordWriter, NumbersTakeTheirElementsWidthBigEndianAndNamesTheShortForm) {
+   std::uint8_t buf[64];
+   RecordWriter w(everyWidth, buf, 3);
+   w.add(std::uint8_t{0x11});
+   w.add(0x2233u);
+   w.add(std::string_view("Et1"));
+   w.add(std::uint8_t{0x44});  // a narrow value still fills its field
+   w.add(std::uint64_t{0x0102030405060708});
+   EXPECT_EQ(bytes(w.dataRecord()),
+             (Bytes{0x11, 0x22, 0x33, 3, 'E', 't', '1', 0, 0, 0, 0x44, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+// Each number its width, each variable-length value one length octet and its octets.
+TEST(RecordWriter, RecordLengthsComeFromTheFieldList) {
+   std::pair<std::size_t, std::size_t> const cases[] = {{0, 16}, {3, 19}, {254, 270}};
+   for (auto const& [varOctets, len] : cases) {
+      EXPECT_EQ(FlowTracking::recordLen(everyWidth, varOctets), len) << varOctets;
+   }
+   EXPECT_EQ(FlowTracking::maxRecordLen(everyWidth), 270u);
+   constexpr RecordField numbersOnly[] = {recordField("templateId"),
+                                          recordField("flowKeyIndicator")};
+   EXPECT_EQ(FlowTracking::maxRecordLen(numbersOnly), 10u);
+}
+
+TEST(RecordWriter, EmptyNameIsTheLengthOctetAlone) {
+   std::uint8_t buf[64];
+   constexpr RecordField nameOnly[] = {recordField("VRFname")};
+   RecordWriter w(nameOnly, buf, 0);
+   w.add(std::string_view());
+   EXPECT_EQ(bytes(w.dataRecord()), Bytes{0});
+}
+
+using RecordWriterDeathTest = ::testing::Test;
+
+// A record that does not follow its field list stops before anything wrong is handed out.
+TEST_F(RecordWriterDeathTest, RecordsThatDisagreeWithTheirFieldsStop) {
+   using testsupport::assertText;
+   std::uint8_t buf[300];
+   constexpr RecordField portAndName[] = {recordField("sourceTransportPort"),
+                                          recordField("interfaceName")};
+   auto writer = [&] { return RecordWriter(portAndName, buf, 2); };
+   EXPECT_DEATH(writer().add(0x10000u),
+                assertText("field.len == 8 || value >> (8 * field.len) == 0"));
+   EXPECT_DEATH(writer().add(std::string_view("ab")), assertText("field.isVarLen()"));
+   EXPECT_DEATH((void)writer().dataRecord(), assertText("next_ == fields_.size()"));
+   auto w = writer();
+   w.add(1u);
+   EXPECT_DEATH(w.add(2u), assertText("!field.isVarLen()"));
+   EXPECT_DEATH(w.add(std::string(255, 'x')), assertText("elementLen < 255"));
+   EXPECT_DEATH(w.add(std::string_view("abc")), assertText("*pos + elementLen <= max"));
+   w.add(std::string_view("ab"));
+   EXPECT_DEATH(w.add(3u), assertText("next_ < fields_.size()"));
+   EXPECT_EQ(bytes(w.dataRecord()), (Bytes{0, 1, 2, 'a', 'b'}));
 }
 
 using MessageBuilderDeathTest = ::testing::Test;

@@ -5,8 +5,8 @@
 #include <map>
 #include <set>
 
-#include "Ipfix/OptionsDataManagerSm.h"
 #include "support/ExportFixture.h"
+#include "support/OptionsDataManagerSmProbe.h"
 #include "support/Pcap.h"
 #include "support/Tshark.h"
 
@@ -119,9 +119,9 @@ TEST_F(OptionsDataPath, InterfaceRenameIsOneCoalescedUpdate) {
 TEST_F(OptionsDataPath, RemovedTrackerLeavesNoTasksStatisticsOrData) {
    EXPECT_GT(collStats->statsCount(), 0u);
    hwConfig->ftConfigDel("t1");
-   EXPECT_FALSE(manager->ftManagerSm("t1"));
-   EXPECT_FALSE(manager->dataContainer("t1"));
-   EXPECT_FALSE(manager->dataAll()->trackerData("t1"));
+   EXPECT_FALSE(OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));
+   EXPECT_FALSE(OptionsDataManagerSmProbe::dataContainer(*manager, "t1"));
+   EXPECT_FALSE(OptionsDataManagerSmProbe::dataAll(*manager)->trackerData("t1"));
    EXPECT_EQ(collStats->statsCount(), 0u);
    EXPECT_EQ(scheduler->pendingTasks(), 0u);
    // Configured again, it is served again from scratch.
@@ -135,8 +135,9 @@ TEST_F(OptionsDataPath, RemovedTrackerLeavesNoTasksStatisticsOrData) {
    e->exporter4ResolvedIs(true);
    a.drain(1000);
    ASSERT_TRUE(scheduler->runUntilIdle());  // no active interval: the default, not every pass
-   ASSERT_TRUE(manager->ftManagerSm("t1"));
-   EXPECT_TRUE(manager->ftManagerSm("t1")->exporterSm("e9"));
+   ASSERT_TRUE(OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));
+   EXPECT_TRUE(OptionsDataManagerSmProbe::exporterSm(
+       *OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"), "e9"));
    EXPECT_FALSE(tables(a.messages(1000))[intfSet].empty());
 }
 
@@ -179,7 +180,8 @@ TEST_F(OptionsDataPath, TsharkReadsTheOptionsData) {
 TEST_F(OptionsDataPath, TrackerIdSetAfterTheTrackerAppearsIsTheOptionsDataDomain) {
    hwConfig->ftConfigDel("t1");
    auto ft = hwConfig->ftConfigIs("t1");
-   ASSERT_TRUE(manager->ftManagerSm("t1"));  // served before the id is set
+   ASSERT_TRUE(
+       OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));  // served before the id is set
    ft->ftIdIs(9);
    testsupport::LoopbackCollector c;
    auto e = ft->expConfigIs("e9");

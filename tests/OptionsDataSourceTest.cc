@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
-#include "Ipfix/OptionsDataSourceFlowKeySm.h"
-#include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
-#include "Ipfix/OptionsDataSourceIntfTableSm.h"
-#include "Ipfix/OptionsDataSourceVrfTableSm.h"
 #include "Pelto/Endian.h"
 #include "Trace/Snaplog.h"
 #include "support/DeathText.h"
+#include "support/OptionsDataSourceFlowKeySmProbe.h"
+#include "support/OptionsDataSourceFlowTrackerTableSmProbe.h"
+#include "support/OptionsDataSourceIntfTableSmProbe.h"
+#include "support/OptionsDataSourceVrfTableSmProbe.h"
 
 using namespace FlowTracking;
 using testsupport::deathText;
@@ -83,11 +83,16 @@ using OptionsDataSourceFlowKey = OptionsDataSourceTables;
 TEST_F(OptionsDataSourceIntfTable, RecordCarriesIndexAndShortVariableLengthName) {
    auto sm = intfSm();
    std::string const longest(254, 'n');
-   EXPECT_EQ(bytes(sm->makeDataRecord("Ethernet1", 5)), bytes({0, 0, 0, 5, 9}, "Ethernet1"));
-   EXPECT_EQ(bytes(sm->makeDataRecord("E", 0xFFFFFFFF)), bytes({255, 255, 255, 255, 1}, "E"));
-   EXPECT_EQ(bytes(sm->makeDataRecord(longest, 9)), bytes({0, 0, 0, 9, 254}, longest));
-   EXPECT_DEATH(sm->makeDataRecord("", 1), deathText("pos + sizeof( U8 ) < max"));
-   EXPECT_DEATH(sm->makeDataRecord(longest + "n", 1), deathText("intfNameLen < 255"));
+   EXPECT_EQ(bytes(InterfaceTableSmProbe::makeDataRecord(*sm, "Ethernet1", 5)),
+             bytes({0, 0, 0, 5, 9}, "Ethernet1"));
+   EXPECT_EQ(bytes(InterfaceTableSmProbe::makeDataRecord(*sm, "E", 0xFFFFFFFF)),
+             bytes({255, 255, 255, 255, 1}, "E"));
+   EXPECT_EQ(bytes(InterfaceTableSmProbe::makeDataRecord(*sm, longest, 9)),
+             bytes({0, 0, 0, 9, 254}, longest));
+   EXPECT_DEATH(InterfaceTableSmProbe::makeDataRecord(*sm, "", 1),
+                deathText("pos + sizeof( U8 ) < max"));
+   EXPECT_DEATH(InterfaceTableSmProbe::makeDataRecord(*sm, longest + "n", 1),
+                deathText("intfNameLen < 255"));
 }
 
 TEST_F(OptionsDataSourceIntfTable, EmptyMapPublishesTheReservedRecordsInOrderWithOneVersionBump) {
@@ -100,7 +105,7 @@ TEST_F(OptionsDataSourceIntfTable, EmptyMapPublishesTheReservedRecordsInOrderWit
                  bytes({0x80, 0, 0, 0, 9}, "multicast"), bytes({0x40, 0, 0, 0, 7}, "discard"),
                  bytes({0x3F, 0xFF, 0xFF, 0xFF, 3}, "CPU"), bytes({0, 0, 0, 0, 7}, "unknown")}));
    EXPECT_EQ(counts(), (Counts{4, 1, 0}));  // the full table is not posted record by record
-   EXPECT_EQ(sm->dataRecords(), 0u);
+   EXPECT_EQ(InterfaceTableSmProbe::dataRecords(*sm), 0u);
 }
 
 TEST_F(OptionsDataSourceIntfTable, ScriptOfIndexChanges) {
@@ -111,23 +116,23 @@ TEST_F(OptionsDataSourceIntfTable, ScriptOfIndexChanges) {
 
    map->intfIndexIs(e2, 2);  // added: posted
    EXPECT_EQ(update->setId(), Constants::reservedTemplateId(StaticTemplateId::intfTable));
-   EXPECT_EQ(update->record(), sm->dataRecord(e2));
+   EXPECT_EQ(update->record(), InterfaceTableSmProbe::dataRecord(*sm, e2));
    EXPECT_EQ(bytes(update->record()), bytes({0, 0, 0, 2, 9}, "Ethernet2"));
    EXPECT_EQ(counts(), (Counts{6, 2, 1}));
 
-   DataRecordPtr const old = sm->dataRecord(e1);
+   DataRecordPtr const old = InterfaceTableSmProbe::dataRecord(*sm, e1);
    map->intfIndexIs(e1, 7);  // changed: replaced and posted
    EXPECT_FALSE(source->dataRecord().has(old));
-   EXPECT_TRUE(source->dataRecord().has(sm->dataRecord(e1)));
+   EXPECT_TRUE(source->dataRecord().has(InterfaceTableSmProbe::dataRecord(*sm, e1)));
    EXPECT_EQ(bytes(update->record()), bytes({0, 0, 0, 7, 9}, "Ethernet1"));
    EXPECT_EQ(update->version(), 2u);
    EXPECT_EQ(source->dataRecords(), 6u);
 
    Snaplog::clear();
-   DataRecordPtr const gone = sm->dataRecord(e2);
+   DataRecordPtr const gone = InterfaceTableSmProbe::dataRecord(*sm, e2);
    map->intfIndexDel(e2);  // removed: not posted
    EXPECT_TRUE(traced("intfId: Ethernet2, index not present. "));
-   EXPECT_FALSE(source->dataRecord().has(gone) || sm->dataRecord(e2));
+   EXPECT_FALSE(source->dataRecord().has(gone) || InterfaceTableSmProbe::dataRecord(*sm, e2));
    EXPECT_EQ(counts(), (Counts{5, 4, 2}));
 }
 
@@ -142,7 +147,7 @@ TEST_F(OptionsDataSourceTables, BrokenInvariantsAbort) {
    EXPECT_DEATH((keySm(), stray(), templateIs(300, {})),
                 deathText("dataRecords() == dataSource()->dataRecords()"));
    auto intf = intfSm();
-   intf->initializedIs(false);
+   InterfaceTableSmProbe::initializedIs(*intf, false);
    EXPECT_DEATH(intf->handleIntfId(Pelto::IntfId("Ethernet1")), deathText("initialized()"));
 }
 
@@ -152,9 +157,11 @@ TEST_F(OptionsDataSourceVrfTable, RecordLayoutAllowsAnEmptyName) {
    ASSERT_EQ(counts(), (Counts{1, 1, 0}));
    EXPECT_EQ(bytes(rows()[0]), bytes({0, 0xFF, 0xFF, 0xFF, 0}));
    std::string const longest(254, 'v');
-   EXPECT_EQ(bytes(sm->makeDataRecord(2, "red")), bytes({0, 0, 0, 2, 3}, "red"));
-   EXPECT_EQ(bytes(sm->makeDataRecord(7, longest)), bytes({0, 0, 0, 7, 254}, longest));
-   EXPECT_DEATH(sm->makeDataRecord(1, longest + "v"), deathText("vrfName.bytes() < 255"));
+   EXPECT_EQ(bytes(VrfTableSmProbe::makeDataRecord(*sm, 2, "red")), bytes({0, 0, 0, 2, 3}, "red"));
+   EXPECT_EQ(bytes(VrfTableSmProbe::makeDataRecord(*sm, 7, longest)),
+             bytes({0, 0, 0, 7, 254}, longest));
+   EXPECT_DEATH(VrfTableSmProbe::makeDataRecord(*sm, 1, longest + "v"),
+                deathText("vrfName.bytes() < 255"));
 }
 
 TEST_F(OptionsDataSourceVrfTable, ScriptOfVrfChanges) {
@@ -162,12 +169,12 @@ TEST_F(OptionsDataSourceVrfTable, ScriptOfVrfChanges) {
    status->vrfNameIs(2, "");
    auto sm = vrfSm();
    EXPECT_EQ(source->dataRecords(), 3u);
-   EXPECT_EQ(bytes(sm->dataRecord(2)), bytes({0, 0, 0, 2, 0}));
+   EXPECT_EQ(bytes(VrfTableSmProbe::dataRecord(*sm, 2)), bytes({0, 0, 0, 2, 0}));
 
-   DataRecordPtr const old = sm->dataRecord(1);
+   DataRecordPtr const old = VrfTableSmProbe::dataRecord(*sm, 1);
    status->vrfNameIs(1, "green");  // renamed: replaced and posted
    EXPECT_FALSE(source->dataRecord().has(old));
-   EXPECT_EQ(update->record(), sm->dataRecord(1));
+   EXPECT_EQ(update->record(), VrfTableSmProbe::dataRecord(*sm, 1));
    EXPECT_EQ(bytes(update->record()), bytes({0, 0, 0, 1, 5}, "green"));
    EXPECT_EQ(update->setId(), Constants::reservedTemplateId(StaticTemplateId::vrfTable));
    EXPECT_EQ(counts(), (Counts{3, 2, 1}));
@@ -178,7 +185,7 @@ TEST_F(OptionsDataSourceVrfTable, ScriptOfVrfChanges) {
    EXPECT_EQ(counts(), (Counts{2, 3, 1}));
 
    status->vrfNameIs(3, std::string(100, 'v'));  // the map refuses longer names
-   EXPECT_EQ(sm->dataRecord(3)->dataLen(), 105u);
+   EXPECT_EQ(VrfTableSmProbe::dataRecord(*sm, 3)->dataLen(), 105u);
    EXPECT_THROW(status->vrfNameIs(3, std::string(101, 'v')), Kivo::RangeException);
    EXPECT_EQ(status->vrfName(3)->bytes(), 100u);
    EXPECT_EQ(update->version(), 2u);
@@ -196,14 +203,16 @@ TEST_F(OptionsDataSourceFtTable, TimeoutsAreWholeSecondsBelow65535) {
    auto sm = ftSm();
    ftStatus->activeIntervalIs({65'534'999});  // truncated to 65534 s
    ftStatus->inactiveTimeoutIs({1'999});
-   Bytes const b = bytes(sm->makeDataRecord());
+   Bytes const b = bytes(FlowTrackerTableSmProbe::makeDataRecord(*sm));
    EXPECT_EQ(Pelto::loadBe16(&b[9]), 0xFFFE);
    EXPECT_EQ(Pelto::loadBe16(&b[11]), 1);
    ftStatus->activeIntervalIs({65'535'000});
-   EXPECT_DEATH(sm->makeDataRecord(), deathText("active.seconds() < Kivo::maxU16()"));
+   EXPECT_DEATH(FlowTrackerTableSmProbe::makeDataRecord(*sm),
+                deathText("active.seconds() < Kivo::maxU16()"));
    ftStatus->activeIntervalIs({0});
    ftStatus->inactiveTimeoutIs({70'000'000});
-   EXPECT_DEATH(sm->makeDataRecord(), deathText("inactive.seconds() < Kivo::maxU16()"));
+   EXPECT_DEATH(FlowTrackerTableSmProbe::makeDataRecord(*sm),
+                deathText("inactive.seconds() < Kivo::maxU16()"));
 }
 
 // Three changes inside the delay: one rebuild when the first change's delay runs out; none
@@ -227,10 +236,10 @@ TEST_F(OptionsDataSourceFtTable, ParameterChangesCoalesceIntoOneUpdateWhileTheTa
    scheduler->runFor(*clock, 10.0);
    EXPECT_EQ(update->version(), 1u);
 
-   sm->initializedIs(false);  // no update before initialization
-   sm->doUpdate();
+   FlowTrackerTableSmProbe::initializedIs(*sm, false);  // no update before initialization
+   FlowTrackerTableSmProbe::doUpdate(*sm);
    EXPECT_EQ(update->version(), 1u);
-   sm->initializedIs(true);
+   FlowTrackerTableSmProbe::initializedIs(*sm, true);
    hwStatus->sampleRateIs(10);
    sm = nullptr;  // the pending rebuild goes with the state machine
    scheduler->runFor(*clock, 5.0);
@@ -265,14 +274,15 @@ TEST_F(OptionsDataSourceFlowKey, BitmapOfFlowKeyPositions) {
          fields.emplace_back(p, 1, std::count(keys.begin(), keys.end(), p) > 0);
       }
       templateIs(300, fields);
-      auto r = sm->makeDataRecord(300);
+      auto r = FlowKeySmProbe::makeDataRecord(*sm, 300);
       ASSERT_TRUE(r && r->dataLen() == 10);
       Bytes const b = bytes(r);
       EXPECT_EQ(Pelto::loadBe16(&b[0]), 300u);
       EXPECT_EQ(Pelto::loadBe64(&b[2]), bitmap) << keys.size();
    }
    templateIs(301, {{0, 7, true}, {1, 0, true}, {4, 11, true}});
-   EXPECT_EQ(bytes(sm->makeDataRecord(301)), bytes({0x01, 0x2D, 0, 0, 0, 0, 0, 0, 0, 0x13}));
+   EXPECT_EQ(bytes(FlowKeySmProbe::makeDataRecord(*sm, 301)),
+             bytes({0x01, 0x2D, 0, 0, 0, 0, 0, 0, 0, 0x13}));
 }
 
 TEST_F(OptionsDataSourceFlowKey, MixedAddressFamiliesGiveNoRecord) {
@@ -286,9 +296,9 @@ TEST_F(OptionsDataSourceFlowKey, MixedAddressFamiliesGiveNoRecord) {
    for (auto const& [fields, record] : cases) {
       Snaplog::clear();
       templateIs(400, fields);
-      EXPECT_EQ(bool(sm->makeDataRecord(400)), record);
+      EXPECT_EQ(bool(FlowKeySmProbe::makeDataRecord(*sm, 400)), record);
       EXPECT_EQ(traced("AF mismatch at field:"), !record);
-      EXPECT_EQ(bool(sm->dataRecord(400)), record);
+      EXPECT_EQ(bool(FlowKeySmProbe::dataRecord(*sm, 400)), record);
    }
    EXPECT_TRUE(traced(", NO record (incomplete template)"));
    EXPECT_EQ(source->dataRecords(), 0u);
@@ -299,16 +309,17 @@ TEST_F(OptionsDataSourceFlowKey, ScriptOfTemplateChanges) {
    templateIs(301, {{0, 8, true}, {1, 27, true}});  // mixed: no record
    auto sm = keySm();
    EXPECT_EQ(counts(), (Counts{1, 1, 0}));
-   EXPECT_EQ(bytes(sm->dataRecord(300)), bytes({0x01, 0x2C, 0, 0, 0, 0, 0, 0, 0, 3}));
+   EXPECT_EQ(bytes(FlowKeySmProbe::dataRecord(*sm, 300)),
+             bytes({0x01, 0x2C, 0, 0, 0, 0, 0, 0, 0, 3}));
 
    templateIs(302, {{2, 7, true}});  // added (empty), then filled: each posted
    EXPECT_EQ(update->version(), 2u);
-   EXPECT_EQ(update->record(), sm->dataRecord(302));
+   EXPECT_EQ(update->record(), FlowKeySmProbe::dataRecord(*sm, 302));
    EXPECT_EQ(update->setId(), Constants::reservedTemplateId(StaticTemplateId::flowKey));
    EXPECT_EQ(bytes(update->record()), bytes({0x01, 0x2E, 0, 0, 0, 0, 0, 0, 0, 4}));
    EXPECT_EQ(source->dataRecords(), 2u);
 
-   DataRecordPtr const old = sm->dataRecord(300);
+   DataRecordPtr const old = FlowKeySmProbe::dataRecord(*sm, 300);
    templateIs(300, {{0, 8, false}, {1, 12, true}});  // regenerated: replaced and posted
    EXPECT_FALSE(source->dataRecord().has(old));
    EXPECT_EQ(bytes(update->record()), bytes({0x01, 0x2C, 0, 0, 0, 0, 0, 0, 0, 2}));
@@ -319,7 +330,7 @@ TEST_F(OptionsDataSourceFlowKey, ScriptOfTemplateChanges) {
    auto removed = ftStatus->templateStatus(300);
    ftStatus->templateStatusDel(300);  // removed: not posted
    EXPECT_TRUE(traced("templateId:300, not present"));
-   EXPECT_FALSE(sm->dataRecord(300) || sm->templateStatus(300));
+   EXPECT_FALSE(FlowKeySmProbe::dataRecord(*sm, 300) || FlowKeySmProbe::templateStatus(*sm, 300));
    EXPECT_EQ(counts(), (Counts{1, version + 1, 3}));
    removed->genIdIs(99);  // no longer followed
    EXPECT_EQ(source->version(), version + 1);

@@ -33,18 +33,20 @@ static_assert(sizeof(Be16) == 2 && alignof(Be16) == 1);
 static_assert(sizeof(Be32) == 4 && alignof(Be32) == 1);
 static_assert(sizeof(Be64) == 8 && alignof(Be64) == 1);
 
-// Stores at an arbitrary byte position; return the position after the value.
+// Stores at an arbitrary byte position, in sizeof(T) octets; returns the position after the value.
+template <class T>
+inline std::uint8_t* storeBe(std::uint8_t* p, T v) {
+   reinterpret_cast<BigEndian<T>*>(p)->set(v);
+   return p + sizeof(T);
+}
 inline std::uint8_t* storeBe16(std::uint8_t* p, std::uint16_t v) {
-   reinterpret_cast<Be16*>(p)->set(v);
-   return p + 2;
+   return storeBe(p, v);
 }
 inline std::uint8_t* storeBe32(std::uint8_t* p, std::uint32_t v) {
-   reinterpret_cast<Be32*>(p)->set(v);
-   return p + 4;
+   return storeBe(p, v);
 }
 inline std::uint8_t* storeBe64(std::uint8_t* p, std::uint64_t v) {
-   reinterpret_cast<Be64*>(p)->set(v);
-   return p + 8;
+   return storeBe(p, v);
 }
 inline std::uint16_t loadBe16(std::uint8_t const* p) {
    return reinterpret_cast<Be16 const*>(p)->get();

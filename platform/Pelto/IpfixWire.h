@@ -21,6 +21,9 @@ struct IpfixConst {
    static constexpr std::uint32_t messageHeaderLen() { return 16; }
    static constexpr std::uint32_t setHeaderLen() { return 4; }
    static constexpr std::uint16_t varLen() { return 65535; }
+   // The longest value the short variable-length form carries: its one length octet, 255, is
+   // the escape to the three-octet form.
+   static constexpr std::uint16_t maxShortVarLen() { return 254; }
    static constexpr std::uint16_t enterpriseBit() { return 0x8000; }
    static constexpr std::uint16_t udpPort() { return 4739; }
 };
@@ -108,22 +111,25 @@ class SetHeader : public WireView<SetHeaderWire> {
    void lengthIs(std::uint16_t v) { wire()->length.set(v); }
 };
 
-class TemplateHeader : public WireView<TemplateHeaderWire> {
+// Template id and field count, the head both kinds of template record share.
+template <class W>
+class TemplateHeaderView : public WireView<W> {
  public:
-   using WireView::WireView;
-   std::uint16_t templateId() const { return wire()->templateId.get(); }
-   void templateIdIs(std::uint16_t v) { wire()->templateId.set(v); }
-   std::uint16_t fieldCount() const { return wire()->fieldCount.get(); }
-   void fieldCountIs(std::uint16_t v) { wire()->fieldCount.set(v); }
+   using WireView<W>::WireView;
+   std::uint16_t templateId() const { return this->wire()->templateId.get(); }
+   void templateIdIs(std::uint16_t v) { this->wire()->templateId.set(v); }
+   std::uint16_t fieldCount() const { return this->wire()->fieldCount.get(); }
+   void fieldCountIs(std::uint16_t v) { this->wire()->fieldCount.set(v); }
 };
 
-class OptionsTemplateHeader : public WireView<OptionsTemplateHeaderWire> {
+class TemplateHeader : public TemplateHeaderView<TemplateHeaderWire> {
  public:
-   using WireView::WireView;
-   std::uint16_t templateId() const { return wire()->templateId.get(); }
-   void templateIdIs(std::uint16_t v) { wire()->templateId.set(v); }
-   std::uint16_t fieldCount() const { return wire()->fieldCount.get(); }
-   void fieldCountIs(std::uint16_t v) { wire()->fieldCount.set(v); }
+   using TemplateHeaderView::TemplateHeaderView;
+};
+
+class OptionsTemplateHeader : public TemplateHeaderView<OptionsTemplateHeaderWire> {
+ public:
+   using TemplateHeaderView::TemplateHeaderView;
    std::uint16_t scopeFieldCount() const { return wire()->scopeFieldCount.get(); }
    void scopeFieldCountIs(std::uint16_t v) { wire()->scopeFieldCount.set(v); }
 };
