@@ -154,13 +154,10 @@ class TemplateSm : public Kivo::Object {
    Kivo::Reactor reactor_;
 };
 
-Kivo::Ptr<TemplateSm> templateSmFactory(Kivo::Ptr<Orbo::TaskSchedulerRoot> const& scheduler,
-                                        Kivo::Ptr<Config const> const& flowTrackingConfig,
-                                        Kivo::Ptr<ConfigReq const> const& flowTrackingConfigReq,
-                                        Kivo::Ptr<HwFlowTracking::Status const> const& hwStatus,
-                                        Kivo::Ptr<HwFlowTracking::Config const> const& hwConfig,
-                                        Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& stats,
-                                        Kivo::Ptr<FlowTrackingInfo> const& flowTrackingInfo,
-                                        Kivo::Ptr<Ipfix::ElementIdColl const> const& eic);
+// Its arguments are the constructor's.
+template <class... Args>
+Kivo::Ptr<TemplateSm> templateSmFactory(Args&&... args) {
+   return Kivo::make<TemplateSm>(std::forward<Args>(args)...);
+}
 
 }  // namespace FlowTracking

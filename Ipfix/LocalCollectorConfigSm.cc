@@ -328,14 +328,4 @@ bool LocalCollectorConfigSm::openPam_p(Kivo::Ptr<Pelto::UdpPam> const& pam,
    return true;
 }
 
-Kivo::Ptr<LocalCollectorConfigSm> localCollectorConfigSmFactory(
-    Kivo::String const& name, Kivo::PtrConst<FlowTracking::Config> const& config,
-    Kivo::Ptr<HwFlowTracking::FtConfig> const& ftHwConfig,
-    Kivo::Ptr<LocalCollectorPams> const& localCollectorPams,
-    Kivo::PtrConst<Ip::AllVrfStatusLocal> const& allVrfStatus,
-    Kivo::Ptr<Orbo::TaskScheduler> const& scheduler) {
-   return Kivo::make<LocalCollectorConfigSm>(name, config, ftHwConfig, localCollectorPams,
-                                             allVrfStatus, scheduler);
-}
-
 }  // namespace FlowTracking

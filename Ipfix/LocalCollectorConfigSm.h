@@ -165,11 +165,10 @@ class LocalCollectorConfigSm : public Kivo::Object {
    Kivo::Reactor reactor_;
 };
 
-Kivo::Ptr<LocalCollectorConfigSm> localCollectorConfigSmFactory(
-    Kivo::String const& name, Kivo::PtrConst<FlowTracking::Config> const& config,
-    Kivo::Ptr<HwFlowTracking::FtConfig> const& ftHwConfig,
-    Kivo::Ptr<LocalCollectorPams> const& localCollectorPams,
-    Kivo::PtrConst<Ip::AllVrfStatusLocal> const& allVrfStatus,
-    Kivo::Ptr<Orbo::TaskScheduler> const& scheduler);
+// Its arguments are the constructor's.
+template <class... Args>
+Kivo::Ptr<LocalCollectorConfigSm> localCollectorConfigSmFactory(Args&&... args) {
+   return Kivo::make<LocalCollectorConfigSm>(std::forward<Args>(args)...);
+}
 
 }  // namespace FlowTracking

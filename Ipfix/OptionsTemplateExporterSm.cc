@@ -122,15 +122,4 @@ void OptionsTemplateExporterSm::updateCollectorOnTx(Kivo::String const& collecto
    expInfo()->collInfoIs(collector)->optTemplateSentIs(true);
 }
 
-Kivo::Ptr<OptionsTemplateExporterSm> optionsTemplateExporterSmFactory(
-    Kivo::String const& expName, Kivo::String const& ftName, FtId ftId,
-    Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& hwExpConfig,
-    Kivo::Ptr<ExporterInfo> const& expInfo,
-    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats,
-    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler,
-    Kivo::Ptr<OptionsTemplateConfig const> const& optTemplateConfig) {
-   return Kivo::make<OptionsTemplateExporterSm>(expName, ftName, ftId, hwExpConfig, expInfo,
-                                                collStats, taskScheduler, optTemplateConfig);
-}
-
 }  // namespace FlowTracking

@@ -47,12 +47,10 @@ class OptionsTemplateExporterSm : public TemplateExporterSmBase {
    Kivo::Reactor configReactor_;
 };
 
-Kivo::Ptr<OptionsTemplateExporterSm> optionsTemplateExporterSmFactory(
-    Kivo::String const& expName, Kivo::String const& ftName, FtId ftId,
-    Kivo::Ptr<HwFlowTracking::ExporterConfig const> const& hwExpConfig,
-    Kivo::Ptr<ExporterInfo> const& expInfo,
-    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats,
-    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler,
-    Kivo::Ptr<OptionsTemplateConfig const> const& optTemplateConfig);
+// Its arguments are the constructor's.
+template <class... Args>
+Kivo::Ptr<OptionsTemplateExporterSm> optionsTemplateExporterSmFactory(Args&&... args) {
+   return Kivo::make<OptionsTemplateExporterSm>(std::forward<Args>(args)...);
+}
 
 }  // namespace FlowTracking

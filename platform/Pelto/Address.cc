@@ -107,6 +107,18 @@ std::optional<Ip6AndPort> parseIp6AndPort(std::string_view s, char const** why) 
                          why);
 }
 
+// What `parse` reads from `s`, or the exception naming `what` was wrong and why.
+template <class T>
+T parsedOrThrow(std::optional<T> (*parse)(std::string_view, char const**), char const* what,
+                std::string_view s) {
+   char const* why = nullptr;
+   std::optional<T> a = parse(s, &why);
+   if (!a) {
+      throwBad(what, s, why);
+   }
+   return *a;
+}
+
 }  // namespace
 
 // --- IpAddr
@@ -267,12 +279,7 @@ std::optional<IpAndPort> IpAndPort::parse(std::string_view s) {
 }
 
 IpAndPort IpAndPort::fromString(std::string_view s) {
-   char const* why = nullptr;
-   auto a = parseIpAndPort(s, &why);
-   if (!a) {
-      throwBad("IPv4 address and port", s, why);
-   }
-   return *a;
+   return parsedOrThrow(parseIpAndPort, "IPv4 address and port", s);
 }
 
 Kivo::String IpAndPort::toString() const {
@@ -297,12 +304,7 @@ std::optional<Ip6AndPort> Ip6AndPort::parse(std::string_view s) {
 }
 
 Ip6AndPort Ip6AndPort::fromString(std::string_view s) {
-   char const* why = nullptr;
-   auto a = parseIp6AndPort(s, &why);
-   if (!a) {
-      throwBad("IPv6 address and port", s, why);
-   }
-   return *a;
+   return parsedOrThrow(parseIp6AndPort, "IPv6 address and port", s);
 }
 
 Kivo::String Ip6AndPort::toString() const {
