@@ -152,8 +152,8 @@ void FtExporterSm::handleTemplateCreationTask() {
       hdr.fieldCountIs(static_cast<std::uint16_t>(status.entries().size()));
       std::uint32_t const len = getTemplateLength(status);
       templateLenIs(id, len);
-      KTRACE(6,
-             "Template for " << id << " has length: " << len << ", and is at offset: " << offset);
+      KTRACE_TEXT(
+          6, "Template for " << id << " has length: " << len << ", and is at offset: " << offset);
       offset += sizeof(Pelto::TemplateHeaderWire);
       for (auto const& [pos, te] : status.entries()) {
          // clang-format off
@@ -161,10 +161,10 @@ void FtExporterSm::handleTemplateCreationTask() {
          KIVO_ASSERT(te->enterpriseIe() == elementIdColl()->elementIdColl( te->fieldId() ).enterpriseIe());
          // clang-format on
          offset = writeFieldSpecifier(pkt, offset, *te);
-         KTRACE(8, "Element: " << te->fieldId()
-                               << ", elementId: " << static_cast<std::uint32_t>(te->fieldId())
-                               << ", len: " << te->fieldLen()
-                               << ", enterpriseIe: " << te->enterpriseIe());
+         KTRACE_TEXT(8, "Element: " << te->fieldId()
+                                    << ", elementId: " << static_cast<std::uint32_t>(te->fieldId())
+                                    << ", len: " << te->fieldLen()
+                                    << ", enterpriseIe: " << te->enterpriseIe());
       }
    }
    templatePktTemplateCountIs(count);
@@ -347,18 +347,6 @@ void TemplateSm::clearCounters() {
    Mirra::Ipfix::CollectorStatisticsEntry clearTime{Mirra::Ipfix::CollectorStatisticsKey()};
    clearTime.lastClearedTime = now;
    collStats_->statsIs(clearTime);
-}
-
-Kivo::Ptr<TemplateSm> templateSmFactory(Kivo::Ptr<Orbo::TaskSchedulerRoot> const& scheduler,
-                                        Kivo::Ptr<Config const> const& flowTrackingConfig,
-                                        Kivo::Ptr<ConfigReq const> const& flowTrackingConfigReq,
-                                        Kivo::Ptr<HwFlowTracking::Status const> const& hwStatus,
-                                        Kivo::Ptr<HwFlowTracking::Config const> const& hwConfig,
-                                        Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& stats,
-                                        Kivo::Ptr<FlowTrackingInfo> const& flowTrackingInfo,
-                                        Kivo::Ptr<Ipfix::ElementIdColl const> const& eic) {
-   return Kivo::make<TemplateSm>(scheduler, flowTrackingConfig, flowTrackingConfigReq, hwStatus,
-                                 hwConfig, stats, flowTrackingInfo, eic);
 }
 
 }  // namespace FlowTracking

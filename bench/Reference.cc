@@ -234,28 +234,7 @@ Message FixbufEncoder::templatesMessage() {
    return m;
 }
 
-std::size_t FixbufEncoder::buildTemplates(std::uint32_t count, std::uint32_t fields) {
-   // Twenty common flow fields, the first `fields` of them in every template.
-   static constexpr std::array<char const*, 20> names = {"sourceIPv4Address",
-                                                         "destinationIPv4Address",
-                                                         "sourceTransportPort",
-                                                         "destinationTransportPort",
-                                                         "protocolIdentifier",
-                                                         "ipClassOfService",
-                                                         "tcpControlBits",
-                                                         "ingressInterface",
-                                                         "egressInterface",
-                                                         "octetDeltaCount",
-                                                         "packetDeltaCount",
-                                                         "flowStartMilliseconds",
-                                                         "flowEndMilliseconds",
-                                                         "ipNextHopIPv4Address",
-                                                         "bgpSourceAsNumber",
-                                                         "bgpDestinationAsNumber",
-                                                         "sourceIPv4PrefixLength",
-                                                         "destinationIPv4PrefixLength",
-                                                         "vlanId",
-                                                         "flowEndReason"};
+std::size_t FixbufEncoder::buildTemplates(std::uint32_t count) {
    std::vector<std::uint8_t> buf(65535);
    fbSession_t* s = fbSessionAlloc(impl_->model);
    fbExporter_t* e = fbExporterAllocBuffer(buf.data(), 65535);
@@ -263,8 +242,8 @@ std::size_t FixbufEncoder::buildTemplates(std::uint32_t count, std::uint32_t fie
    GError* err = nullptr;
    for (std::uint32_t t = 0; t < count; ++t) {
       fbTemplate_t* tmpl = fbTemplateAlloc(impl_->model);
-      for (std::uint32_t f = 0; f < fields && f < names.size(); ++f) {
-         fbInfoElementSpec_t one[] = {spec(names[f], 0), FB_IESPEC_NULL};
+      for (char const* name : templateFieldNames) {
+         fbInfoElementSpec_t one[] = {spec(name, 0), FB_IESPEC_NULL};
          check(fbTemplateAppendSpecArray(tmpl, one, 0, &err), err, "template field");
       }
       check(fbSessionAddTemplate(s, FALSE, static_cast<std::uint16_t>(260 + t), tmpl, &err) != 0,
