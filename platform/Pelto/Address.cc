@@ -360,28 +360,4 @@ std::optional<IntfId> IntfId::parse(std::string_view s) {
    return IntfId(s);
 }
 
-// --- Printing
-
-std::ostream& operator<<(std::ostream& os, IpAddr const& a) {
-   return os << a.toString();
-}
-std::ostream& operator<<(std::ostream& os, Ip6Addr const& a) {
-   return os << a.toString();
-}
-std::ostream& operator<<(std::ostream& os, IpGenAddr const& a) {
-   return os << a.toString();
-}
-std::ostream& operator<<(std::ostream& os, IpAndPort const& a) {
-   return os << a.toString();
-}
-std::ostream& operator<<(std::ostream& os, Ip6AndPort const& a) {
-   return os << a.toString();
-}
-std::ostream& operator<<(std::ostream& os, DscpValue const& d) {
-   return os << d.toString();
-}
-std::ostream& operator<<(std::ostream& os, IntfId const& i) {
-   return os << i.toString();
-}
-
 }  // namespace Pelto

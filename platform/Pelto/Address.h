@@ -11,11 +11,12 @@
 
 #include <array>
 #include <compare>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iosfwd>
 #include <optional>
+#include <ostream>
 #include <string_view>
 #include <type_traits>
 
@@ -217,13 +218,15 @@ class IntfId {
    Kivo::String name_;
 };
 
-std::ostream& operator<<(std::ostream& os, IpAddr const& a);
-std::ostream& operator<<(std::ostream& os, Ip6Addr const& a);
-std::ostream& operator<<(std::ostream& os, IpGenAddr const& a);
-std::ostream& operator<<(std::ostream& os, IpAndPort const& a);
-std::ostream& operator<<(std::ostream& os, Ip6AndPort const& a);
-std::ostream& operator<<(std::ostream& os, DscpValue const& d);
-std::ostream& operator<<(std::ostream& os, IntfId const& i);
+// Every value type here prints as its toString().
+template <class T>
+concept PrintedByToString = std::same_as<T, IpAddr> || std::same_as<T, Ip6Addr> ||
+    std::same_as<T, IpGenAddr> || std::same_as<T, IpAndPort> || std::same_as<T, Ip6AndPort> ||
+    std::same_as<T, DscpValue> || std::same_as<T, IntfId>;
+template <PrintedByToString T>
+std::ostream& operator<<(std::ostream& os, T const& v) {
+   return os << v.toString();
+}
 
 // Hash of an octet string; what the std::hash specialisations below are built on.
 inline std::size_t hashBytes(void const* p, std::size_t n) {
