@@ -14,6 +14,7 @@ using namespace FlowTracking;
 using Ipfix::element;
 using testsupport::fieldText;
 using testsupport::fieldValue;
+using Probe = OptionsDataManagerSmProbe;
 
 namespace {
 
@@ -125,19 +126,16 @@ TEST_F(OptionsDataPath, InterfaceRenameIsOneCoalescedUpdate) {
 TEST_F(OptionsDataPath, RemovedTrackerLeavesNoTasksStatisticsOrData) {
    EXPECT_GT(collStats->statsCount(), 0u);
    hwConfig->ftConfigDel("t1");
-   EXPECT_FALSE(OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));
-   EXPECT_FALSE(OptionsDataManagerSmProbe::dataContainer(*manager, "t1"));
-   EXPECT_FALSE(OptionsDataManagerSmProbe::dataAll(*manager)->trackerData("t1"));
-   EXPECT_EQ(collStats->statsCount(), 0u);
-   EXPECT_EQ(scheduler->pendingTasks(), 0u);
+   EXPECT_FALSE(Probe::ftManagerSm(*manager, "t1") || Probe::dataContainer(*manager, "t1") ||
+                Probe::dataAll(*manager)->trackerData("t1"));
+   EXPECT_EQ(std::tuple(collStats->statsCount(), scheduler->pendingTasks()), std::tuple(0u, 0u));
    // Configured again, it is served again from scratch.
    auto ft = hwConfig->ftConfigIs("t1");
    ft->ftIdIs(7);
    a.drain(1000);
    exporterTo(ft, a);  // no active interval: the default, not every pass
-   ASSERT_TRUE(OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));
-   EXPECT_TRUE(OptionsDataManagerSmProbe::exporterSm(
-       *OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"), "e9"));
+   ASSERT_TRUE(Probe::ftManagerSm(*manager, "t1"));
+   EXPECT_TRUE(Probe::exporterSm(*Probe::ftManagerSm(*manager, "t1"), "e9"));
    EXPECT_FALSE(tables(a.messages(1000))[intfSet].empty());
 }
 
@@ -180,8 +178,7 @@ TEST_F(OptionsDataPath, TsharkReadsTheOptionsData) {
 TEST_F(OptionsDataPath, TrackerIdSetAfterTheTrackerAppearsIsTheOptionsDataDomain) {
    hwConfig->ftConfigDel("t1");
    auto ft = hwConfig->ftConfigIs("t1");
-   ASSERT_TRUE(
-       OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));  // served before the id is set
+   ASSERT_TRUE(Probe::ftManagerSm(*manager, "t1"));  // served before the id is set
    ft->ftIdIs(9);
    testsupport::LoopbackCollector c;
    exporterTo(ft, c);
