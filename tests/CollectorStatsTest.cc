@@ -12,6 +12,7 @@
 #include "support/DeathText.h"
 
 using namespace Mirra::Ipfix;
+using testsupport::errorOf;
 
 namespace {
 
@@ -22,16 +23,6 @@ CollectorStatisticsKey key(std::string_view tracker = "t1", std::string_view exp
 
 CollectorSetStatisticsEntry set(std::uint16_t id, std::uint64_t flows = 0) {
    return {id, flows, 0};
-}
-
-template <class F>
-std::string errorOf(F fn) {
-   try {
-      fn();
-   } catch (Kivo::Exception const& e) {
-      return e.what();
-   }
-   return "(no error)";
 }
 
 }  // namespace
@@ -45,23 +36,17 @@ TEST(CollectorStats, LastFreedSlotIsReusedBeforeALowerFreeOne) {
    }
    e.setEntryDel(SetId(257));                                           // slot 1
    EXPECT_EQ(e.setEntryDel(SetId(259)).exportedFlowRecordCount, 259u);  // slot 3, freed last
-   EXPECT_EQ(e.setEntryCount, 5);
-   EXPECT_EQ(e.nextIdx, 3);
-   EXPECT_EQ(e.maybeNewIndexForSetId(SetId(2)), 3);
-   e.setEntryIs(set(2, 1));
-   EXPECT_EQ(e.indexForSetId(SetId(2)), 3);
-   e.setEntryIs(set(3, 1));
-   EXPECT_EQ(e.indexForSetId(SetId(3)), 1);
-   e.setEntryIs(set(261, 1));
-   EXPECT_EQ(e.indexForSetId(SetId(261)), 5);
-   EXPECT_EQ(e.setEntryCount, 6);
+   EXPECT_EQ(std::tuple(e.setEntryCount, e.nextIdx, e.maybeNewIndexForSetId(SetId(2))),
+             std::tuple(5, 3, 3));
+   e.setEntryIs(set(2, 1)), e.setEntryIs(set(3, 1)), e.setEntryIs(set(261, 1));
+   EXPECT_EQ(std::tuple(e.indexForSetId(SetId(2)), e.indexForSetId(SetId(3)),
+                        e.indexForSetId(SetId(261)), e.setEntryCount),
+             std::tuple(3, 1, 5, 6));
    // Slot 0 freed first and slot 4 last: slot 4 again, then slot 0.
-   e.setEntryDel(SetId(256));
-   e.setEntryDel(SetId(260));
-   e.setEntryIs(set(262));
-   e.setEntryIs(set(263));
-   EXPECT_EQ(e.indexForSetId(SetId(262)), 4);
-   EXPECT_EQ(e.indexForSetId(SetId(263)), 0);
+   e.setEntryDel(SetId(256)), e.setEntryDel(SetId(260));
+   e.setEntryIs(set(262)), e.setEntryIs(set(263));
+   EXPECT_EQ(std::tuple(e.indexForSetId(SetId(262)), e.indexForSetId(SetId(263))),
+             std::tuple(4, 0));
 }
 
 TEST(CollectorStats, UnknownSetIdReadsAsZeroAndChangesNothing) {
@@ -111,8 +96,7 @@ TEST(CollectorStats, KeyHashOnFixedVectorsAndEquality) {
 TEST(CollectorStats, TextForms) {
    CollectorStatisticsEntry e(key("it's", "e1"));
    e.exportedMessageTotalCount = 3;
-   e.setEntryIs({256, 10, 0});
-   e.setEntryIs({2, 0, 4});
+   e.setEntryIs({256, 10, 0}), e.setEntryIs({2, 0, 4});
    EXPECT_EQ(e.key.toString(),
              "Value('Mirra::Ipfix::CollectorStatisticsKey', ** {'collector': "
              "Value('Mirra::Ipfix::CollectorInfo', ** {'addr': 192.0.2.10, 'port': 4739}), "
@@ -177,17 +161,15 @@ std::vector<Damaged> damagedEntries() {
 CollectorStatisticsEntry goodEntry() {
    CollectorStatisticsEntry e(key());
    e.exportedMessageTotalCount = 4;
-   e.setEntryIs(set(2, 0));
-   e.setEntryIs(set(256, 7));
+   e.setEntryIs(set(2, 0)), e.setEntryIs(set(256, 7));
    return e;
 }
 
 // Runs `fn` on the one live entry of the table `name`, in its shared memory.
 void inSharedMemory(std::string const& name, std::function<void(CollectorStatisticsEntry&)> fn) {
    int const fd = shm_open(Mirra::shmTableDataName(name, 1).c_str(), O_RDWR, 0);
-   ASSERT_GE(fd, 0);
    struct stat st {};
-   fstat(fd, &st);
+   ASSERT_TRUE(fd >= 0 && fstat(fd, &st) == 0);
    void* p = mmap(nullptr, st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
    close(fd);
    ASSERT_NE(p, MAP_FAILED);
@@ -223,8 +205,7 @@ TEST(CollectorStats, DamagedEntryStaysInsideItsStorageAndSaysWhatIsWrong) {
       d.damage(e);
       EXPECT_EQ(e.validationError(), d.text);
       // Whatever the counts say, nothing goes past the 22 slots or the 128 name bytes.
-      EXPECT_LE(e.key.tracker().size(), 128u);
-      EXPECT_LE(e.key.exporter().size(), 128u);
+      EXPECT_LE(std::max(e.key.tracker().size(), e.key.exporter().size()), 128u);
       EXPECT_NE(e.toString().find("'exportedMessageTotalCount': 4"), std::string::npos);
       EXPECT_NE(e.mirraString().find("msgs: 4"), std::string::npos);
       EXPECT_EQ(e.setEntry(SetId(256)).exportedFlowRecordCount, 7u);

@@ -164,8 +164,7 @@ TEST(KivoSignal, ThrowingObserverDoesNotStopDelAllOrOutliveTheEntity) {
    r.watch(e->items.signal(), [](String const& k) { throw std::runtime_error("no " + k); });
    r.watch(e->items.signal(), [&](String const& k) { seen.push_back(k); });
    e->items.delAll();
-   EXPECT_EQ(seen, (Log{"a", "b", "c"}));
-   EXPECT_TRUE(e->items.empty());
+   EXPECT_EQ(std::tuple(seen, e->items.empty()), std::tuple(Log{"a", "b", "c"}, true));
 
    Entity* raw = e.get();
    int later = 0;
@@ -177,8 +176,8 @@ TEST(KivoSignal, ThrowingObserverDoesNotStopDelAllOrOutliveTheEntity) {
    second.watch(raw->x.signal(), [&] { ++later; });
    Snaplog::clear();
    raw->x.is(1);
-   EXPECT_EQ(later, 0);
-   EXPECT_EQ(Snaplog::lines(), (Log{"Caught exception in observer of x: gone"}));
+   EXPECT_EQ(std::tuple(later, Snaplog::lines()),
+             std::tuple(0, Log{"Caught exception in observer of x: gone"}));
 }
 
 // Only std::exception is the observers' business; anything else passes through, and an assertion
@@ -241,8 +240,8 @@ TEST(KivoAttr, CollNotifiesPerKeyAndDelAllSurvivesHandlerErasingKeys) {
    EXPECT_EQ(e->items.del("zz"), nullptr);
    e->items.is("b"), e->items.is("c"), e->items.is("d");
    e->items.delAll();
-   EXPECT_EQ(seen, (Log{"a", "a", "b", "c", "d", "a", "c", "d", "b"}));
-   EXPECT_TRUE(e->items.empty());
+   EXPECT_EQ(std::tuple(seen, e->items.empty()),
+             std::tuple(Log{"a", "a", "b", "c", "d", "a", "c", "d", "b"}, true));
 }
 
 // Value, ValueColl and SetColl report each real change; unobserved, delAll just clears.

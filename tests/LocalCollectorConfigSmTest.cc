@@ -10,14 +10,14 @@
 #include <vector>
 
 #include "Ipfix/LocalCollectorConfigSm.h"
-#include "Trace/Snaplog.h"
 #include "support/DeathText.h"
-#include "support/LocalCollectorConfigSmProbe.h"
 #include "support/NetNs.h"
+#include "support/Probes.h"
 
 using namespace FlowTracking;
 using HwFlowTracking::ExporterConfig;
 using Pelto::IpGenAddr;
+using testsupport::traced;
 
 namespace {
 
@@ -62,14 +62,6 @@ std::vector<std::string> reviewTrace() {
       }
    }
    return out;
-}
-
-std::size_t traced(std::string_view prefix, std::string_view part = "") {
-   std::size_t n = 0;
-   for (auto const& l : Snaplog::lines()) {
-      n += l.starts_with(prefix) && l.find(part) != std::string::npos;
-   }
-   return n;
 }
 
 std::string describe(HwFlowTracking::LocalCollectorConfig const& c) {

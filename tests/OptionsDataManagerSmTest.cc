@@ -6,14 +6,15 @@
 #include <set>
 
 #include "support/ExportFixture.h"
-#include "support/OptionsDataManagerSmProbe.h"
 #include "support/Pcap.h"
+#include "support/Probes.h"
 #include "support/Tshark.h"
 
 using namespace FlowTracking;
 using Ipfix::element;
 using testsupport::fieldText;
 using testsupport::fieldValue;
+using Probe = OptionsDataManagerSmProbe;
 
 namespace {
 
@@ -40,11 +41,9 @@ class OptionsDataPath : public testsupport::ExportFixture {
    void SetUp() override {
       intfIndexMap->intfIndexIs(Pelto::IntfId("Ethernet1"), 5);
       intfIndexMap->intfIndexIs(Pelto::IntfId("Ethernet2"), 6);
-      vrfs->vrfNameIs(1, "red");
-      vrfs->vrfNameIs(2, "blue");
+      vrfs->vrfNameIs(1, "red"), vrfs->vrfNameIs(2, "blue");
       auto ftStatus = hwStatus->ftStatus("t1");
-      ftStatus->activeIntervalIs({300000});
-      ftStatus->inactiveTimeoutIs({15000});
+      ftStatus->activeIntervalIs({300000}), ftStatus->inactiveTimeoutIs({15000});
       hwStatus->sampleRateIs(1000);
       auto t300 = addTemplate(300, {element("sourceIPv4Address"), element("destinationIPv4Address"),
                                     element("octetDeltaCount")});
@@ -57,6 +56,15 @@ class OptionsDataPath : public testsupport::ExportFixture {
       ASSERT_TRUE(scheduler->runUntilIdle());
    }
    void TearDown() override { manager = nullptr; }
+   // Exporter "e9" of `ft`, resolved for IPv4, sending from 127.0.0.1 to collector `c`.
+   void exporterTo(Kivo::Ptr<HwFlowTracking::FtConfig> const& ft,
+                   testsupport::LoopbackCollector const& c, std::uint32_t mtu = 1500) {
+      auto e = ft->expConfigIs("e9");
+      e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1")), e->ipfixMtuIs(mtu);
+      e->templateIntervalIs(30000), e->exporter4ResolvedIs(true);
+      e->collector4Is("c", c.ipAndPort());
+      ASSERT_TRUE(scheduler->runUntilIdle());
+   }
 
    Kivo::Ptr<IntfIndexMap> intfIndexMap = intfIndexMapFactory();
    Kivo::Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
@@ -68,36 +76,35 @@ class OptionsDataPath : public testsupport::ExportFixture {
 TEST_F(OptionsDataPath, EveryTableReachesEveryCollector) {
    for (auto* c : {&a, &b, &v6}) {
       Tables t = tables(c->messages(1000));
-      std::map<std::uint64_t, std::string> intfs;
+      // Each table as its first field, a number, and its second, as text or a number.
+      std::map<std::uint64_t, std::string> intfs, vrfNames;
+      std::map<std::uint64_t, std::uint64_t> keys;
       for (auto const& r : t[intfSet]) {
          intfs[fieldValue(r.fields[0])] = fieldText(r.fields[1]);
       }
-      EXPECT_EQ(intfs, (std::map<std::uint64_t, std::string>{{0, "unknown"},
-                                                             {5, "Ethernet1"},
-                                                             {6, "Ethernet2"},
-                                                             {0x3fffffff, "CPU"},
-                                                             {0x40000000, "discard"},
-                                                             {0x80000000, "multicast"}}));
-      std::map<std::uint64_t, std::string> vrfNames;
       for (auto const& r : t[vrfSet]) {
          vrfNames[fieldValue(r.fields[0])] = fieldText(r.fields[1]);
       }
-      EXPECT_EQ(vrfNames,
-                (std::map<std::uint64_t, std::string>{{1, "red"}, {2, "blue"}, {0xffffff, ""}}));
-      ASSERT_EQ(t[trackerSet].size(), 1u);
-      auto const& row = t[trackerSet][0].fields;
-      EXPECT_EQ(fieldValue(row[0]), 7u);
-      EXPECT_EQ(fieldText(row[1]), "t1");
-      EXPECT_EQ(fieldValue(row[2]), 300u);
-      EXPECT_EQ(fieldValue(row[3]), 15u);
-      EXPECT_EQ(fieldValue(row[4]), 3u);
-      EXPECT_EQ(fieldValue(row[5]), 1u);
-      EXPECT_EQ(fieldValue(row[6]), 1000u);
-      std::map<std::uint64_t, std::uint64_t> keys;
       for (auto const& r : t[flowKeySet]) {
          keys[fieldValue(r.fields[0])] = fieldValue(r.fields[1]);
       }
-      EXPECT_EQ(keys, (std::map<std::uint64_t, std::uint64_t>{{260, 0}, {300, 0x3}}));
+      EXPECT_EQ(intfs, (decltype(intfs){{0, "unknown"},
+                                        {5, "Ethernet1"},
+                                        {6, "Ethernet2"},
+                                        {0x3fffffff, "CPU"},
+                                        {0x40000000, "discard"},
+                                        {0x80000000, "multicast"}}));
+      EXPECT_EQ(vrfNames, (decltype(vrfNames){{1, "red"}, {2, "blue"}, {0xffffff, ""}}));
+      EXPECT_EQ(keys, (decltype(keys){{260, 0}, {300, 0x3}}));
+      ASSERT_EQ(t[trackerSet].size(), 1u);
+      auto const& row = t[trackerSet][0].fields;
+      EXPECT_EQ(fieldText(row[1]), "t1");
+      // Id, then after the name: active and inactive timeouts, algorithm, sampling size,
+      // population.
+      for (auto [i, value] :
+           {std::pair{0, 7u}, {2, 300u}, {3, 15u}, {4, 3u}, {5, 1u}, {6, 1000u}}) {
+         EXPECT_EQ(fieldValue(row[i]), value) << "field " << i;
+      }
    }
 }
 
@@ -119,25 +126,16 @@ TEST_F(OptionsDataPath, InterfaceRenameIsOneCoalescedUpdate) {
 TEST_F(OptionsDataPath, RemovedTrackerLeavesNoTasksStatisticsOrData) {
    EXPECT_GT(collStats->statsCount(), 0u);
    hwConfig->ftConfigDel("t1");
-   EXPECT_FALSE(OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));
-   EXPECT_FALSE(OptionsDataManagerSmProbe::dataContainer(*manager, "t1"));
-   EXPECT_FALSE(OptionsDataManagerSmProbe::dataAll(*manager)->trackerData("t1"));
-   EXPECT_EQ(collStats->statsCount(), 0u);
-   EXPECT_EQ(scheduler->pendingTasks(), 0u);
+   EXPECT_FALSE(Probe::ftManagerSm(*manager, "t1") || Probe::dataContainer(*manager, "t1") ||
+                Probe::dataAll(*manager)->trackerData("t1"));
+   EXPECT_EQ(std::tuple(collStats->statsCount(), scheduler->pendingTasks()), std::tuple(0u, 0u));
    // Configured again, it is served again from scratch.
    auto ft = hwConfig->ftConfigIs("t1");
    ft->ftIdIs(7);
-   auto e = ft->expConfigIs("e9");
-   e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
-   e->ipfixMtuIs(1500);
-   e->templateIntervalIs(30000);
-   e->collector4Is("a", a.ipAndPort());
-   e->exporter4ResolvedIs(true);
    a.drain(1000);
-   ASSERT_TRUE(scheduler->runUntilIdle());  // no active interval: the default, not every pass
-   ASSERT_TRUE(OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));
-   EXPECT_TRUE(OptionsDataManagerSmProbe::exporterSm(
-       *OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"), "e9"));
+   exporterTo(ft, a);  // no active interval: the default, not every pass
+   ASSERT_TRUE(Probe::ftManagerSm(*manager, "t1"));
+   EXPECT_TRUE(Probe::exporterSm(*Probe::ftManagerSm(*manager, "t1"), "e9"));
    EXPECT_FALSE(tables(a.messages(1000))[intfSet].empty());
 }
 
@@ -180,17 +178,10 @@ TEST_F(OptionsDataPath, TsharkReadsTheOptionsData) {
 TEST_F(OptionsDataPath, TrackerIdSetAfterTheTrackerAppearsIsTheOptionsDataDomain) {
    hwConfig->ftConfigDel("t1");
    auto ft = hwConfig->ftConfigIs("t1");
-   ASSERT_TRUE(
-       OptionsDataManagerSmProbe::ftManagerSm(*manager, "t1"));  // served before the id is set
+   ASSERT_TRUE(Probe::ftManagerSm(*manager, "t1"));  // served before the id is set
    ft->ftIdIs(9);
    testsupport::LoopbackCollector c;
-   auto e = ft->expConfigIs("e9");
-   e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
-   e->ipfixMtuIs(1500);
-   e->templateIntervalIs(30000);
-   e->exporter4ResolvedIs(true);
-   e->collector4Is("c", c.ipAndPort());
-   ASSERT_TRUE(scheduler->runUntilIdle());
+   exporterTo(ft, c);
    auto const msgs = c.messages(1000);
    std::set<std::uint32_t> domains;
    for (auto const& m : msgs) {
@@ -210,13 +201,7 @@ TEST_F(OptionsDataPath, SmallestMtuCarriesTheLongestRecord) {
       hwStatus->ftStatusIs(name)->activeIntervalIs({300000});
       auto ft = hwConfig->ftConfigIs(name);
       ft->ftIdIs(8);
-      auto e = ft->expConfigIs("e");
-      e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
-      e->ipfixMtuIs(mtu);
-      e->templateIntervalIs(30000);
-      e->exporter4ResolvedIs(true);
-      e->collector4Is("c", c.ipAndPort());
-      ASSERT_TRUE(scheduler->runUntilIdle());
+      exporterTo(ft, c, mtu);
    };
    EXPECT_EQ(minIpfixMtu(), 217u);
    testsupport::LoopbackCollector c;

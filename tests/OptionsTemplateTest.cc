@@ -61,8 +61,7 @@ TEST(OptionsTemplateEncoding, EnterpriseFieldAddsEightOctetsAndTheNumber) {
                           {element("samplingSize"), element("corvixBscanFlowStart")});
    EXPECT_EQ(FlowTracking::getTemplateEntryLength(ot), 22u);
    auto const t = roundTrip(ot);
-   EXPECT_EQ(t.id, 259);
-   EXPECT_EQ(t.scopeFieldCount, 1);
+   EXPECT_EQ(std::tuple(t.id, t.scopeFieldCount), std::tuple(259, 1));
    EXPECT_EQ(t.fields, (std::vector<FieldSpec>{
                            {149, 4, false, 0}, {309, 4, false, 0}, {1038, 6, true, pen}}));
 }
@@ -107,22 +106,6 @@ TEST(OptionsTemplateEncoding, ScopeFieldsFirstEachInPositionOrder) {
 // Each appended field is reported on the text trace of the default facility, at level 4: seen at
 // level 4, not at 3, and not on the facility of the template machines.
 TEST(OptionsTemplateEncoding, AddedFieldsAreTracedOnTheDefaultFacilityAtLevel4) {
-   struct Capture {
-      std::vector<std::string> lines;
-      int const defaultLevel = Dualog::defaultFacility().level();
-      int const templateLevel = Dualog::facility("FlowTrackerTemplateSm").level();
-      Capture() {
-         Dualog::sinkIs([this](Dualog::Facility const& f, int level, std::string_view line) {
-            lines.push_back(f.name() + "/" + std::to_string(level) + " " + std::string(line));
-         });
-         Dualog::facility("FlowTrackerTemplateSm").levelIs(9);
-      }
-      ~Capture() {
-         Dualog::sinkIs({});
-         Dualog::defaultFacility().levelIs(defaultLevel);
-         Dualog::facility("FlowTrackerTemplateSm").levelIs(templateLevel);
-      }
-   };
    struct Case {
       int level;
       std::vector<std::string> expected;
@@ -132,8 +115,8 @@ TEST(OptionsTemplateEncoding, AddedFieldsAreTracedOnTheDefaultFacilityAtLevel4) 
        {4, {"default/4   Added field observationDomainId", "default/4   Added field VRFname"}},
    };
    for (Case const& c : cases) {
-      Capture capture;
-      Dualog::defaultFacility().levelIs(c.level);
+      testsupport::TextTrace capture(
+          {{&Dualog::defaultFacility(), c.level}, {&Dualog::facility("FlowTrackerTemplateSm"), 9}});
       makeTemplate(300, {element("observationDomainId")}, {element("VRFname")});
       EXPECT_EQ(capture.lines, c.expected) << "default facility at level " << c.level;
    }

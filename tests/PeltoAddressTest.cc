@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "Pelto/Address.h"
+#include "support/DeathText.h"
 
 using namespace Pelto;
 using namespace std::string_literals;
+using testsupport::errorOf;
 
 namespace {
 
@@ -22,17 +24,6 @@ std::string streamed(T const& v) {
    std::ostringstream os;
    os << v;
    return os.str();
-}
-
-// The message of the Kivo::Exception `fn` throws; "" when it throws none.
-template <class Fn>
-std::string errorOf(Fn fn) {
-   try {
-      fn();
-   } catch (Kivo::Exception const& e) {
-      return e.what();
-   }
-   return "";
 }
 
 // Each `good` text parses and prints unchanged, or as what follows " -> " in it. Each `bad[i]` is

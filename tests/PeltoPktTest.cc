@@ -51,8 +51,7 @@ TEST(PeltoPkt, ViewsWriteBigEndianAndFollowMovedData) {
    auto p = Kivo::make<Pkt>(64, 0);
    p->tailGrow(16);
    Pelto::MessageHeader hdr(p, 0);
-   hdr.lengthIs(0x1234);
-   hdr.observationDomainIdIs(0x01020304);
+   hdr.lengthIs(0x1234), hdr.observationDomainIdIs(0x01020304);
    p->headGrow(4);  // no head room: the data moves back and the view still addresses offset 0
    EXPECT_EQ(hdr.length(), 0);
    Pelto::MessageHeader moved(p, 4);
@@ -61,13 +60,10 @@ TEST(PeltoPkt, ViewsWriteBigEndianAndFollowMovedData) {
    EXPECT_EQ(p->data()[4 + 15], 0x04);
 
    Pelto::FieldSpecifier plain(p, 0, false);
-   plain.elementIdIs(1029);
-   plain.fieldLenIs(2);
+   plain.elementIdIs(1029), plain.fieldLenIs(2);
    EXPECT_EQ(plain.size(), 4u);
    Pelto::FieldSpecifier ent(p, 4, true);
-   ent.elementIdIs(1024);
-   ent.fieldLenIs(4);
-   ent.entNumIs(32473);
+   ent.elementIdIs(1024), ent.fieldLenIs(4), ent.entNumIs(32473);
    EXPECT_EQ(ent.elementId(), 1024);
    std::uint8_t const expected[] = {0x04, 0x05, 0x00, 0x02, 0x84, 0x00,
                                     0x00, 0x04, 0x00, 0x00, 0x7e, 0xd9};

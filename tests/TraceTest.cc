@@ -5,28 +5,14 @@
 #include <vector>
 
 #include "Trace/Trace.h"
+#include "support/DeathText.h"
 
 KTRACE_FACILITY(::Dualog::facility("TraceTest.ktrace"))
 
-namespace {
-
 using Lines = std::vector<std::string>;
 
-// Captures what Dualog writes, as "facility/level line"; restores stderr output on destruction.
-struct CapturingSink {
-   Lines lines;
-   CapturingSink() {
-      Dualog::sinkIs([this](Dualog::Facility const& f, int level, std::string_view line) {
-         lines.push_back(f.name() + "/" + std::to_string(level) + " " + std::string(line));
-      });
-   }
-   ~CapturingSink() { Dualog::sinkIs({}); }
-};
-
-}  // namespace
-
 TEST(TraceKtrace, SnaplogAlwaysDualogOnlyUpToTheFacilityLevel) {
-   CapturingSink sink;
+   testsupport::TextTrace sink;
    Snaplog::clear();
    Dualog::Facility& fac = ktraceFacility_p();
    fac.levelIs(3);
@@ -49,14 +35,10 @@ TEST(TraceKtrace, SnaplogAlwaysDualogOnlyUpToTheFacilityLevel) {
    Snaplog::enabledIs(true);
    EXPECT_EQ(formatted, 0);
    EXPECT_EQ(Snaplog::lines().size(), 5u);
-}
 
-// The level is evaluated once, whichever sinks take the line; text-only detail stays out of the
-// fast ring.
-TEST(TraceKtrace, LevelEvaluatedOnceAndTextDetailStaysOutOfTheRing) {
-   CapturingSink sink;
-   Snaplog::clear();
-   Dualog::Facility& fac = ktraceFacility_p();
+   // The level is evaluated once, whichever sinks take the line; text-only detail stays out of
+   // the fast ring.
+   sink.lines.clear(), Snaplog::clear();
    fac.levelIs(9);
    int evaluations = 0;
    KTRACE((++evaluations, 4), "both");

@@ -18,18 +18,13 @@ Kivo::String uniqueTableName() {
 ExportFixture::ExportFixture()
     : collStats(Kivo::make<Mirra::Ipfix::CollectorStatistics>(uniqueTableName())) {
    auto ft = hwConfig->ftConfigIs("t1");
-   ft->ftIdIs(7);
-   ft->activeIntervalIs({60000});
+   ft->ftIdIs(7), ft->activeIntervalIs({60000});
    hwStatus->ftStatusIs("t1");
    for (char const* name : {"e1", "e2"}) {
       auto e = ft->expConfigIs(name);
-      e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1"));
-      e->srcIp6Is(*Pelto::Ip6Addr::parse("::1"));
-      e->dscpIs(Pelto::DscpValue(10));
-      e->templateIntervalIs(30000);
-      e->ipfixMtuIs(1500);
-      e->exporter4ResolvedIs(true);
-      e->exporter6ResolvedIs(true);
+      e->srcIp4Is(*Pelto::IpAddr::parse("127.0.0.1")), e->srcIp6Is(*Pelto::Ip6Addr::parse("::1"));
+      e->dscpIs(Pelto::DscpValue(10)), e->templateIntervalIs(30000), e->ipfixMtuIs(1500);
+      e->exporter4ResolvedIs(true), e->exporter6ResolvedIs(true);
    }
    exporter("e1")->collector4Is("a", a.ipAndPort());
    exporter("e1")->collector6Is("v6", v6.ip6AndPort());

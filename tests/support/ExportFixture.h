@@ -28,9 +28,14 @@ class ExportFixture : public ::testing::Test {
    Kivo::Ptr<HwFlowTracking::ExporterConfig> exporter(Kivo::String const& name) const {
       return hwConfig->ftConfig("t1")->expConfig(name);
    }
-   std::optional<Mirra::Ipfix::CollectorStatisticsEntry> statsOf(
-       Kivo::String const& exp, Mirra::Ipfix::CollectorInfo c) const {
-      return collStats->stats({"t1", exp, c});
+   // What exporter `exp` counted for collector `c`, reached over IPv6 when `ipv6`.
+   std::optional<Mirra::Ipfix::CollectorStatisticsEntry> statsOf(Kivo::String const& exp,
+                                                                 LoopbackCollector const& c,
+                                                                 bool ipv6 = false) const {
+      using Mirra::Ipfix::CollectorInfo;
+      return collStats->stats({"t1", exp,
+                               ipv6 ? CollectorInfo::fromIp6AndPort(c.ip6AndPort())
+                                    : CollectorInfo::fromIpAndPort(c.ipAndPort())});
    }
 
    Kivo::ScopedManualClock clock;

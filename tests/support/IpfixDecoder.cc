@@ -1,5 +1,7 @@
 #include "support/IpfixDecoder.h"
 
+#include <numeric>
+
 namespace testsupport {
 
 namespace {
@@ -68,11 +70,9 @@ TemplateRecord readTemplate(Reader& r, bool options) {
 // The fewest octets a record of `t` can take: its fixed lengths and one length octet per
 // variable-length field.
 std::size_t minRecordLength(TemplateRecord const& t) {
-   std::size_t n = 0;
-   for (FieldSpec const& f : t.fields) {
-      n += f.length == 65535 ? 1 : f.length;
-   }
-   return n;
+   return std::accumulate(
+       t.fields.begin(), t.fields.end(), std::size_t{0},
+       [](std::size_t n, FieldSpec const& f) { return n + (f.length == 65535 ? 1 : f.length); });
 }
 
 }  // namespace
@@ -144,11 +144,8 @@ TemplateRecord const* Decoder::knownTemplate(std::uint32_t domain, std::uint16_t
 }
 
 std::size_t Message::dataRecordCount() const {
-   std::size_t n = 0;
-   for (Set const& s : sets) {
-      n += s.records.size();
-   }
-   return n;
+   return std::accumulate(sets.begin(), sets.end(), std::size_t{0},
+                          [](std::size_t n, Set const& s) { return n + s.records.size(); });
 }
 
 std::vector<TemplateRecord> Message::templates() const {
