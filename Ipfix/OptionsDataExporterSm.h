@@ -188,10 +188,13 @@ class OptionsDataExporterSm : public Kivo::Object {
    void handleUdpPam4();
    void handleUdpPam6();
 
-   // The cache build and the update flush on their own, for measuring them.
+   // The cache build, a periodic transmission and the update flush on their own, for measuring
+   // them.
    void maybeBuildMsgCache();
+   void maybeBeginPeriodicTransmission();
    void flushUpdateQueue();
    std::size_t msgCacheCount() const { return msgCache_.size(); }
+   std::deque<Kivo::Ptr<MessageWrapper>> const& msgCache() const { return msgCache_; }
    Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
 
  private:
@@ -209,7 +212,6 @@ class OptionsDataExporterSm : public Kivo::Object {
    bool v6Ready() const;
    bool txReady() const { return v4Ready() || v6Ready(); }
 
-   void maybeBeginPeriodicTransmission();
    void maybeSchedulePeriodic();
    void sendDataTables();
    void sendMessageToCollectors(MessageWrapper const& msgWrap);
