@@ -98,8 +98,15 @@ class BuilderWrapper : public Kivo::Object {
    bool empty() const { return builder_->recordCount() == 0; }
 
  private:
+   // Adds the run of records of one set id to the message's per-set counts.
+   void runFlush_p();
+
    Kivo::Ptr<MessageBuilder> builder_;
    Kivo::Ptr<MessageWrapper> msgWrap_;
+   // Records of one set id added in a row and not yet counted in msgWrap_: counting per run
+   // rather than per record keeps the per-set map out of the per-record path.
+   TemplateId runSetId_ = 0;
+   std::uint64_t runCount_ = 0;
 };
 
 // Queued update records of one set id, oldest first.
