@@ -42,6 +42,8 @@ class OptionsDataSource : public Kivo::Object {
    void dataRecordDel(DataRecordPtr const& r) { dataRecord_.del(r); }
    // Removes every row: one notification per row when followed, one step otherwise.
    void dataRecordDelAll() { dataRecord_.delAll(); }
+   // Room for `n` rows, for a source about to publish its whole table.
+   void dataRecordReserve(std::size_t n) { dataRecord_.reserve(n); }
    std::size_t dataRecords() const { return dataRecord_.size(); }
    Kivo::SetColl<DataRecordPtr> const& dataRecord() const { return dataRecord_; }
    Kivo::Signal<DataRecordPtr> const& onDataRecord() const { return dataRecord_.signal(); }

@@ -88,11 +88,14 @@ void InterfaceTableSm::handleInitialized() {
                  << " map count:" << intfIndexMap_->intfIndexColl().size());
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
-   dataRecord_.reserve(intfIndexMap_->intfIndexColl().size());
+   std::size_t const interfaces = intfIndexMap_->intfIndexColl().size();
+   dataRecord_.reserve(interfaces);
+   dataSource_->dataRecordReserve(interfaces + IntfIndexMap::numReservedIntfs());
    for (auto const& [intfId, intfIndex] : intfIndexMap_->intfIndexColl()) {
       DataRecordPtr const record = makeDataRecord(intfId.stringValue(), intfIndex);
       dataSource_->dataRecordIs(record);
-      dataRecordIs(intfId, record);
+      // The local table was just emptied and the map has each interface once.
+      dataRecord_.insert(record);
    }
    // Indexes the hardware reports for traffic that has no ordinary interface.
    struct Reserved {
