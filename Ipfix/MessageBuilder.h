@@ -34,6 +34,8 @@
 
 namespace FlowTracking {
 
+class DataRecordColl;
+
 // One encoded data record: its octets in wire order. Immutable once made.
 //
 // A table holds one of these per row, so the octets live in the same allocation as the object,
@@ -50,11 +52,15 @@ class DataRecord : public Kivo::Object {
    static void operator delete(void* p) { ::operator delete(p); }
 
  private:
+   friend class DataRecordColl;
+
    explicit DataRecord(std::uint16_t len) : len_(len) {}
    char* octets_p() { return reinterpret_cast<char*>(this + 1); }
    char const* octets_p() const { return reinterpret_cast<char const*>(this + 1); }
 
    std::uint16_t len_;
+   // Where the table holding the record keeps it (DataRecordColl): a record is in one table.
+   mutable std::uint32_t slot_ = Kivo::maxU32();
 };
 Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data);
 
