@@ -1,13 +1,24 @@
 #include "Ipfix/MessageBuilder.h"
 
 #include <cmath>
+#include <cstring>
+#include <new>
 
 namespace FlowTracking {
 
 using Pelto::IpfixConst;
 
+Kivo::Ptr<DataRecord> DataRecord::dataRecordNew(std::string_view data) {
+   KIVO_ASSERT(data.size() < Kivo::maxU16());
+   static_assert(alignof(DataRecord) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+   void* const mem = ::operator new(sizeof(DataRecord) + data.size());
+   auto* const r = new (mem) DataRecord(static_cast<std::uint16_t>(data.size()));
+   std::memcpy(r->octets_p(), data.data(), data.size());
+   return Kivo::Ptr<DataRecord>(r);
+}
+
 Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data) {
-   return Kivo::make<DataRecord>(data);
+   return DataRecord::dataRecordNew(data);
 }
 
 namespace {
@@ -76,8 +87,8 @@ void RecordWriter::addOctets(std::string_view value) {
 
 Kivo::Ptr<DataRecord const> RecordWriter::dataRecord() const {
    KIVO_ASSERT(next_ == fields_.size());
-   return Kivo::make<DataRecord>(Kivo::String(reinterpret_cast<char const*>(begin_),
-                                              static_cast<std::size_t>(cursor_.pos - begin_)));
+   return DataRecord::dataRecordNew(std::string_view(
+       reinterpret_cast<char const*>(begin_), static_cast<std::size_t>(cursor_.pos - begin_)));
 }
 
 Message::Message(Kivo::Ptr<Pelto::Pkt> pkt)

@@ -34,18 +34,33 @@
 
 namespace FlowTracking {
 
-// One encoded data record: its octets in wire order. Immutable once shared.
+class DataRecordColl;
+
+// One encoded data record: its octets in wire order. Immutable once made.
+//
+// A table holds one of these per row, so the octets live in the same allocation as the object,
+// right behind it: one allocation per record and no string header. Only dataRecordNew makes one.
 class DataRecord : public Kivo::Object {
  public:
-   explicit DataRecord(Kivo::String data) : data_(std::move(data)) {}
-   Kivo::String const& data() const { return data_; }
-   std::uint32_t dataLen() const { return static_cast<std::uint32_t>(data_.size()); }
-   void append(void const* bytes, std::size_t n) {
-      data_.append(static_cast<char const*>(bytes), n);
-   }
+   // A record of `data`'s octets. REQUIRES: fewer than 65535 octets, as any record in a set.
+   static Kivo::Ptr<DataRecord> dataRecordNew(std::string_view data);
+
+   std::string_view data() const { return {octets_p(), len_}; }
+   std::uint32_t dataLen() const { return len_; }
+
+   // Records are sized to their octets; freed as allocated.
+   static void operator delete(void* p) { ::operator delete(p); }
 
  private:
-   Kivo::String data_;
+   friend class DataRecordColl;
+
+   explicit DataRecord(std::uint16_t len) : len_(len) {}
+   char* octets_p() { return reinterpret_cast<char*>(this + 1); }
+   char const* octets_p() const { return reinterpret_cast<char const*>(this + 1); }
+
+   std::uint16_t len_;
+   // Where the table holding the record keeps it (DataRecordColl): a record is in one table.
+   mutable std::uint32_t slot_ = Kivo::maxU32();
 };
 Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data);
 

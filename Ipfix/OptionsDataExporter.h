@@ -14,6 +14,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/MessageBuilder.h"
@@ -29,6 +30,73 @@ std::optional<OptionsDataScope> optionsDataScopeInstance(std::string_view text);
 
 using DataRecordPtr = Kivo::Ptr<DataRecord const>;
 
+// The rows of one table: a set of records that notifies each insertion and removal, as
+// Kivo::SetColl does. The rows lie in one array, in the order they were added (a removal moves
+// the last row into the gap), and each record knows its place, so that membership, insertion and
+// removal take constant time, a walk reads the rows in order, and a row costs one pointer. A
+// record is in at most one such table at a time.
+class DataRecordColl {
+ public:
+   bool has(DataRecordPtr const& r) const {
+      return r && r->slot_ < rows_.size() && rows_[r->slot_] == r;
+   }
+   std::size_t size() const { return rows_.size(); }
+   bool empty() const { return rows_.empty(); }
+   void reserve(std::size_t n) { rows_.reserve(n); }
+   bool is(DataRecordPtr const& r) {
+      if (has(r)) {
+         return false;
+      }
+      KIVO_ASSERT(rows_.size() < Kivo::maxU32());
+      r->slot_ = static_cast<std::uint32_t>(rows_.size());
+      rows_.push_back(r);
+      signal_.emit(r);
+      return true;
+   }
+   bool del(DataRecordPtr const& r) {
+      if (!has(r)) {
+         return false;
+      }
+      DataRecordPtr const old = take_p(r->slot_);
+      signal_.emit(old);
+      return true;
+   }
+   // Removes every row: one notification per row when followed, one step otherwise.
+   void delAll() {
+      if (signal_.observers() == 0) {
+         for (DataRecordPtr const& r : rows_) {
+            r->slot_ = Kivo::maxU32();
+         }
+         rows_.clear();
+         return;
+      }
+      while (!rows_.empty()) {
+         DataRecordPtr const old = take_p(static_cast<std::uint32_t>(rows_.size() - 1));
+         if (!signal_.emit(old)) {
+            return;  // a handler destroyed the owner of this table
+         }
+      }
+   }
+   auto begin() const { return rows_.begin(); }
+   auto end() const { return rows_.end(); }
+   Kivo::Signal<DataRecordPtr> const& signal() const { return signal_; }
+
+ private:
+   DataRecordPtr take_p(std::uint32_t slot) {
+      DataRecordPtr old = std::move(rows_[slot]);
+      if (slot + 1 != rows_.size()) {
+         rows_[slot] = std::move(rows_.back());
+         rows_[slot]->slot_ = slot;
+      }
+      rows_.pop_back();
+      old->slot_ = Kivo::maxU32();
+      return old;
+   }
+
+   std::vector<DataRecordPtr> rows_;
+   Kivo::Signal<DataRecordPtr> signal_;
+};
+
 // One table of one source: its rows, each one encoded data record of data set `dataSetId`.
 class OptionsDataSource : public Kivo::Object {
  public:
@@ -42,8 +110,10 @@ class OptionsDataSource : public Kivo::Object {
    void dataRecordDel(DataRecordPtr const& r) { dataRecord_.del(r); }
    // Removes every row: one notification per row when followed, one step otherwise.
    void dataRecordDelAll() { dataRecord_.delAll(); }
+   // Room for `n` rows, for a source about to publish its whole table.
+   void dataRecordReserve(std::size_t n) { dataRecord_.reserve(n); }
    std::size_t dataRecords() const { return dataRecord_.size(); }
-   Kivo::SetColl<DataRecordPtr> const& dataRecord() const { return dataRecord_; }
+   DataRecordColl const& dataRecord() const { return dataRecord_; }
    Kivo::Signal<DataRecordPtr> const& onDataRecord() const { return dataRecord_.signal(); }
 
    // Table version; notifies only when it changes. Returns the new version.
@@ -53,7 +123,7 @@ class OptionsDataSource : public Kivo::Object {
  private:
    Kivo::String sourceName_;
    TemplateId dataSetId_;
-   Kivo::SetColl<DataRecordPtr> dataRecord_;
+   DataRecordColl dataRecord_;
 };
 
 // The sources of one scope, by name.

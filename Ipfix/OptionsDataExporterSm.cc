@@ -25,17 +25,30 @@ constexpr std::uint32_t defaultActiveIntervalMs = 300000;
 void BuilderWrapper::startMsg() {
    builder_->startMsg();
    msgWrap_ = Kivo::make<MessageWrapper>();
+   runCount_ = 0;
+}
+
+void BuilderWrapper::runFlush_p() {
+   if (runCount_ > 0) {
+      msgWrap_->setRecordIs(runSetId_)->countInc(runCount_);
+      runCount_ = 0;
+   }
 }
 
 std::uint32_t BuilderWrapper::addSetRecord(TemplateId setId, DataRecordPtr const& record) {
    std::uint32_t const consumed = builder_->addSetRecord(setId, record);
    if (consumed > 0) {
-      msgWrap_->setRecordIs(setId)->countInc(1);
+      if (runSetId_ != setId) {
+         runFlush_p();
+         runSetId_ = setId;
+      }
+      ++runCount_;
    }
    return consumed;
 }
 
 Kivo::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
+   runFlush_p();
    msgWrap_->messageIs(builder_->finalizeMsg());
    return std::move(msgWrap_);
 }
@@ -59,7 +72,7 @@ void Collector::sendMessage(ExporterInfo const& expInfo,
       } else {
          KIVO_ASSERT(!src.isZero());
       }
-      KTRACE(8, "TX " << F::text << " " << name_ << " seqNo " << seqNo);
+      KTRACE(8, "TX " << F::text << " " << name_ << " seqNo " << seqNo.value);
       F::send(pkt, F::udpPam(expInfo), src, dst_p<F::family>(), hwExpConfig.dscp());
    });
    updateStats(msgWrap);

@@ -98,8 +98,15 @@ class BuilderWrapper : public Kivo::Object {
    bool empty() const { return builder_->recordCount() == 0; }
 
  private:
+   // Adds the run of records of one set id to the message's per-set counts.
+   void runFlush_p();
+
    Kivo::Ptr<MessageBuilder> builder_;
    Kivo::Ptr<MessageWrapper> msgWrap_;
+   // Records of one set id added in a row and not yet counted in msgWrap_: counting per run
+   // rather than per record keeps the per-set map out of the per-record path.
+   TemplateId runSetId_ = 0;
+   std::uint64_t runCount_ = 0;
 };
 
 // Queued update records of one set id, oldest first.
@@ -188,10 +195,13 @@ class OptionsDataExporterSm : public Kivo::Object {
    void handleUdpPam4();
    void handleUdpPam6();
 
-   // The cache build and the update flush on their own, for measuring them.
+   // The cache build, a periodic transmission and the update flush on their own, for measuring
+   // them.
    void maybeBuildMsgCache();
+   void maybeBeginPeriodicTransmission();
    void flushUpdateQueue();
    std::size_t msgCacheCount() const { return msgCache_.size(); }
+   std::deque<Kivo::Ptr<MessageWrapper>> const& msgCache() const { return msgCache_; }
    Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
 
  private:
@@ -209,7 +219,6 @@ class OptionsDataExporterSm : public Kivo::Object {
    bool v6Ready() const;
    bool txReady() const { return v4Ready() || v6Ready(); }
 
-   void maybeBeginPeriodicTransmission();
    void maybeSchedulePeriodic();
    void sendDataTables();
    void sendMessageToCollectors(MessageWrapper const& msgWrap);

@@ -113,11 +113,11 @@ DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
          af = fieldAf;
       }
       if (entry->flowKey()) {
-         KTRACE(8, "TemplateId:" << templateId << ", Field:" << position << " is flowKey");
+         KTRACE(8, "TemplateId:" << templateId.value() << ", Field:" << position << " is flowKey");
          flowKey |= flowKeyBit(position);
       }
    }
-   KTRACE(7, "templateId:" << templateId << ", flowKey: 0x" << Hex(flowKey).view());
+   KTRACE(7, "templateId:" << templateId.value() << ", flowKey: 0x" << Hex(flowKey).view());
    std::array<std::uint8_t, maxRecordLen(flowKeyTable.fields)> buf;
    RecordWriter w(flowKeyTable.fields, buf.data(), 0);
    w.add(templateId.value());
@@ -144,7 +144,8 @@ void FlowKeySm::handleInitialized() {
 }
 
 void FlowKeySm::handleTemplateStatus(TemplateId templateId) {
-   KTRACE(5, "FlowKeySm::handleTemplateStatus for " << hwFtStatus_->name() << " " << templateId);
+   KTRACE(5, "FlowKeySm::handleTemplateStatus for " << hwFtStatus_->name() << " "
+                                                    << templateId.value());
    if (Kivo::Ptr<HwFlowTracking::TemplateStatus const> const templateStatus =
            hwFtStatus_->templateStatus(templateId)) {
       templateStatusIs(templateStatus);
@@ -155,20 +156,21 @@ void FlowKeySm::handleTemplateStatus(TemplateId templateId) {
 }
 
 void FlowKeySm::handleTemplateDel(TemplateId templateId) {
-   KTRACE(5, "FlowKeySm::handleTemplateDel for " << hwFtStatus_->name() << " " << templateId);
+   KTRACE(5,
+          "FlowKeySm::handleTemplateDel for " << hwFtStatus_->name() << " " << templateId.value());
    templateStatusDel(templateId);
    handleTemplate(templateId);
 }
 
 void FlowKeySm::handleTemplate(TemplateId templateId) {
-   KTRACE(5, "FlowKeySm::handleTemplate for " << hwFtStatus_->name() << " " << templateId);
+   KTRACE(5, "FlowKeySm::handleTemplate for " << hwFtStatus_->name() << " " << templateId.value());
    if (DataRecordPtr const old = dataRecord(templateId)) {
       dataSource_->dataRecordDel(old);
       dataRecordDel(templateId);
    }
    if (hwFtStatus_->templateStatus(templateId)) {
       if (DataRecordPtr const record = makeDataRecord(templateId)) {
-         KTRACE(6, "templateId:" << templateId << ", flowKey: 0x"
+         KTRACE(6, "templateId:" << templateId.value() << ", flowKey: 0x"
                                  << Hex(Pelto::loadBe64(reinterpret_cast<std::uint8_t const*>(
                                             record->data().data() + flowKeyOffset)))
                                         .view()
@@ -177,11 +179,11 @@ void FlowKeySm::handleTemplate(TemplateId templateId) {
          dataSource_->dataRecordIs(record);
          dataRecordIs(templateId, record);
       } else {
-         KTRACE(6, "templateId:" << templateId << ", NO record (incomplete template)");
+         KTRACE(6, "templateId:" << templateId.value() << ", NO record (incomplete template)");
       }
    } else {
       // A removal is not posted: the template only leaves the table.
-      KTRACE(6, "templateId:" << templateId << ", not present");
+      KTRACE(6, "templateId:" << templateId.value() << ", not present");
    }
    KIVO_ASSERT(dataRecords() == dataSource()->dataRecords());
    dataSource_->versionInc(1);

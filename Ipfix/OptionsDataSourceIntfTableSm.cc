@@ -44,16 +44,21 @@ TemplateId InterfaceTableSm::setId() {
 }
 
 DataRecordPtr InterfaceTableSm::dataRecord(Pelto::IntfId const& intfId) const {
-   auto it = dataRecord_.find(intfId);
-   return it == dataRecord_.end() ? nullptr : it->second;
+   auto it = dataRecord_.find(std::string_view(intfId.stringValue()));
+   return it == dataRecord_.end() ? nullptr : *it;
 }
 
 void InterfaceTableSm::dataRecordIs(Pelto::IntfId const& intfId, DataRecordPtr const& record) {
-   dataRecord_[intfId] = record;
+   KIVO_ASSERT(ByName::name(record) == intfId.stringValue());
+   dataRecordDel(intfId);
+   dataRecord_.insert(record);
 }
 
 void InterfaceTableSm::dataRecordDel(Pelto::IntfId const& intfId) {
-   dataRecord_.erase(intfId);
+   auto it = dataRecord_.find(std::string_view(intfId.stringValue()));
+   if (it != dataRecord_.end()) {
+      dataRecord_.erase(it);
+   }
 }
 
 DataRecordPtr InterfaceTableSm::makeDataRecord(Kivo::String const& intfName,
@@ -83,10 +88,14 @@ void InterfaceTableSm::handleInitialized() {
                  << " map count:" << intfIndexMap_->intfIndexColl().size());
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
+   std::size_t const interfaces = intfIndexMap_->intfIndexColl().size();
+   dataRecord_.reserve(interfaces);
+   dataSource_->dataRecordReserve(interfaces + IntfIndexMap::numReservedIntfs());
    for (auto const& [intfId, intfIndex] : intfIndexMap_->intfIndexColl()) {
       DataRecordPtr const record = makeDataRecord(intfId.stringValue(), intfIndex);
       dataSource_->dataRecordIs(record);
-      dataRecordIs(intfId, record);
+      // The local table was just emptied and the map has each interface once.
+      dataRecord_.insert(record);
    }
    // Indexes the hardware reports for traffic that has no ordinary interface.
    struct Reserved {
@@ -108,7 +117,8 @@ void InterfaceTableSm::handleInitialized() {
 }
 
 void InterfaceTableSm::handleIntfId(Pelto::IntfId const& intfId) {
-   KTRACE(5, "InterfaceTableSm::handleIntfId for " << dataSource_->sourceName() << " " << intfId);
+   KTRACE(5, "InterfaceTableSm::handleIntfId for " << dataSource_->sourceName() << " "
+                                                   << intfId.stringValue());
    KIVO_ASSERT(initialized());
    if (DataRecordPtr const old = dataRecord(intfId)) {
       dataSource_->dataRecordDel(old);
@@ -116,13 +126,13 @@ void InterfaceTableSm::handleIntfId(Pelto::IntfId const& intfId) {
    }
    if (std::uint32_t const* intfIndex = intfIndexMap_->intfIndex(intfId)) {
       DataRecordPtr const record = makeDataRecord(intfId.stringValue(), *intfIndex);
-      KTRACE(6, "intfId: " << intfId << ", index: " << *intfIndex);
+      KTRACE(6, "intfId: " << intfId.stringValue() << ", index: " << *intfIndex);
       dataUpdate_->addUpdate(setIdVal(), record);
       dataSource_->dataRecordIs(record);
       dataRecordIs(intfId, record);
    } else {
       // A removal is not posted: the interface only leaves the full table.
-      KTRACE(6, "intfId: " << intfId << ", index not present. ");
+      KTRACE(6, "intfId: " << intfId.stringValue() << ", index not present. ");
    }
    // clang-format off
    KIVO_ASSERT(( dataRecords() + intfIndexMap()->numReservedIntfs() ) == dataSource()->dataRecords());

@@ -14,8 +14,8 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string_view>
+#include <unordered_set>
 
 #include "Ipfix/OptionsDataExporter.h"
 #include "Ipfix/OptionsTemplate.h"
@@ -86,11 +86,23 @@ class InterfaceTableSm : public Kivo::Object {
    // The record of one interface. Aborts for an empty name or one of 255 octets or more.
    DataRecordPtr makeDataRecord(Kivo::String const& intfName, std::uint32_t intfIndex) const;
 
+   // The published records, found by the interface name they carry: the record is its own key,
+   // so the table keeps no copy of the names.
+   struct ByName {
+      using is_transparent = void;
+      static std::string_view name(DataRecordPtr const& r) { return r->data().substr(nameOffset); }
+      static std::string_view name(std::string_view n) { return n; }
+      std::size_t operator()(auto const& k) const { return std::hash<std::string_view>()(name(k)); }
+      bool operator()(auto const& a, auto const& b) const { return name(a) == name(b); }
+   };
+   // The name follows the index and its length octet.
+   static constexpr std::size_t nameOffset = intfTable.fields[0].len + 1;
+
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<IntfIndexMap const> intfIndexMap_;
    TemplateId setIdVal_;
-   std::map<Pelto::IntfId, DataRecordPtr> dataRecord_;
+   std::unordered_set<DataRecordPtr, ByName, ByName> dataRecord_;
    bool initialized_ = false;
    Kivo::Reactor reactor_;
 };

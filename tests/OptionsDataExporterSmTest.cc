@@ -24,9 +24,7 @@ DataRecordPtr intfRecord(std::uint32_t index, std::string const& name) {
    std::uint8_t head[5];
    Pelto::storeBe32(head, index);
    head[4] = static_cast<std::uint8_t>(name.size());
-   auto r = dataRecordFactory(std::string(reinterpret_cast<char*>(head), 5));
-   r->append(name.data(), name.size());
-   return r;
+   return dataRecordFactory(std::string(reinterpret_cast<char*>(head), 5) + name);
 }
 
 using Names = std::vector<std::string>;

@@ -39,9 +39,7 @@ Kivo::Ptr<FlowTracking::DataRecord> interfaceRecord(std::uint32_t index, std::st
    std::uint8_t head[5];
    Pelto::storeBe32(head, index);
    head[4] = static_cast<std::uint8_t>(name.size());
-   auto rec = FlowTracking::dataRecordFactory(std::string(reinterpret_cast<char*>(head), 5));
-   rec->append(name.data(), name.size());
-   return rec;
+   return FlowTracking::dataRecordFactory(std::string(reinterpret_cast<char*>(head), 5) + name);
 }
 
 }  // namespace

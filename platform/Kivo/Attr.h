@@ -243,6 +243,8 @@ class SetColl {
    bool has(K const& k) const { return s_.find(k) != s_.end(); }
    std::size_t size() const { return s_.size(); }
    bool empty() const { return s_.empty(); }
+   // Room for `n` elements without rehashing, for a bulk fill.
+   void reserve(std::size_t n) { s_.reserve(n); }
    bool is(K const& k) {
       if (!s_.insert(k).second) {
          return false;
