@@ -135,6 +135,25 @@ std::size_t wireBytes(OptionsDataSource const& source) {
    return bytes;
 }
 
+// Checks once that the exporter's messages carry the records libfixbuf encodes from `rows`, then
+// times full rebuilds of `table` into the message cache. False (and the benchmark skipped) when
+// the records differ.
+template <class Rows, class Encode, class Table>
+bool timeRebuilds(benchmark::State& state, Setup& s, Rows const& rows, Encode encode,
+                  Table const& table) {
+   Bench::FixbufEncoder enc(Bench::maxMsgSize, Bench::domain);
+   std::vector<Bench::Message> reference;
+   (enc.*encode)(rows, reference);
+   if (!sameRecords(state, asSent(s.exporter->msgCache()), reference)) {
+      return false;
+   }
+   for (auto _ : state) {
+      table->handleInitialized();
+      s.exporter->maybeBuildMsgCache();
+   }
+   return true;
+}
+
 // The interface map to finished messages: the table's full rebuild and the message cache.
 // Counters: heap octets the table and its messages hold per record, and those beyond the
 // record's own wire octets.
@@ -154,15 +173,8 @@ void BM_IntfTable_Component(benchmark::State& state) {
    rows.push_back({IntfIndexMap::discardIntfIndex(), "discard"});
    rows.push_back({IntfIndexMap::cpuIntfIndex(), "CPU"});
    rows.push_back({IntfIndexMap::unknownIntfIndex(), "unknown"});
-   Bench::FixbufEncoder enc(Bench::maxMsgSize, Bench::domain);
-   std::vector<Bench::Message> reference;
-   enc.intfTable(rows, reference);
-   if (!sameRecords(state, asSent(s.exporter->msgCache()), reference)) {
+   if (!timeRebuilds(state, s, rows, &Bench::FixbufEncoder::intfTable, table)) {
       return;
-   }
-   for (auto _ : state) {
-      table->handleInitialized();
-      s.exporter->maybeBuildMsgCache();
    }
    std::size_t const records = source->dataRecords();
    double const heapPerRecord = double(heapAfter - heapBefore) / double(records);
@@ -194,15 +206,8 @@ void BM_FlowKeyTable_Component(benchmark::State& state) {
    auto const keys = flowKeySmFactory(source, s.update, ftStatus);
    s.exporterIs()->maybeBuildMsgCache();
 
-   Bench::FixbufEncoder enc(Bench::maxMsgSize, Bench::domain);
-   std::vector<Bench::Message> reference;
-   enc.flowKeyTable(rows, reference);
-   if (!sameRecords(state, asSent(s.exporter->msgCache()), reference)) {
+   if (!timeRebuilds(state, s, rows, &Bench::FixbufEncoder::flowKeyTable, keys)) {
       return;
-   }
-   for (auto _ : state) {
-      keys->handleInitialized();
-      s.exporter->maybeBuildMsgCache();
    }
    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * source->dataRecords()));
    state.counters["messages"] = static_cast<double>(s.exporter->msgCacheCount());

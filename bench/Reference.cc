@@ -18,8 +18,8 @@ namespace {
 constexpr std::size_t msgHeaderLen = 16;
 constexpr std::size_t setHeaderLen = 4;
 
-// libfixbuf's specs take a non-const name; the library never writes through it.
-fbInfoElementSpec_t spec(char const* name, std::uint16_t len) {
+// One information element of a template, by name; libfixbuf never writes through the name.
+fbInfoElementSpec_t ie(char const* name, std::uint16_t len) {
    return {const_cast<char*>(name), len, 0};
 }
 
@@ -136,11 +136,11 @@ struct FixbufEncoder::Impl {
    fbSession_t* newSession() {
       fbSession_t* s = fbSessionAlloc(model);
       fbSessionSetDomain(s, domain);
-      addPair(s, intfTableId, {spec("ingressInterface", 4), spec("interfaceName", FB_IE_VARLEN)},
-              {spec("ingressInterface", 4), spec("paddingOctets", 4),
-               spec("interfaceName", FB_IE_VARLEN)});
-      addPair(s, flowKeyTableId, {spec("templateId", 2), spec("flowKeyIndicator", 8)},
-              {spec("flowKeyIndicator", 8), spec("templateId", 2), spec("paddingOctets", 6)});
+      addPair(
+          s, intfTableId, {ie("ingressInterface", 4), ie("interfaceName", FB_IE_VARLEN)},
+          {ie("ingressInterface", 4), ie("paddingOctets", 4), ie("interfaceName", FB_IE_VARLEN)});
+      addPair(s, flowKeyTableId, {ie("templateId", 2), ie("flowKeyIndicator", 8)},
+              {ie("flowKeyIndicator", 8), ie("templateId", 2), ie("paddingOctets", 6)});
       return s;
    }
    void addPair(fbSession_t* s, std::uint16_t id, std::vector<fbInfoElementSpec_t> ext,
@@ -243,7 +243,7 @@ std::size_t FixbufEncoder::buildTemplates(std::uint32_t count) {
    for (std::uint32_t t = 0; t < count; ++t) {
       fbTemplate_t* tmpl = fbTemplateAlloc(impl_->model);
       for (char const* name : templateFieldNames) {
-         fbInfoElementSpec_t one[] = {spec(name, 0), FB_IESPEC_NULL};
+         fbInfoElementSpec_t one[] = {ie(name, 0), FB_IESPEC_NULL};
          check(fbTemplateAppendSpecArray(tmpl, one, 0, &err), err, "template field");
       }
       check(fbSessionAddTemplate(s, FALSE, static_cast<std::uint16_t>(260 + t), tmpl, &err) != 0,
