@@ -140,9 +140,7 @@ TEST_F(OptionsDataPath, RemovedTrackerLeavesNoTasksStatisticsOrData) {
 }
 
 TEST_F(OptionsDataPath, TsharkReadsTheOptionsData) {
-   if (!testsupport::tsharkAvailable()) {
-      GTEST_SKIP() << "tshark is not installed (scripts/setup installs it)";
-   }
+   ASSERT_TRUE(testsupport::tsharkAvailable()) << "tshark is required (scripts/setup installs it)";
    // From the start again, so that the capture holds the templates before the data.
    testsupport::LoopbackCollector c;
    exporter("e2")->collector4Is("c", c.ipAndPort());

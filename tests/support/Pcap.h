@@ -1,7 +1,7 @@
 #pragma once
 
-// Writes classic libpcap files of UDP datagrams, so that tests can hand the bytes the exporter
-// produced to an independent decoder.
+// Writes pcap files of UDP datagrams through text2pcap (installed with tshark), so that tests can
+// hand the bytes the exporter produced to an independent decoder.
 
 #include <cstdint>
 #include <string>
@@ -15,12 +15,10 @@ struct Datagram {
    std::string dst = "192.0.2.2";
    uint16_t srcPort = 50000;
    uint16_t dstPort = 4739;
-   double time = 0;  // capture time, seconds since the epoch
 };
 
-// Writes a pcap file (microsecond timestamps, LINKTYPE_RAW), one packet per datagram: its raw IP
-// packet, UDP checksum included. Throws std::invalid_argument on bad addresses or an oversized
-// payload, std::runtime_error on I/O errors.
+// Writes a pcap file, one UDP packet per datagram, with the addresses and ports of the first
+// datagram for all of them. Throws std::runtime_error when text2pcap fails.
 void writePcap(std::string const& path, std::vector<Datagram> const& datagrams);
 
 }  // namespace testsupport
