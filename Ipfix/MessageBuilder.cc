@@ -1,20 +1,139 @@
 #include "Ipfix/MessageBuilder.h"
 
+#include <array>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <vector>
+
+#ifdef KIVO_THREAD_SAFE_PTR
+#include <mutex>
+#endif
 
 namespace FlowTracking {
 
 using Pelto::IpfixConst;
 
+namespace {
+
+// Where records live. Blocks of up to maxPooled octets come from free lists, one per 8-octet size
+// class, carved out of 64 KiB chunks: making and dropping a table's rows costs a pop and a push
+// each, and a block has no allocator header. Chunks stay for the life of the process; a table
+// that shrinks leaves its blocks to the records made after it. Larger records, and every record
+// in builds with AddressSanitizer (so that it sees each block), go to the global allocator.
+// Records are made and dropped on the component's thread; the build with atomic reference
+// counts, where tests hand records between threads, takes a lock.
+class RecordPool {
+ public:
+   static void* alloc(std::size_t n) {
+      if (!pooled(n)) {
+         return ::operator new(n);
+      }
+      Lock lock(pool().mutex_);
+      return pool().alloc_p(classOf(n));
+   }
+   static void free(void* p, std::size_t n) {
+      if (!pooled(n)) {
+         ::operator delete(p);
+         return;
+      }
+      Lock lock(pool().mutex_);
+      pool().free_p(p, classOf(n));
+   }
+   static DataRecord::Storage storage() {
+      Lock lock(pool().mutex_);
+      return {pool().chunks_.size() * chunkSize, pool().liveBytes_};
+   }
+
+ private:
+   static constexpr std::size_t granule = 8;
+   static constexpr std::size_t maxPooled = 512;
+   static constexpr std::size_t chunkSize = 64 * 1024;
+   static_assert(alignof(DataRecord) <= granule);
+
+#if defined(__SANITIZE_ADDRESS__)
+   static constexpr bool enabled = false;
+#else
+   static constexpr bool enabled = true;
+#endif
+   static bool pooled(std::size_t n) {
+      return enabled && n <= maxPooled;
+   }
+   static std::size_t classOf(std::size_t n) {
+      return (n + granule - 1) / granule - 1;
+   }
+
+#ifdef KIVO_THREAD_SAFE_PTR
+   using Mutex = std::mutex;
+   using Lock = std::lock_guard<std::mutex>;
+#else
+   struct Mutex {};
+   struct Lock {
+      explicit Lock(Mutex&) {}
+   };
+#endif
+
+   struct FreeBlock {
+      FreeBlock* next;
+   };
+
+   // Never destroyed: records may be dropped by other objects' destructors at exit.
+   static RecordPool& pool() {
+      static RecordPool* const p = new RecordPool;
+      return *p;
+   }
+
+   void* alloc_p(std::size_t c) {
+      std::size_t const size = (c + 1) * granule;
+      liveBytes_ += size;
+      if (FreeBlock* const b = free_[c]) {
+         free_[c] = b->next;
+         return b;
+      }
+      if (size > static_cast<std::size_t>(end_ - next_)) {
+         chunks_.push_back(std::make_unique<std::byte[]>(chunkSize));
+         next_ = chunks_.back().get();
+         end_ = next_ + chunkSize;
+      }
+      void* const p = next_;
+      next_ += size;
+      return p;
+   }
+   void free_p(void* p, std::size_t c) {
+      liveBytes_ -= (c + 1) * granule;
+      auto* const b = static_cast<FreeBlock*>(p);
+      b->next = free_[c];
+      free_[c] = b;
+   }
+
+   Mutex mutex_;
+   std::array<FreeBlock*, maxPooled / granule> free_{};
+   std::vector<std::unique_ptr<std::byte[]>> chunks_;
+   std::byte* next_ = nullptr;
+   std::byte* end_ = nullptr;
+   std::size_t liveBytes_ = 0;
+};
+
+}  // namespace
+
 Kivo::Ptr<DataRecord> DataRecord::dataRecordNew(std::string_view data) {
    KIVO_ASSERT(data.size() < Kivo::maxU16());
-   static_assert(alignof(DataRecord) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-   void* const mem = ::operator new(sizeof(DataRecord) + data.size());
+   void* const mem = RecordPool::alloc(sizeof(DataRecord) + data.size());
    auto* const r = new (mem) DataRecord(static_cast<std::uint16_t>(data.size()));
    std::memcpy(r->octets_p(), data.data(), data.size());
    return Kivo::Ptr<DataRecord>(r);
+}
+
+DataRecord::Storage DataRecord::storage() {
+   return RecordPool::storage();
+}
+
+void DataRecord::free_p() const {
+   std::size_t const size = sizeof(DataRecord) + len_;
+   auto* const self = const_cast<DataRecord*>(this);
+   self->~DataRecord();
+   RecordPool::free(self, size);
 }
 
 Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data) {
@@ -117,6 +236,8 @@ void MessageBuilder::startMsg() {
    // The whole buffer becomes the packet's data so headers and records are written in place;
    // finalizeMsg gives back what the message did not use.
    pkt_->tailGrow(pktBufSize_);
+   KIVO_ASSERT(pktBufSize_ >= maxSize_);
+   data_ = pkt_->data();
    pktHolder_p = Kivo::make<Message>(pkt_);
    offset_ = IpfixConst::messageHeaderLen();
 }
@@ -172,13 +293,6 @@ std::uint32_t addSetRecordBytes(MessageBuilder* builder, TemplateId id, std::uin
    return bytes;
 }
 
-std::uint32_t MessageBuilder::addSetRecord(TemplateId id,
-                                           Kivo::Ptr<DataRecord const> const& record) {
-   auto const& d = record->data();
-   return addSetRecordBytes(this, id, reinterpret_cast<std::uint8_t const*>(d.data()),
-                            record->dataLen());
-}
-
 std::uint32_t MessageBuilder::addSetRecordStr(TemplateId id, std::string_view bytes) {
    return addSetRecordBytes(this, id, reinterpret_cast<std::uint8_t const*>(bytes.data()),
                             static_cast<std::uint32_t>(bytes.size()));
@@ -203,6 +317,7 @@ Kivo::Ptr<Message> MessageBuilder::finalizeMsg() {
    msg->recordCountIs(recordCount_);
    recordCount_ = 0;
    Kivo::Ptr<Pelto::Pkt> _pkt = std::move(pkt_);
+   data_ = nullptr;
    KIVO_ASSERT(msgLen <= pktBufSize());
    _pkt->tailTrim(pktBufSize_ - msgLen);
    KIVO_ASSERT(_pkt->bytes() == msgLen);

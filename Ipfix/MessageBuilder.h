@@ -22,6 +22,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <string_view>
 #include <type_traits>
@@ -36,32 +37,55 @@ namespace FlowTracking {
 
 class DataRecordColl;
 
-// One encoded data record: its octets in wire order. Immutable once made.
+// One encoded data record: its octets in wire order. Immutable once made; held through
+// Kivo::Ptr like an entity.
 //
-// A table holds one of these per row, so the octets live in the same allocation as the object,
-// right behind it: one allocation per record and no string header. Only dataRecordNew makes one.
-class DataRecord : public Kivo::Object {
+// A table holds one of these per row, so a record is kept small: a 12-octet header (reference
+// count, the slot of the table holding it, the length) with the octets right behind it, in one
+// block from a pool of 8-octet size classes. Only dataRecordNew makes one.
+class DataRecord {
  public:
    // A record of `data`'s octets. REQUIRES: fewer than 65535 octets, as any record in a set.
    static Kivo::Ptr<DataRecord> dataRecordNew(std::string_view data);
 
+   DataRecord(DataRecord const&) = delete;
+   DataRecord& operator=(DataRecord const&) = delete;
+
    std::string_view data() const { return {octets_p(), len_}; }
    std::uint32_t dataLen() const { return len_; }
 
-   // Records are sized to their octets; freed as allocated.
-   static void operator delete(void* p) { ::operator delete(p); }
+   void ref() const noexcept { refs_.inc(); }
+   // Gives the block back to the pool with the last reference.
+   void unref() const noexcept {
+      if (refs_.dec()) {
+         free_p();
+      }
+   }
+   std::uint32_t refCount() const noexcept { return refs_.count(); }
+
+   // The pool's chunks and the octets of them that live records take: what every table's rows
+   // cost in memory (chunks are never given back, so a heap count alone does not tell).
+   struct Storage {
+      std::size_t chunkBytes;
+      std::size_t liveBytes;
+   };
+   static Storage storage();
 
  private:
    friend class DataRecordColl;
 
    explicit DataRecord(std::uint16_t len) : len_(len) {}
+   ~DataRecord() = default;
+   void free_p() const;
    char* octets_p() { return reinterpret_cast<char*>(this + 1); }
    char const* octets_p() const { return reinterpret_cast<char const*>(this + 1); }
 
-   std::uint16_t len_;
+   Kivo::RefCount refs_;
    // Where the table holding the record keeps it (DataRecordColl): a record is in one table.
    mutable std::uint32_t slot_ = Kivo::maxU32();
+   std::uint16_t len_;
 };
+static_assert(sizeof(DataRecord) == 12, "a row's overhead is part of every table's memory");
 Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data);
 
 // One field of a data record as its template lists it: the element, its length from the element
@@ -192,7 +216,21 @@ class MessageBuilder : public Kivo::Object {
    void startMsg();
    // Adds one record under set id `id`. Returns the octets written, 0 when the record does not
    // fit in this message. REQUIRES: a message under construction; record shorter than 65535.
-   std::uint32_t addSetRecord(TemplateId id, Kivo::Ptr<DataRecord const> const& record);
+   std::uint32_t addSetRecord(TemplateId id, Kivo::Ptr<DataRecord const> const& record) {
+      std::string_view const d = record->data();
+      auto const bytes = static_cast<std::uint32_t>(d.size());
+      // Inline, the case of nearly every record of a table: one more record of the open set,
+      // with room left. The message's octets are all the packet's (startMsg), so no check of
+      // the packet is needed beyond the size.
+      if (setHdr_ && id == setId_ && offset_ + bytes <= maxSize_) {
+         std::memcpy(data_ + offset_, d.data(), bytes);
+         offset_ += bytes;
+         setLen_ = static_cast<std::uint16_t>(setLen_ + bytes);
+         ++recordCount_;
+         return bytes;
+      }
+      return addSetRecordBytes(this, id, reinterpret_cast<std::uint8_t const*>(d.data()), bytes);
+   }
    std::uint32_t addSetRecordStr(TemplateId id, std::string_view bytes);
    // Closes the open set and the message and hands the message out; the builder is idle again.
    // REQUIRES: at least one record since startMsg().
@@ -221,6 +259,8 @@ class MessageBuilder : public Kivo::Object {
    std::uint16_t maxSize_;
    std::uint32_t observationDomainId_;
    Kivo::Ptr<Pelto::Pkt> pkt_;
+   // The packet's octets while a message is open.
+   std::uint8_t* data_ = nullptr;
    Kivo::Ptr<Message> pktHolder_p;
    std::uint32_t pktBufSize_ = 0;
    Kivo::Ptr<Pelto::SetHeader> setHdr_;

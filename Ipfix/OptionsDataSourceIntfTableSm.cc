@@ -44,21 +44,16 @@ TemplateId InterfaceTableSm::setId() {
 }
 
 DataRecordPtr InterfaceTableSm::dataRecord(Pelto::IntfId const& intfId) const {
-   auto it = dataRecord_.find(std::string_view(intfId.stringValue()));
-   return it == dataRecord_.end() ? nullptr : *it;
+   return DataRecordPtr(dataRecord_.find(intfId.stringValue()));
 }
 
 void InterfaceTableSm::dataRecordIs(Pelto::IntfId const& intfId, DataRecordPtr const& record) {
-   KIVO_ASSERT(ByName::name(record) == intfId.stringValue());
-   dataRecordDel(intfId);
-   dataRecord_.insert(record);
+   KIVO_ASSERT(nameOf(*record) == intfId.stringValue());
+   dataRecord_.insert(*record);
 }
 
 void InterfaceTableSm::dataRecordDel(Pelto::IntfId const& intfId) {
-   auto it = dataRecord_.find(std::string_view(intfId.stringValue()));
-   if (it != dataRecord_.end()) {
-      dataRecord_.erase(it);
-   }
+   dataRecord_.erase(intfId.stringValue());
 }
 
 DataRecordPtr InterfaceTableSm::makeDataRecord(Kivo::String const& intfName,
@@ -95,7 +90,7 @@ void InterfaceTableSm::handleInitialized() {
       DataRecordPtr const record = makeDataRecord(intfId.stringValue(), intfIndex);
       dataSource_->dataRecordIs(record);
       // The local table was just emptied and the map has each interface once.
-      dataRecord_.insert(record);
+      dataRecord_.insert(*record);
    }
    // Indexes the hardware reports for traffic that has no ordinary interface.
    struct Reserved {

@@ -13,9 +13,12 @@
 //   5  L  name octets, no terminator
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
-#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "Ipfix/OptionsDataExporter.h"
 #include "Ipfix/OptionsTemplate.h"
@@ -44,6 +47,139 @@ class IntfIndexMap : public Kivo::Object {
 };
 
 Kivo::Ptr<IntfIndexMap> intfIndexMapFactory();
+
+// Records found by a key they carry (KeyOf: DataRecord const& -> std::string_view), so that the
+// index keeps no copy of the keys: open addressing with linear probing over a power-of-two array,
+// at most 7/8 full, removal by shifting followers back (no tombstones). A slot is one word: the
+// record's address, holding one reference, with 16 bits of the key's hash in the top bits that
+// user-space addresses leave zero, so that a probe reads a record only when those bits match.
+// A row costs 8 to 16 octets of index and one hash of its key to insert or find.
+template <std::string_view (*KeyOf)(DataRecord const&)>
+class DataRecordIndex {
+ public:
+   DataRecordIndex() = default;
+   DataRecordIndex(DataRecordIndex const&) = delete;
+   DataRecordIndex& operator=(DataRecordIndex const&) = delete;
+   ~DataRecordIndex() { clear(); }
+
+   std::size_t size() const { return size_; }
+   // Room for `n` records without growing.
+   void reserve(std::size_t n) {
+      if (n > slots_.size() / 8 * 7) {
+         rehash_p(n);
+      }
+   }
+   void clear() {
+      for (Slot s : slots_) {
+         if (s) {
+            record_p(s)->unref();
+         }
+      }
+      slots_.clear();
+      size_ = 0;
+   }
+   DataRecord const* find(std::string_view key) const {
+      if (slots_.empty()) {
+         return nullptr;
+      }
+      Slot const s = slots_[slotOf_p(key, hashOf_p(key))];
+      return s ? record_p(s) : nullptr;
+   }
+   // Adds `r`, or replaces the record of the same key.
+   void insert(DataRecord const& r) {
+      reserve(size_ + 1);
+      std::uint64_t const h = hashOf_p(KeyOf(r));
+      Slot& s = slots_[slotOf_p(KeyOf(r), h)];
+      if (s) {
+         record_p(s)->unref();
+      } else {
+         ++size_;
+      }
+      r.ref();
+      auto const address = reinterpret_cast<std::uintptr_t>(&r);
+      KIVO_ASSERT((address >> addressBits) == 0);
+      s = address | (h & tagMask);
+   }
+   void erase(std::string_view key) {
+      if (slots_.empty()) {
+         return;
+      }
+      std::size_t const mask = slots_.size() - 1;
+      std::size_t hole = slotOf_p(key, hashOf_p(key));
+      if (!slots_[hole]) {
+         return;
+      }
+      record_p(slots_[hole])->unref();
+      slots_[hole] = 0;
+      --size_;
+      // Every follower whose home slot lies at or before the hole (going round) moves back into
+      // it, so that probing from each home still finds every record.
+      for (std::size_t i = (hole + 1) & mask; slots_[i]; i = (i + 1) & mask) {
+         std::size_t const home = homeOf_p(hashOf_p(KeyOf(*record_p(slots_[i]))));
+         if (((i - home) & mask) >= ((i - hole) & mask)) {
+            slots_[hole] = std::exchange(slots_[i], 0);
+            hole = i;
+         }
+      }
+   }
+
+ private:
+   using Slot = std::uintptr_t;
+   static_assert(sizeof(Slot) == 8, "the tag lives in the top bits of a 64-bit address");
+   static constexpr unsigned addressBits = 48;
+   static constexpr std::uint64_t tagMask = ~((std::uint64_t{1} << addressBits) - 1);
+
+   static DataRecord const* record_p(Slot s) {
+      return reinterpret_cast<DataRecord const*>(s & ~tagMask);
+   }
+   // Eight octets at a time, each word folded in by a multiply; the top 16 bits are the tag and
+   // the bits below them pick the home slot.
+   static std::uint64_t hashOf_p(std::string_view key) {
+      constexpr std::uint64_t k = 0x9e3779b97f4a7c15u;
+      std::uint64_t h = key.size() * k;
+      while (!key.empty()) {
+         std::uint64_t w = 0;
+         std::size_t const n = std::min<std::size_t>(key.size(), sizeof(w));
+         std::memcpy(&w, key.data(), n);
+         key.remove_prefix(n);
+         h = (h ^ w) * k;
+         h ^= h >> 32;
+      }
+      return h * k;
+   }
+   std::size_t homeOf_p(std::uint64_t h) const {
+      return static_cast<std::size_t>((h << 16) >> shift_);
+   }
+   // The slot holding `key`, or the empty slot where it would go.
+   std::size_t slotOf_p(std::string_view key, std::uint64_t h) const {
+      std::size_t const mask = slots_.size() - 1;
+      Slot const tag = h & tagMask;
+      std::size_t i = homeOf_p(h);
+      while (slots_[i] && ((slots_[i] & tagMask) != tag || KeyOf(*record_p(slots_[i])) != key)) {
+         i = (i + 1) & mask;
+      }
+      return i;
+   }
+   void rehash_p(std::size_t n) {
+      unsigned bits = 4;
+      while ((std::size_t{1} << bits) / 8 * 7 < n) {
+         ++bits;
+      }
+      std::vector<Slot> old(std::size_t{1} << bits);
+      old.swap(slots_);
+      shift_ = 64 - bits;
+      for (Slot s : old) {
+         if (s) {
+            DataRecord const& r = *record_p(s);
+            slots_[slotOf_p(KeyOf(r), hashOf_p(KeyOf(r)))] = s;
+         }
+      }
+   }
+
+   std::vector<Slot> slots_;
+   std::size_t size_ = 0;
+   unsigned shift_ = 64;
+};
 
 class InterfaceTableSm : public Kivo::Object {
  public:
@@ -86,23 +222,15 @@ class InterfaceTableSm : public Kivo::Object {
    // The record of one interface. Aborts for an empty name or one of 255 octets or more.
    DataRecordPtr makeDataRecord(Kivo::String const& intfName, std::uint32_t intfIndex) const;
 
-   // The published records, found by the interface name they carry: the record is its own key,
-   // so the table keeps no copy of the names.
-   struct ByName {
-      using is_transparent = void;
-      static std::string_view name(DataRecordPtr const& r) { return r->data().substr(nameOffset); }
-      static std::string_view name(std::string_view n) { return n; }
-      std::size_t operator()(auto const& k) const { return std::hash<std::string_view>()(name(k)); }
-      bool operator()(auto const& a, auto const& b) const { return name(a) == name(b); }
-   };
    // The name follows the index and its length octet.
    static constexpr std::size_t nameOffset = intfTable.fields[0].len + 1;
+   static std::string_view nameOf(DataRecord const& r) { return r.data().substr(nameOffset); }
 
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<IntfIndexMap const> intfIndexMap_;
    TemplateId setIdVal_;
-   std::unordered_set<DataRecordPtr, ByName, ByName> dataRecord_;
+   DataRecordIndex<&nameOf> dataRecord_;
    bool initialized_ = false;
    Kivo::Reactor reactor_;
 };

@@ -21,32 +21,30 @@
 
 namespace Kivo {
 
-class Object {
+// The count itself, for Object and for the few types that manage their own storage and so
+// cannot have a virtual destructor (Ptr<T> only needs T::ref() and T::unref()).
+class RefCount {
  public:
-   Object() = default;
-   Object(Object const&) : refs_(0) {}
-   Object& operator=(Object const&) { return *this; }
-   virtual ~Object() = default;
+   RefCount() = default;
+   RefCount(RefCount const&) {}
+   RefCount& operator=(RefCount const&) { return *this; }
 
-   void ref() const noexcept {
+   void inc() const noexcept {
 #ifdef KIVO_THREAD_SAFE_PTR
       refs_.fetch_add(1, std::memory_order_relaxed);
 #else
       ++refs_;
 #endif
    }
-   void unref() const noexcept {
+   // True when the last reference went: the owner destroys itself.
+   [[nodiscard]] bool dec() const noexcept {
 #ifdef KIVO_THREAD_SAFE_PTR
-      if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-         delete this;
-      }
+      return refs_.fetch_sub(1, std::memory_order_acq_rel) == 1;
 #else
-      if (--refs_ == 0) {
-         delete this;
-      }
+      return --refs_ == 0;
 #endif
    }
-   std::uint32_t refCount() const noexcept {
+   std::uint32_t count() const noexcept {
       return refs_;
    }
 
@@ -56,6 +54,25 @@ class Object {
 #else
    mutable std::uint32_t refs_ = 0;
 #endif
+};
+
+class Object {
+ public:
+   Object() = default;
+   Object(Object const&) {}
+   Object& operator=(Object const&) { return *this; }
+   virtual ~Object() = default;
+
+   void ref() const noexcept { refs_.inc(); }
+   void unref() const noexcept {
+      if (refs_.dec()) {
+         delete this;
+      }
+   }
+   std::uint32_t refCount() const noexcept { return refs_.count(); }
+
+ private:
+   RefCount refs_;
 };
 
 template <class T>
