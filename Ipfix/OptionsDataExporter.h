@@ -50,7 +50,9 @@ class DataRecordColl {
       KIVO_ASSERT(rows_.size() < Kivo::maxU32());
       r->slot_ = static_cast<std::uint32_t>(rows_.size());
       rows_.push_back(r);
-      signal_.emit(r);
+      if (signal_.connectedAny()) {
+         signal_.emit(r);
+      }
       return true;
    }
    bool del(DataRecordPtr const& r) {

@@ -80,9 +80,9 @@ std::uint64_t FlowKeySm::flowKeyBit(std::uint32_t position) {
 void FlowKeySm::templateStatusIs(
     Kivo::Ptr<HwFlowTracking::TemplateStatus const> const& templateStatus) {
    TemplateId const templateId = templateStatus->templateId();
-   Kivo::Reactor reactor;
+   Kivo::Reactor& reactor = templateStatus_[templateId];
+   reactor.reset();
    reactor.watch(templateStatus->onGenId(), [this, templateId] { handleTemplate(templateId); });
-   templateStatus_.insert_or_assign(templateId, std::move(reactor));
 }
 
 DataRecordPtr FlowKeySm::dataRecord(TemplateId templateId) const {
@@ -113,11 +113,14 @@ DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
          af = fieldAf;
       }
       if (entry->flowKey()) {
-         KTRACE(8, "TemplateId:" << templateId.value() << ", Field:" << position << " is flowKey");
+         // Per-field detail: the text trace only, so that a full build of thousands of templates
+         // does not fill the always-on ring with it.
+         KTRACE_TEXT(
+             8, "TemplateId:" << templateId.value() << ", Field:" << position << " is flowKey");
          flowKey |= flowKeyBit(position);
       }
    }
-   KTRACE(7, "templateId:" << templateId.value() << ", flowKey: 0x" << Hex(flowKey).view());
+   KTRACE_TEXT(7, "templateId:" << templateId.value() << ", flowKey: 0x" << Hex(flowKey).view());
    std::array<std::uint8_t, maxRecordLen(flowKeyTable.fields)> buf;
    RecordWriter w(flowKeyTable.fields, buf.data(), 0);
    w.add(templateId.value());
@@ -132,6 +135,10 @@ void FlowKeySm::handleInitialized() {
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
    templateStatusDelAll();
+   std::size_t const templates = hwFtStatus_->templateStatusColl().size();
+   templateStatus_.reserve(templates);
+   dataRecord_.reserve(templates);
+   dataSource_->dataRecordReserve(templates);
    for (auto const& [templateId, templateStatus] : hwFtStatus_->templateStatusColl()) {
       templateStatusIs(templateStatus);
       if (DataRecordPtr const record = makeDataRecord(templateId)) {

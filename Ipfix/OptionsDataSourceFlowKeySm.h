@@ -17,7 +17,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <unordered_map>
 
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/OptionsDataExporter.h"
@@ -80,8 +80,8 @@ class FlowKeySm : public Kivo::Object {
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus_;
    TemplateId setIdVal_;
-   std::map<TemplateId, Kivo::Reactor> templateStatus_;
-   std::map<TemplateId, DataRecordPtr> dataRecord_;
+   std::unordered_map<TemplateId, Kivo::Reactor> templateStatus_;
+   std::unordered_map<TemplateId, DataRecordPtr> dataRecord_;
    bool initialized_ = false;
    Kivo::Reactor reactor_;
 };

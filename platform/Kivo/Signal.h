@@ -92,6 +92,9 @@ class Signal {
       return Connection(s);
    }
 
+   // Whether anyone connected (live or not yet swept): a caller may skip building arguments.
+   bool connectedAny() const { return !slots_.empty(); }
+
    // Returns false when a handler destroyed this signal (and so, normally, its owner): the caller
    // must not touch the owner after that.
    bool emit(Args... args) const {
