@@ -186,6 +186,15 @@ void CollectorStatisticsEntry::setEntryIs(CollectorSetStatisticsEntry const& e) 
    }
 }
 
+void CollectorStatisticsEntry::flowRecordCountInc(SetId setId, std::uint64_t n) {
+   std::uint8_t const i = maybeNewIndexForSetId(setId);
+   setEntryStorage[i].setId = setId.value();
+   setEntryStorage[i].exportedFlowRecordCount += n;
+   if (setEntryCount < i + 1) {
+      setEntryCount = static_cast<std::uint8_t>(i + 1);
+   }
+}
+
 CollectorSetStatisticsEntry CollectorStatisticsEntry::setEntryDel(SetId setId) {
    std::uint8_t const i = indexForSetId(setId);
    if (i == SetIndex::none()) {
@@ -303,6 +312,26 @@ std::optional<CollectorStatisticsEntry> CollectorStatistics::stats(
 
 bool CollectorStatistics::statsIs(CollectorStatisticsEntry const& e) {
    return table_->writer->upsert(e.key, e);
+}
+
+CollectorStatisticsPlace::CollectorStatisticsPlace(CollectorStatisticsKey const& key)
+    : key_(key), hash_(CollectorStatisticsKeyHash()(key)) {}
+
+bool CollectorStatistics::modify_p(CollectorStatisticsPlace& place, EntryFn fn) {
+   Writer::Place p{place.hash_, place.serial_, place.slot_};
+   bool const done = table_->writer->modify(
+       place.key_, p, [&] { return CollectorStatisticsEntry(place.key_); },
+       [&](CollectorStatisticsEntry& e) {
+          if (Kivo::String const error = e.validationError(); !error.empty()) {
+             KTRACE(1, "collector statistics table " << name_
+                                                     << ": damaged entry replaced: " << error);
+             e = CollectorStatisticsEntry(place.key_);
+          }
+          fn(e);
+       });
+   place.serial_ = p.serial;
+   place.slot_ = p.slot;
+   return done;
 }
 
 bool CollectorStatistics::statsDel(CollectorStatisticsKey const& key) {

@@ -173,6 +173,29 @@ class ShmTableWriterCore {
    // Gives the key in slot `i`, live or deleted, this value; a deleted key comes back, unless
    // the table is at its maximum capacity (false, table unchanged).
    bool update(std::uint32_t i, void const* value);
+   // Changes the value of live slot `i` in place: fn(value) runs between the two steps of the
+   // slot's sequence, as a whole-value update's copy does, so readers never see a change half
+   // made, even when fn throws. One generation, like update().
+   template <class F>
+   void modify(std::uint32_t i, F&& fn) {
+      KIVO_ASSERT(iterations_ == 0);
+      ShmLayout::SlotHeader* s = headerAt(i);
+      KIVO_ASSERT(s->state == ShmLayout::slotLive);
+      ++generation_;
+      beginWrite(s);
+      s->changeGen = generation_;
+      struct End {
+         ShmTableWriterCore& core;
+         ShmLayout::SlotHeader* s;
+         ~End() {
+            core.endWrite(s);
+            core.publish();
+         }
+      } end{*this, s};
+      fn(slotAt(i) + geometry_.valueOffset);
+   }
+   // The data segment in use; a new one (after growth) moves every slot.
+   std::uint32_t serial() const { return serial_; }
    // REQUIRES: slot `i` is live.
    void erase(std::uint32_t i);
    // Deletes every live entry (one generation for all); false when there were none.
@@ -383,6 +406,45 @@ class ShmTableWriter : public Kivo::Object {
       return true;
    }
    void delAll() { core_.eraseAll(); }
+
+   // Where a key's entry was last found. A writer that changes one entry again and again keeps
+   // it, and skips the hashing and the probe while the entry stays in its slot.
+   struct Place {
+      std::uint32_t hash = 0;
+      std::uint32_t serial = 0;
+      std::uint32_t slot = ShmTableWriterCore::noSlot();
+   };
+   Place placeOf(Key const& key) const { return {hash_(key), 0, ShmTableWriterCore::noSlot()}; }
+
+   // Changes the entry of `key` in place with fn(Value&), under the slot's sequence like any
+   // write. A key without a live entry first gets init() (a Value) as an insert would. `place`
+   // (from placeOf(key)) is checked before it is believed and refreshed when the entry has
+   // moved. False, changing nothing, when the key is new and the table cannot take it.
+   template <class Init, class F>
+   bool modify(Key const& key, Place& place, Init&& init, F&& fn) {
+      std::uint32_t i = place.slot;
+      if (place.serial != core_.serial() || i >= core_.slotCount() ||
+          core_.header(i).state != ShmLayout::slotLive || core_.header(i).hash != place.hash ||
+          std::memcmp(core_.keyAt(i), &key, sizeof(Key)) != 0) {
+         // The same bytes are the same key; other bytes (padding, a key damaged by another
+         // process) take the probe, which compares keys as the table does.
+         auto found = probe(key, place.hash);
+         if (!found.second || core_.header(found.first).state != ShmLayout::slotLive) {
+            Value const fresh = init();
+            if (!(found.second ? core_.update(found.first, &fresh)
+                               : core_.insert(place.hash, &key, &fresh))) {
+               return false;
+            }
+            found = probe(key, place.hash);  // an insert may have moved every slot
+         }
+         i = found.first;
+         place.serial = core_.serial();
+         place.slot = i;
+      }
+      core_.modify(i,
+                   [&](std::byte* value) { fn(*std::launder(reinterpret_cast<Value*>(value))); });
+      return true;
+   }
 
    std::uint32_t size() const { return core_.size(); }
    // Calls fn(key, value) for every entry, in no particular order. REQUIRES: fn does not change
