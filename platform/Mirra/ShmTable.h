@@ -417,9 +417,10 @@ class ShmTableWriter : public Kivo::Object {
    Place placeOf(Key const& key) const { return {hash_(key), 0, ShmTableWriterCore::noSlot()}; }
 
    // Changes the entry of `key` in place with fn(Value&), under the slot's sequence like any
-   // write. A key without a live entry first gets init() (a Value) as an insert would. `place`
-   // (from placeOf(key)) is checked before it is believed and refreshed when the entry has
-   // moved. False, changing nothing, when the key is new and the table cannot take it.
+   // write, as one generation. A key without a live entry gets init() (a Value) changed by fn, as
+   // an insert. `place` (from placeOf(key)) is checked before it is believed and refreshed when
+   // the entry has moved. False, changing nothing, when the key is new and the table cannot take
+   // it.
    template <class Init, class F>
    bool modify(Key const& key, Place& place, Init&& init, F&& fn) {
       std::uint32_t i = place.slot;
@@ -428,18 +429,19 @@ class ShmTableWriter : public Kivo::Object {
           std::memcmp(core_.keyAt(i), &key, sizeof(Key)) != 0) {
          // The same bytes are the same key; other bytes (padding, a key damaged by another
          // process) take the probe, which compares keys as the table does.
-         auto found = probe(key, place.hash);
-         if (!found.second || core_.header(found.first).state != ShmLayout::slotLive) {
-            Value const fresh = init();
-            if (!(found.second ? core_.update(found.first, &fresh)
-                               : core_.insert(place.hash, &key, &fresh))) {
+         auto const [j, found] = probe(key, place.hash);
+         if (!found || core_.header(j).state != ShmLayout::slotLive) {
+            Value fresh = init();
+            fn(fresh);
+            if (!(found ? core_.update(j, &fresh) : core_.insert(place.hash, &key, &fresh))) {
                return false;
             }
-            found = probe(key, place.hash);  // an insert may have moved every slot
+            place.slot = probe(key, place.hash).first;  // an insert may have moved every slot
+            place.serial = core_.serial();
+            return true;
          }
-         i = found.first;
+         i = place.slot = j;
          place.serial = core_.serial();
-         place.slot = i;
       }
       core_.modify(i,
                    [&](std::byte* value) { fn(*std::launder(reinterpret_cast<Value*>(value))); });
