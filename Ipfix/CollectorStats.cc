@@ -314,13 +314,13 @@ bool CollectorStatistics::statsIs(CollectorStatisticsEntry const& e) {
    return table_->writer->upsert(e.key, e);
 }
 
-CollectorStatisticsPlace::CollectorStatisticsPlace(CollectorStatisticsKey const& key)
-    : key_(key), hash_(CollectorStatisticsKeyHash()(key)) {}
+CollectorStatisticsPlace::CollectorStatisticsPlace(CollectorStatisticsKey const& key) : key_(key) {
+   place_.hash = CollectorStatisticsKeyHash()(key);
+}
 
 bool CollectorStatistics::modify_p(CollectorStatisticsPlace& place, EntryFn fn) {
-   Writer::Place p{place.hash_, place.serial_, place.slot_};
-   bool const done = table_->writer->modify(
-       place.key_, p, [&] { return CollectorStatisticsEntry(place.key_); },
+   return table_->writer->modify(
+       place.key_, place.place_, [&] { return CollectorStatisticsEntry(place.key_); },
        [&](CollectorStatisticsEntry& e) {
           if (Kivo::String const error = e.validationError(); !error.empty()) {
              KTRACE(1, "collector statistics table " << name_
@@ -329,9 +329,6 @@ bool CollectorStatistics::modify_p(CollectorStatisticsPlace& place, EntryFn fn) 
           }
           fn(e);
        });
-   place.serial_ = p.serial;
-   place.slot_ = p.slot;
-   return done;
 }
 
 bool CollectorStatistics::statsDel(CollectorStatisticsKey const& key) {

@@ -27,6 +27,7 @@
 #include <sys/types.h>
 
 #include "Kivo/Kivo.h"
+#include "Mirra/ShmPlace.h"
 #include "Pelto/Address.h"
 
 namespace Mirra::Ipfix {
@@ -185,9 +186,7 @@ class CollectorStatisticsPlace {
  private:
    friend class CollectorStatistics;
    CollectorStatisticsKey key_;
-   std::uint32_t hash_;
-   std::uint32_t serial_ = 0;
-   std::uint32_t slot_ = ~std::uint32_t{0};
+   ShmPlace<CollectorStatisticsKey> place_;
 };
 
 // The collector statistics table in shared memory, as its one writer (the agent) sees it. Other

@@ -62,6 +62,7 @@
 
 #include "Kivo/Kivo.h"
 #include "Mirra/ShmLayout.h"
+#include "Mirra/ShmPlace.h"
 
 namespace Mirra {
 
@@ -407,28 +408,26 @@ class ShmTableWriter : public Kivo::Object {
    }
    void delAll() { core_.eraseAll(); }
 
-   // Where a key's entry was last found. A writer that changes one entry again and again keeps
-   // it, and skips the hashing and the probe while the entry stays in its slot.
-   struct Place {
-      std::uint32_t hash = 0;
-      std::uint32_t serial = 0;
-      std::uint32_t slot = ShmTableWriterCore::noSlot();
-   };
-   Place placeOf(Key const& key) const { return {hash_(key), 0, ShmTableWriterCore::noSlot()}; }
+   using Place = ShmPlace<Key>;
+   Place placeOf(Key const& key) const {
+      Place p;
+      p.hash = hash_(key);
+      return p;
+   }
 
    // Changes the entry of `key` in place with fn(Value&), under the slot's sequence like any
    // write, as one generation. A key without a live entry gets init() (a Value) changed by fn, as
-   // an insert. `place` (from placeOf(key)) is checked before it is believed and refreshed when
-   // the entry has moved. False, changing nothing, when the key is new and the table cannot take
-   // it.
+   // an insert. `place` (from placeOf(key)) is checked against the slot before it is believed,
+   // and refreshed when the entry has moved. False, changing nothing, when the key is new and the
+   // table cannot take it.
    template <class Init, class F>
    bool modify(Key const& key, Place& place, Init&& init, F&& fn) {
       std::uint32_t i = place.slot;
       if (place.serial != core_.serial() || i >= core_.slotCount() ||
           core_.header(i).state != ShmLayout::slotLive || core_.header(i).hash != place.hash ||
-          std::memcmp(core_.keyAt(i), &key, sizeof(Key)) != 0) {
-         // The same bytes are the same key; other bytes (padding, a key damaged by another
-         // process) take the probe, which compares keys as the table does.
+          std::memcmp(core_.keyAt(i), place.slotKey, sizeof(Key)) != 0) {
+         // Not where it was, or another process has changed that slot: the probe compares keys
+         // as the table does.
          auto const [j, found] = probe(key, place.hash);
          if (!found || core_.header(j).state != ShmLayout::slotLive) {
             Value fresh = init();
@@ -436,12 +435,10 @@ class ShmTableWriter : public Kivo::Object {
             if (!(found ? core_.update(j, &fresh) : core_.insert(place.hash, &key, &fresh))) {
                return false;
             }
-            place.slot = probe(key, place.hash).first;  // an insert may have moved every slot
-            place.serial = core_.serial();
+            remember_p(place, probe(key, place.hash).first);  // an insert may move every slot
             return true;
          }
-         i = place.slot = j;
-         place.serial = core_.serial();
+         remember_p(place, i = j);
       }
       core_.modify(i,
                    [&](std::byte* value) { fn(*std::launder(reinterpret_cast<Value*>(value))); });
@@ -472,6 +469,11 @@ class ShmTableWriter : public Kivo::Object {
    std::uint32_t maxCapacity() const { return core_.maxCapacity(); }
 
  private:
+   void remember_p(Place& place, std::uint32_t i) const {
+      place.serial = core_.serial();
+      place.slot = i;
+      std::memcpy(place.slotKey, core_.keyAt(i), sizeof(Key));
+   }
    Key const& keyAt(std::uint32_t i) const {
       return *std::launder(reinterpret_cast<Key const*>(core_.keyAt(i)));
    }
