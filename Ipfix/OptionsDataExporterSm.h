@@ -3,7 +3,8 @@
 // Three jobs:
 //  - full transmission: every table, from a cache of finished messages that is rebuilt only when
 //    a source's version (or the exporter's MTU) changes, to every usable collector, every active
-//    interval of the tracker;
+//    interval of the tracker; the tracker's exporters with the same message size share the cache
+//    (MsgCacheColl), and each stamps its own collectors' headers as it sends;
 //  - catch-up: a collector becomes usable once its options templates have been sent to it, and
 //    then receives the whole cache at once, ahead of the next periodic round;
 //  - updates: single changed records posted by the sources are queued per set id and flushed
