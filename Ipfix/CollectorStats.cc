@@ -186,6 +186,15 @@ void CollectorStatisticsEntry::setEntryIs(CollectorSetStatisticsEntry const& e) 
    }
 }
 
+void CollectorStatisticsEntry::flowRecordCountInc(SetId setId, std::uint64_t n) {
+   std::uint8_t const i = maybeNewIndexForSetId(setId);
+   setEntryStorage[i].setId = setId.value();
+   setEntryStorage[i].exportedFlowRecordCount += n;
+   if (setEntryCount < i + 1) {
+      setEntryCount = static_cast<std::uint8_t>(i + 1);
+   }
+}
+
 CollectorSetStatisticsEntry CollectorStatisticsEntry::setEntryDel(SetId setId) {
    std::uint8_t const i = indexForSetId(setId);
    if (i == SetIndex::none()) {
@@ -303,6 +312,23 @@ std::optional<CollectorStatisticsEntry> CollectorStatistics::stats(
 
 bool CollectorStatistics::statsIs(CollectorStatisticsEntry const& e) {
    return table_->writer->upsert(e.key, e);
+}
+
+CollectorStatisticsPlace::CollectorStatisticsPlace(CollectorStatisticsKey const& key) : key_(key) {
+   place_.hash = CollectorStatisticsKeyHash()(key);
+}
+
+bool CollectorStatistics::modify_p(CollectorStatisticsPlace& place, EntryFn fn) {
+   return table_->writer->modify(
+       place.key_, place.place_, [&] { return CollectorStatisticsEntry(place.key_); },
+       [&](CollectorStatisticsEntry& e) {
+          if (Kivo::String const error = e.validationError(); !error.empty()) {
+             KTRACE(1, "collector statistics table " << name_
+                                                     << ": damaged entry replaced: " << error);
+             e = CollectorStatisticsEntry(place.key_);
+          }
+          fn(e);
+       });
 }
 
 bool CollectorStatistics::statsDel(CollectorStatisticsKey const& key) {

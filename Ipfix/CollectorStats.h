@@ -27,6 +27,7 @@
 #include <sys/types.h>
 
 #include "Kivo/Kivo.h"
+#include "Mirra/ShmPlace.h"
 #include "Pelto/Address.h"
 
 namespace Mirra::Ipfix {
@@ -148,6 +149,9 @@ struct CollectorStatisticsEntry {
    // The slot to write `setId` into. Throws Kivo::RangeException when all 22 slots are taken.
    std::uint8_t maybeNewIndexForSetId(SetId setId) const;
    void setEntryIs(CollectorSetStatisticsEntry const& e);
+   // Adds `n` data records to the counts of `setId`, taking a slot for it when it has none (as
+   // setEntryIs does, and throwing as it does), in one search of the slots.
+   void flowRecordCountInc(SetId setId, std::uint64_t n);
    // Frees the slot of `setId` (reused first by the next new set id) and returns what it held.
    CollectorSetStatisticsEntry setEntryDel(SetId setId);
    void setEntryStorageDelAll();
@@ -171,6 +175,20 @@ std::ostream& operator<<(std::ostream& os, CollectorStatisticsEntry const& e);
 
 namespace Mirra::Ipfix {
 
+// A writer's handle on one entry of the table: its key, and where the table last had it, so that
+// counting a message touches the entry in place without building the key, hashing it or copying
+// the entry out and back.
+class CollectorStatisticsPlace {
+ public:
+   explicit CollectorStatisticsPlace(CollectorStatisticsKey const& key);
+   CollectorStatisticsKey const& key() const { return key_; }
+
+ private:
+   friend class CollectorStatistics;
+   CollectorStatisticsKey key_;
+   ShmPlace<CollectorStatisticsKey> place_;
+};
+
 // The collector statistics table in shared memory, as its one writer (the agent) sees it. Other
 // processes read it with CollectorStatisticsReader.
 class CollectorStatistics : public Kivo::Object {
@@ -188,6 +206,15 @@ class CollectorStatistics : public Kivo::Object {
    // Inserts or replaces the entry of `e.key`. Returns false, changing nothing, when the table is
    // full and cannot grow.
    bool statsIs(CollectorStatisticsEntry const& e);
+   // Changes the entry of `place`'s key in place with fn(entry): readers see the entry before
+   // or after, never between. A key without an entry, or with one another process has damaged
+   // (traced), starts from an empty entry, as a read, change and statsIs() would. False,
+   // changing nothing, when the key is new and the table is full and cannot grow. fn must not
+   // change the table.
+   template <class F>
+   bool statsModify(CollectorStatisticsPlace& place, F&& fn) {
+      return modify_p(place, [&fn](CollectorStatisticsEntry& e) { fn(e); });
+   }
    bool statsDel(CollectorStatisticsKey const& key);
    void statsDelAll();
    std::size_t statsCount() const;
@@ -196,6 +223,21 @@ class CollectorStatistics : public Kivo::Object {
    Kivo::String const& name() const { return name_; }
 
  private:
+   // A reference to the caller's function, without allocating.
+   class EntryFn {
+    public:
+      template <class F>
+      EntryFn(F&& f)  // NOLINT: converts from any callable, as std::function does
+          : fn_(&f),
+            call_([](void* fn, CollectorStatisticsEntry& e) { (*static_cast<F*>(fn))(e); }) {}
+      void operator()(CollectorStatisticsEntry& e) const { call_(fn_, e); }
+
+    private:
+      void* fn_;
+      void (*call_)(void*, CollectorStatisticsEntry&);
+   };
+   bool modify_p(CollectorStatisticsPlace& place, EntryFn fn);
+
    struct Table;
    Kivo::String name_;
    std::unique_ptr<Table> table_;

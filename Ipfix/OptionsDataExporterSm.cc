@@ -54,7 +54,56 @@ Kivo::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Shared message caches
+
+MsgCache::MsgCache(std::uint16_t maxSize, std::uint32_t domain, OptionsDataContainer const& data)
+    : maxSize_(maxSize), domain_(domain) {
+   for (auto const& [scope, coll] : data.data()) {
+      for (auto const& [name, source] : coll->sources()) {
+         versions_.push_back(source->version());
+      }
+   }
+}
+
+bool MsgCache::isCurrent(OptionsDataContainer const& data) const {
+   std::size_t i = 0;
+   for (auto const& [scope, coll] : data.data()) {
+      for (auto const& [name, source] : coll->sources()) {
+         if (i == versions_.size() || versions_[i++] != source->version()) {
+            return false;
+         }
+      }
+   }
+   return i == versions_.size();
+}
+
+Kivo::Ptr<MsgCache> MsgCacheColl::cache(std::uint16_t maxSize, std::uint32_t domain) const {
+   auto const it = cache_.find({maxSize, domain});
+   return it == cache_.end() ? nullptr : it->second;
+}
+
+void MsgCacheColl::cacheIs(Kivo::Ptr<MsgCache> const& c) {
+   std::erase_if(cache_, [](auto const& entry) { return entry.second->refCount() == 1; });
+   cache_[{c->maxSize(), c->domain()}] = c;
+}
+
+// ---------------------------------------------------------------------------------------------
 // Collector
+
+Collector::Collector(Kivo::String name, Kivo::Ptr<CollectorInfo> collInfo, Pelto::IpAndPort dst4,
+                     Pelto::Ip6AndPort dst6, OptionsDataExporterSm* exporter)
+    : name_(std::move(name)),
+      collInfo_(std::move(collInfo)),
+      dst4_(dst4),
+      dst6_(dst6),
+      exporter_(exporter),
+      statsPlace_({exporter->ftName(), exporter->expName(),
+                   family() == Family::v4 ? Mirra::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
+                                          : Mirra::Ipfix::CollectorInfo::fromIp6AndPort(dst6_)}) {
+   withFamily(family(), [this]<class F>(F) {
+      txTrace_ = Kivo::String("TX ") + F::text + " " + name_ + " seqNo ";
+   });
+}
 
 void Collector::sendMessage(ExporterInfo const& expInfo,
                             HwFlowTracking::ExporterConfig const& hwExpConfig,
@@ -62,8 +111,7 @@ void Collector::sendMessage(ExporterInfo const& expInfo,
    Message& msg = *msgWrap.message();
    // The header carries the count of data records sent before this message.
    Ipfix::IpfixMsgSeqNo const seqNo = collInfo_->ipfixMsgSeqNo();
-   Kivo::Ptr<Pelto::Pkt> const pkt = msg.pkt(seqNo.value);
-   collInfo_->ipfixMsgSeqNoInc({msg.recordCount()});
+   Kivo::Ptr<Pelto::Pkt> const& pkt = msg.pkt(seqNo.value);
    withFamily(family(), [&]<class F>(F) {
       auto const& src = F::srcIp(hwExpConfig);
       // Each family keeps the assertion text operators know it by.
@@ -72,37 +120,28 @@ void Collector::sendMessage(ExporterInfo const& expInfo,
       } else {
          KIVO_ASSERT(!src.isZero());
       }
-      KTRACE(8, "TX " << F::text << " " << name_ << " seqNo " << seqNo.value);
+      KTRACE(8, txTrace_ << seqNo.value);
       F::send(pkt, F::udpPam(expInfo), src, dst_p<F::family>(), hwExpConfig.dscp());
    });
+   collInfo_->ipfixMsgSeqNoInc({msg.recordCount()});
    updateStats(msgWrap);
 }
 
+// One write of the entry, in place, for the whole message: its totals and every set it holds.
 void Collector::updateStats(MessageWrapper const& msgWrap) {
-   auto const info = withFamily(family(), [this]<class F>(F) {
-      auto const& dst = dst_p<F::family>();
-      return Mirra::Ipfix::CollectorInfo{dst.ipAddr(), dst.port()};
-   });
-   Mirra::Ipfix::CollectorStatisticsKey const key(exporter_->ftName(), exporter_->expName(), info);
-   auto& stats = exporter_->collStats();
-   Mirra::Ipfix::CollectorStatisticsEntry e =
-       stats.stats(key).value_or(Mirra::Ipfix::CollectorStatisticsEntry(key));
    Message const& msg = *msgWrap.message();
    double const now = Kivo::currentTime();
-   e.exportedMessageTotalCount += 1;
-   e.exportedFlowRecordTotalCount += msg.recordCount();
-   e.exportedOctetTotalCount += msg.pkt()->bytes();
-   e.lastSentTime = now;
-   e.lastOptionsDataSentTime = now;
-   for (auto const& [setId, rec] : msgWrap.setRecord()) {
-      Mirra::Ipfix::SetId const id(setId);
-      Mirra::Ipfix::CollectorSetStatisticsEntry set = e.setEntry(id);
-      set.setId = id.value();
-      set.exportedFlowRecordCount += rec->count();
-      e.setEntryIs(set);
-   }
-   KTRACE_TEXT(9, "Collector::updateStats stats: " << e.mirraString());
-   stats.statsIs(e);
+   exporter_->collStats().statsModify(statsPlace_, [&](Mirra::Ipfix::CollectorStatisticsEntry& e) {
+      for (auto const& [setId, rec] : msgWrap.setRecord()) {
+         e.flowRecordCountInc(Mirra::Ipfix::SetId(setId), rec->count());
+      }
+      e.exportedMessageTotalCount += 1;
+      e.exportedFlowRecordTotalCount += msg.recordCount();
+      e.exportedOctetTotalCount += msg.pkt()->bytes();
+      e.lastSentTime = now;
+      e.lastOptionsDataSentTime = now;
+      KTRACE_TEXT(9, "Collector::updateStats stats: " << e.mirraString());
+   });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -114,16 +153,18 @@ OptionsDataExporterSm::OptionsDataExporterSm(
     Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig, Kivo::Ptr<ExporterInfo> expInfo,
     Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats,
     Kivo::Ptr<OptionsDataContainer const> dataContainer,
-    Kivo::Ptr<Orbo::TaskScheduler> taskScheduler)
+    Kivo::Ptr<Orbo::TaskScheduler> taskScheduler, Kivo::Ptr<MsgCacheColl> msgCaches)
     : expName_(std::move(expName)),
       ftName_(std::move(ftName)),
+      traceId_(ftName_ + " for " + expName_),
       ftId_(ftId),
       hwFtConfig_(std::move(hwFtConfig)),
       hwExpConfig_(std::move(hwExpConfig)),
       expInfo_(std::move(expInfo)),
       collStats_(std::move(collStats)),
       dataContainer_(std::move(dataContainer)),
-      taskScheduler_(std::move(taskScheduler)) {
+      taskScheduler_(std::move(taskScheduler)),
+      msgCaches_(msgCaches ? std::move(msgCaches) : Kivo::make<MsgCacheColl>()) {
    handleInitialized();
 }
 
@@ -221,15 +262,14 @@ void OptionsDataExporterSm::handleCollInfo(Kivo::String const& name) {
    handleCollector(name);
 }
 
+// The cache knows the versions it was built from: the next full transmission sees it is stale.
 void OptionsDataExporterSm::handleSourceVersion() {
    TRACE_HANDLER("handleSourceVersion");
-   msgCacheValid_ = false;
 }
 
 // Messages of the new size from the next full transmission on.
 void OptionsDataExporterSm::handleIpfixMtu() {
    TRACE_HANDLER("handleIpfixMtu");
-   msgCacheValid_ = false;
 }
 
 void OptionsDataExporterSm::handleActiveInterval() {
@@ -291,15 +331,34 @@ void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
    sendDataTables();
 }
 
+std::deque<Kivo::Ptr<MessageWrapper>> const& OptionsDataExporterSm::msgCache() const {
+   static std::deque<Kivo::Ptr<MessageWrapper>> const none;
+   return msgCache_ ? msgCache_->msgs() : none;
+}
+
+bool OptionsDataExporterSm::msgCacheValid() const {
+   return msgCache_ && msgCache_->maxSize() == maxMsgSize() && msgCache_->domain() == ftId_ &&
+          msgCache_->isCurrent(*dataContainer_);
+}
+
+// Takes the tracker's shared cache for this exporter's message size when it is current, and
+// builds it (for every exporter of that size) when it is not.
 void OptionsDataExporterSm::maybeBuildMsgCache() {
    KIVO_ASSERT(initialized());
    KIVO_ASSERT(!processing());
-   TRACE_ODE(7, "msgCacheValid: " << msgCacheValid_ << ", entries: " << msgCache_.size());
-   if (msgCacheValid_) {
+   TRACE_ODE(7, "msgCacheValid: " << msgCacheValid() << ", entries: " << msgCacheCount());
+   if (msgCacheValid()) {
       return;
    }
-   msgCache_.clear();
+   if (Kivo::Ptr<MsgCache> shared = msgCaches_->cache(maxMsgSize(), ftId_);
+       shared && shared->isCurrent(*dataContainer_)) {
+      msgCache_ = std::move(shared);
+      return;
+   }
+   msgCache_ = nullptr;  // the stale messages go before the new ones are made
    ++msgCacheBuildCount_;
+   auto const cache = Kivo::make<MsgCache>(maxMsgSize(), ftId_, *dataContainer_);
+   std::deque<Kivo::Ptr<MessageWrapper>>& msgs = cache->msgs();
    BuilderWrapper builder(maxMsgSize(), ftId_);
    builder.startMsg();
    for (auto const& [scope, coll] : dataContainer_->data()) {
@@ -307,7 +366,7 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
          for (DataRecordPtr const& record : source->dataRecord()) {
             std::uint32_t consumed = builder.addSetRecord(source->dataSetId(), record);
             if (consumed == 0 && !builder.empty()) {
-               msgCache_.push_back(builder.finalizeMsg());
+               msgs.push_back(builder.finalizeMsg());
                builder.startMsg();
                consumed = builder.addSetRecord(source->dataSetId(), record);
             }
@@ -317,17 +376,19 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
       }
    }
    if (!builder.empty()) {
-      msgCache_.push_back(builder.finalizeMsg());
+      msgs.push_back(builder.finalizeMsg());
    }
-   msgCacheValid_ = true;
+   msgCaches_->cacheIs(cache);
+   msgCache_ = cache;
 }
 
 void OptionsDataExporterSm::sendDataTables() {
    if (!initialized_ || !processing_) {
       return;
    }
-   TRACE_ODE(6, "msgCache count: " << msgCache_.size());
-   for (auto const& msg : msgCache_) {
+   TRACE_ODE(6, "msgCache count: " << msgCacheCount());
+   Kivo::Ptr<MsgCache const> const cache = msgCache_;  // held while it is sent
+   for (auto const& msg : cache->msgs()) {
       sendMessageToCollectors(*msg);
    }
    // Collectors waiting for a catch-up of their own have just had everything.
@@ -349,8 +410,8 @@ void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper const& msgWra
       if (!familyPick<F::family>(ready4, ready6) || !hwExpConfig_) {
          return;
       }
-      for (auto const& name : collectors_p<F::family>()) {
-         collector_.at(name)->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
+      for (auto const& [name, c] : collectors_p<F::family>()) {
+         c->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
       }
    });
 }
@@ -427,8 +488,7 @@ void OptionsDataExporterSm::abortUpdates() {
    updateQueueBytes_ = 0;
 }
 
-void OptionsDataExporterSm::dropCollector_p(Kivo::String const& name,
-                                            std::set<Kivo::String>& family) {
+void OptionsDataExporterSm::dropCollector_p(Kivo::String const& name, CollectorMap& family) {
    if (family.erase(name)) {
       collector_.erase(name);
    }
@@ -442,7 +502,7 @@ bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
    Kivo::Ptr<CollectorInfo> const ci = expInfo_->collInfo(name);
    auto const* dst = hwExpConfig_ ? F::collector(*hwExpConfig_, name) : nullptr;
    Kivo::Ptr<Collector> const existing = collector(name);
-   std::set<Kivo::String>& family = collectors_p<f>();
+   CollectorMap& family = collectors_p<f>();
    TRACE_ODE(6, name << ", exists:" << static_cast<bool>(existing) << ", collInfo:"
                      << static_cast<bool>(ci) << ", dst:" << (dst ? dst->toString() : "none")
                      << ", templateSent:" << (ci && ci->optTemplateSent()));
@@ -462,8 +522,7 @@ bool OptionsDataExporterSm::handleCollectorFamily_p(Kivo::String const& name) {
    }
    dropCollector_p(name, collector4_);
    dropCollector_p(name, collector6_);
-   collector_[name] = Kivo::make<Collector>(name, ci, dst4, dst6, this);
-   family.insert(name);
+   family[name] = collector_[name] = Kivo::make<Collector>(name, ci, dst4, dst6, this);
    return true;
 }
 
@@ -503,7 +562,8 @@ void OptionsDataExporterSm::processCollectorQueue() {
          continue;
       }
       maybeBuildMsgCache();
-      for (auto const& msg : msgCache_) {
+      Kivo::Ptr<MsgCache const> const cache = msgCache_;  // held while it is sent
+      for (auto const& msg : cache->msgs()) {
          c->sendMessage(*expInfo_, *hwExpConfig_, *msg);
       }
    }
@@ -540,9 +600,9 @@ Kivo::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
     Kivo::Ptr<ExporterInfo> const& expInfo,
     Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats,
     Kivo::Ptr<OptionsDataContainer const> const& dataContainer,
-    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler) {
+    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler, Kivo::Ptr<MsgCacheColl> const& msgCaches) {
    return Kivo::make<OptionsDataExporterSm>(expName, ftName, ftId, hwFtConfig, hwExpConfig, expInfo,
-                                            collStats, dataContainer, taskScheduler);
+                                            collStats, dataContainer, taskScheduler, msgCaches);
 }
 
 }  // namespace FlowTracking

@@ -3,7 +3,8 @@
 // Three jobs:
 //  - full transmission: every table, from a cache of finished messages that is rebuilt only when
 //    a source's version (or the exporter's MTU) changes, to every usable collector, every active
-//    interval of the tracker;
+//    interval of the tracker; the tracker's exporters with the same message size share the cache
+//    (MsgCacheColl), and each stamps its own collectors' headers as it sends;
 //  - catch-up: a collector becomes usable once its options templates have been sent to it, and
 //    then receives the whole cache at once, ahead of the next periodic round;
 //  - updates: single changed records posted by the sources are queued per set id and flushed
@@ -16,6 +17,7 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <vector>
 
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/CollectorStats.h"
@@ -109,6 +111,40 @@ class BuilderWrapper : public Kivo::Object {
    std::uint64_t runCount_ = 0;
 };
 
+// The finished messages of one full transmission of a tracker's tables, for one message size and
+// observation domain, and the versions of the sources they were built from. The exporters of one
+// tracker with the same message size send the same messages (each stamps its collectors' export
+// time and sequence number just before it sends), so they share one. Never changed once built:
+// a rebuild makes a new one, and an exporter still sending from the old one keeps it.
+class MsgCache : public Kivo::Object {
+ public:
+   MsgCache(std::uint16_t maxSize, std::uint32_t domain, OptionsDataContainer const& data);
+   std::uint16_t maxSize() const { return maxSize_; }
+   std::uint32_t domain() const { return domain_; }
+   std::deque<Kivo::Ptr<MessageWrapper>>& msgs() { return msgs_; }
+   std::deque<Kivo::Ptr<MessageWrapper>> const& msgs() const { return msgs_; }
+   // Every source of `data` is still at the version it had when this was built.
+   bool isCurrent(OptionsDataContainer const& data) const;
+
+ private:
+   std::uint16_t maxSize_;
+   std::uint32_t domain_;
+   std::vector<std::uint32_t> versions_;  // of every source, in the order the build walks them
+   std::deque<Kivo::Ptr<MessageWrapper>> msgs_;
+};
+
+// The message caches of one tracker's exporters, one per message size and observation domain.
+// A cache that no exporter holds any more is dropped at the next change.
+class MsgCacheColl : public Kivo::Object {
+ public:
+   Kivo::Ptr<MsgCache> cache(std::uint16_t maxSize, std::uint32_t domain) const;
+   void cacheIs(Kivo::Ptr<MsgCache> const& c);
+   std::size_t caches() const { return cache_.size(); }
+
+ private:
+   std::map<std::pair<std::uint16_t, std::uint32_t>, Kivo::Ptr<MsgCache>> cache_;
+};
+
 // Queued update records of one set id, oldest first.
 class UpdateSetQueue : public Kivo::Object {
  public:
@@ -131,12 +167,7 @@ class UpdateSetQueue : public Kivo::Object {
 class Collector : public Kivo::Object {
  public:
    Collector(Kivo::String name, Kivo::Ptr<CollectorInfo> collInfo, Pelto::IpAndPort dst4,
-             Pelto::Ip6AndPort dst6, OptionsDataExporterSm* exporter)
-       : name_(std::move(name)),
-         collInfo_(std::move(collInfo)),
-         dst4_(dst4),
-         dst6_(dst6),
-         exporter_(exporter) {}
+             Pelto::Ip6AndPort dst6, OptionsDataExporterSm* exporter);
    Kivo::String const& name() const { return name_; }
    Kivo::Ptr<CollectorInfo> const& collInfo() const { return collInfo_; }
    Pelto::IpAndPort const& dst4() const { return dst4_; }
@@ -145,7 +176,9 @@ class Collector : public Kivo::Object {
    Family family() const { return dst4_.port() != 0 ? Family::v4 : Family::v6; }
 
    // Stamps the message with this collector's sequence number, sends it from the configured
-   // source of the collector's family, advances the sequence number and counts the message.
+   // source of the collector's family, advances the sequence number and counts the message. The
+   // send comes before the sequence number's observers hear of it, so nothing they do can restamp
+   // a shared message before it leaves.
    void sendMessage(ExporterInfo const& expInfo, HwFlowTracking::ExporterConfig const& hwExpConfig,
                     MessageWrapper const& msgWrap);
    void updateStats(MessageWrapper const& msgWrap);
@@ -161,21 +194,27 @@ class Collector : public Kivo::Object {
    Pelto::IpAndPort dst4_;
    Pelto::Ip6AndPort dst6_;
    OptionsDataExporterSm* exporter_;  // owns this collector
+   // This collector's statistics entry, found once and then counted in place.
+   Mirra::Ipfix::CollectorStatisticsPlace statsPlace_;
+   Kivo::String txTrace_;  // "TX <family> <name> seqNo ", the head of each send's trace
 };
 
 class OptionsDataExporterSm : public Kivo::Object {
  public:
+   using CollectorMap = std::map<Kivo::String, Kivo::Ptr<Collector>>;
+
    OptionsDataExporterSm(Kivo::String expName, Kivo::String ftName, FtId ftId,
                          Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig,
                          Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig,
                          Kivo::Ptr<ExporterInfo> expInfo,
                          Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats,
                          Kivo::Ptr<OptionsDataContainer const> dataContainer,
-                         Kivo::Ptr<Orbo::TaskScheduler> taskScheduler);
+                         Kivo::Ptr<Orbo::TaskScheduler> taskScheduler,
+                         Kivo::Ptr<MsgCacheColl> msgCaches = nullptr);
    ~OptionsDataExporterSm() override;
 
    // Heads every trace line: tracker and exporter, as the other per-exporter state machines.
-   Kivo::String traceId() const { return ftName_ + " for " + expName_; }
+   Kivo::String const& traceId() const { return traceId_; }
    Kivo::String const& expName() const { return expName_; }
    Kivo::String const& ftName() const { return ftName_; }
    void updateDataCoalesceTimeIs(double seconds) { updateDataCoalesceTime_ = seconds; }
@@ -200,8 +239,8 @@ class OptionsDataExporterSm : public Kivo::Object {
    void maybeBuildMsgCache();
    void maybeBeginPeriodicTransmission();
    void flushUpdateQueue();
-   std::size_t msgCacheCount() const { return msgCache_.size(); }
-   std::deque<Kivo::Ptr<MessageWrapper>> const& msgCache() const { return msgCache_; }
+   std::size_t msgCacheCount() const { return msgCache().size(); }
+   std::deque<Kivo::Ptr<MessageWrapper>> const& msgCache() const;
    Kivo::Ptr<Orbo::Task> const& updateTask() const { return updateTask_; }
 
  private:
@@ -218,6 +257,8 @@ class OptionsDataExporterSm : public Kivo::Object {
    bool v4Ready() const;
    bool v6Ready() const;
    bool txReady() const { return v4Ready() || v6Ready(); }
+   // The cache this exporter holds is of its message size and domain and still current.
+   bool msgCacheValid() const;
 
    void maybeSchedulePeriodic();
    void sendDataTables();
@@ -225,11 +266,11 @@ class OptionsDataExporterSm : public Kivo::Object {
    void abortUpdates();
    void processCollectorQueue();
    void watchCollInfo_p(Kivo::String const& name);
-   void dropCollector_p(Kivo::String const& name, std::set<Kivo::String>& family);
+   void dropCollector_p(Kivo::String const& name, CollectorMap& family);
    // v4Ready() or v6Ready().
    bool ready_p(Family f) const;
    template <Family f>
-   std::set<Kivo::String>& collectors_p() {
+   CollectorMap& collectors_p() {
       return familyPick<f>(collector4_, collector6_);
    }
    template <Family f>
@@ -239,6 +280,7 @@ class OptionsDataExporterSm : public Kivo::Object {
 
    Kivo::String expName_;
    Kivo::String ftName_;
+   Kivo::String traceId_;
    FtId ftId_;
    Kivo::Ptr<HwFlowTracking::FtConfig const> hwFtConfig_;
    Kivo::Ptr<HwFlowTracking::ExporterConfig const> hwExpConfig_;
@@ -246,18 +288,19 @@ class OptionsDataExporterSm : public Kivo::Object {
    Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> collStats_;
    Kivo::Ptr<OptionsDataContainer const> dataContainer_;
    Kivo::Ptr<Orbo::TaskScheduler> taskScheduler_;
+   Kivo::Ptr<MsgCacheColl> msgCaches_;  // shared with the tracker's other exporters
 
    bool initialized_ = false;
    bool processing_ = false;
-   std::deque<Kivo::Ptr<MessageWrapper>> msgCache_;
-   bool msgCacheValid_ = false;
-   std::uint32_t msgCacheBuildCount_ = 0;
+   Kivo::Ptr<MsgCache> msgCache_;
+   std::uint32_t msgCacheBuildCount_ = 0;  // builds this exporter needed and made
    std::map<TemplateId, Kivo::Ptr<UpdateSetQueue>> update_;
    std::uint32_t updateQueueBytes_ = 0;
    double updateDataCoalesceTime_ = defaultUpdateDataCoalesceTime();
    std::map<Kivo::String, Kivo::Ptr<Collector>> collector_;
-   std::set<Kivo::String> collector4_;
-   std::set<Kivo::String> collector6_;
+   // The usable collectors of each family, also in collector_; sends walk these.
+   CollectorMap collector4_;
+   CollectorMap collector6_;
    std::set<Kivo::String> collectorUpdate_;
    std::map<Kivo::String, Kivo::Reactor> collInfo_;  // one per collector information
    Kivo::Ptr<Orbo::Task> txPeriodicTask_;
@@ -273,6 +316,7 @@ Kivo::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
     Kivo::Ptr<ExporterInfo> const& expInfo,
     Kivo::Ptr<Mirra::Ipfix::CollectorStatistics> const& collStats,
     Kivo::Ptr<OptionsDataContainer const> const& dataContainer,
-    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler);
+    Kivo::Ptr<Orbo::TaskScheduler> const& taskScheduler,
+    Kivo::Ptr<MsgCacheColl> const& msgCaches = nullptr);
 
 }  // namespace FlowTracking

@@ -73,8 +73,9 @@ void FtOptionsDataManagerSm::handleExpConfig(Kivo::String const& expName) {
       if (!exporterSm_.has(expName)) {
          // The tracker's id as configured now, as the template exporters of this exporter take
          // it: it may have been set after this manager was made.
-         auto sm = optionsDataExporterSmFactory(expName, ftName_, hwFtConfig_->ftId(), hwFtConfig_,
-                                                cfg, info, collStats_, dataContainer_, scheduler_);
+         auto sm =
+             optionsDataExporterSmFactory(expName, ftName_, hwFtConfig_->ftId(), hwFtConfig_, cfg,
+                                          info, collStats_, dataContainer_, scheduler_, msgCaches_);
          sm->updateDataCoalesceTimeIs(defaultUpdateDataCoalesceTime());
          exporterSm_.put(expName, sm);
       }

@@ -4,7 +4,8 @@
 // interface table and the VRF table) and keeps, per tracker that is configured, reported by the
 // hardware and in the info tree, one OptionsDataContainer (the global data plus the tracker's own)
 // and one FtOptionsDataManagerSm. That one runs the tracker's sources (its flow tracker table row
-// and its flow keys) and keeps one OptionsDataExporterSm per exporter of the tracker.
+// and its flow keys) and keeps one OptionsDataExporterSm per exporter of the tracker; those with
+// the same message size share one cache of finished messages.
 //
 // Sources are created at initialization only, before any exporter: exporters require the set of
 // sources to stay fixed. Trackers and exporters come and go at any time.
@@ -71,6 +72,7 @@ class FtOptionsDataManagerSm : public Kivo::Object {
    void exporterSmDel(Kivo::String const& expName) { exporterSm_.del(expName); }
    Kivo::Ptr<FlowTrackerTableSm> const& flowTrackerTableSm() const { return flowTrackerTableSm_; }
    Kivo::Ptr<FlowKeySm> const& flowKeySm() const { return flowKeySm_; }
+   Kivo::Ptr<MsgCacheColl> const& msgCaches() const { return msgCaches_; }
    void initFlowKeySm();
    void initFlowTrackerTableSm();
 
@@ -86,6 +88,8 @@ class FtOptionsDataManagerSm : public Kivo::Object {
    Kivo::Ptr<Orbo::TaskScheduler> scheduler_;
    Kivo::Ptr<FlowTrackerTableSm> flowTrackerTableSm_;
    Kivo::Ptr<FlowKeySm> flowKeySm_;
+   // The finished messages of full transmissions, shared by the exporters of one message size.
+   Kivo::Ptr<MsgCacheColl> msgCaches_ = Kivo::make<MsgCacheColl>();
    Kivo::Coll<Kivo::String, OptionsDataExporterSm> exporterSm_;
    bool initialized_ = false;
    Kivo::Reactor reactor_;

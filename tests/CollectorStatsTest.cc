@@ -224,6 +224,58 @@ TEST_F(CollectorStatsTableTest, WriterTreatsADamagedEntryAsAbsent) {
       EXPECT_EQ(table->stats(key()), std::nullopt);
       ASSERT_TRUE(table->statsIs(goodEntry()));
       EXPECT_EQ(table->stats(key()), goodEntry());
+      // Counting in place starts over from an empty entry too.
+      CollectorStatisticsPlace place(key());
+      inSharedMemory(name, d.damage);
+      ASSERT_TRUE(table->statsModify(place, [](auto& e) { e.exportedMessageTotalCount += 1; }));
+      CollectorStatisticsEntry expected(key());
+      expected.exportedMessageTotalCount = 1;
+      EXPECT_EQ(table->stats(key()), expected);
+   }
+}
+
+// A writer counting in place into the entry it found once keeps counting into that key's entry
+// when the table moves it (growth), and starts from an empty entry when it was deleted; readers
+// see each count whole.
+TEST_F(CollectorStatsTableTest, CountingInPlaceFollowsTheEntryThroughGrowthAndDeletion) {
+   struct Case {
+      char const* what;
+      std::function<void(CollectorStatistics&)> event;
+      std::uint64_t msgsAfter;
+   } const cases[] = {
+       {"nothing", [](CollectorStatistics&) {}, 2},
+       {"growth",
+        [](CollectorStatistics& t) {
+           for (int i = 0; i < 300; ++i) {
+              ASSERT_TRUE(t.statsIs(CollectorStatisticsEntry(key("x" + std::to_string(i)))));
+           }
+        },
+        2},
+       {"deletion", [](CollectorStatistics& t) { t.statsDel(key()); }, 1},
+       {"all deleted", [](CollectorStatistics& t) { t.statsDelAll(); }, 1},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.what);
+      auto table = Kivo::make<CollectorStatistics>(name, 4);
+      CollectorStatisticsReader reader(name);
+      CollectorStatisticsPlace place(key());
+      auto count = [&] {
+         std::uint64_t const before = reader.generation();
+         ASSERT_TRUE(table->statsModify(place, [](CollectorStatisticsEntry& e) {
+            e.exportedMessageTotalCount += 1;
+            e.flowRecordCountInc(SetId(256), 5);
+         }));
+         EXPECT_EQ(reader.generation(), before + 1);
+      };
+      count();
+      c.event(*table);
+      count();
+      CollectorStatisticsEntry expected(key());
+      expected.exportedMessageTotalCount = c.msgsAfter;
+      expected.setEntryIs(set(256, 5 * c.msgsAfter));
+      EXPECT_EQ(reader.stats(key()), expected);
+      EXPECT_EQ(table->stats(key()), expected);
+      EXPECT_EQ(reader.allStats().size(), table->statsCount());
    }
 }
 

@@ -219,3 +219,31 @@ TEST_F(OptionsDataPath, SmallestMtuCarriesTheLongestRecord) {
    }
    EXPECT_TRUE(found);
 }
+
+// The exporters of one tracker with one message size build the table's messages once between them
+// and an exporter of another size builds its own; a changed source makes every one stale, so each
+// size is built once more and every collector gets the new table in full.
+TEST_F(OptionsDataPath, ExportersOfOneMessageSizeShareOneBuildOfTheMessages) {
+   using ExpProbe = OptionsDataExporterSmProbe;
+   testsupport::LoopbackCollector c;
+   exporterTo(hwConfig->ftConfig("t1"), c, 1400);
+   auto const ftm = Probe::ftManagerSm(*manager, "t1");
+   auto exp = [&](char const* e) { return Probe::exporterSm(*ftm, e); };
+   auto builds = [&] {
+      return std::pair(
+          ExpProbe::msgCacheBuildCount(*exp("e1")) + ExpProbe::msgCacheBuildCount(*exp("e2")),
+          ExpProbe::msgCacheBuildCount(*exp("e9")));
+   };
+   EXPECT_EQ(builds(), std::pair(1u, 1u));
+   EXPECT_EQ(&exp("e1")->msgCache(), &exp("e2")->msgCache());
+   EXPECT_NE(&exp("e1")->msgCache(), &exp("e9")->msgCache());
+   for (auto* col : {&a, &b, &c}) {
+      col->drain(1000);
+   }
+   intfIndexMap->intfIndexDel(Pelto::IntfId("Ethernet2"));  // leaves the full table only
+   ASSERT_TRUE(scheduler->runFor(*clock, 60));
+   EXPECT_EQ(builds(), std::pair(2u, 2u));
+   for (auto* col : {&a, &b, &c}) {
+      EXPECT_EQ(tables(col->messages(1000))[intfSet].size(), 5u);
+   }
+}

@@ -62,6 +62,7 @@
 
 #include "Kivo/Kivo.h"
 #include "Mirra/ShmLayout.h"
+#include "Mirra/ShmPlace.h"
 
 namespace Mirra {
 
@@ -173,6 +174,29 @@ class ShmTableWriterCore {
    // Gives the key in slot `i`, live or deleted, this value; a deleted key comes back, unless
    // the table is at its maximum capacity (false, table unchanged).
    bool update(std::uint32_t i, void const* value);
+   // Changes the value of live slot `i` in place: fn(value) runs between the two steps of the
+   // slot's sequence, as a whole-value update's copy does, so readers never see a change half
+   // made, even when fn throws. One generation, like update().
+   template <class F>
+   void modify(std::uint32_t i, F&& fn) {
+      KIVO_ASSERT(iterations_ == 0);
+      ShmLayout::SlotHeader* s = headerAt(i);
+      KIVO_ASSERT(s->state == ShmLayout::slotLive);
+      ++generation_;
+      beginWrite(s);
+      s->changeGen = generation_;
+      struct End {
+         ShmTableWriterCore& core;
+         ShmLayout::SlotHeader* s;
+         ~End() {
+            core.endWrite(s);
+            core.publish();
+         }
+      } end{*this, s};
+      fn(slotAt(i) + geometry_.valueOffset);
+   }
+   // The data segment in use; a new one (after growth) moves every slot.
+   std::uint32_t serial() const { return serial_; }
    // REQUIRES: slot `i` is live.
    void erase(std::uint32_t i);
    // Deletes every live entry (one generation for all); false when there were none.
@@ -384,6 +408,43 @@ class ShmTableWriter : public Kivo::Object {
    }
    void delAll() { core_.eraseAll(); }
 
+   using Place = ShmPlace<Key>;
+   Place placeOf(Key const& key) const {
+      Place p;
+      p.hash = hash_(key);
+      return p;
+   }
+
+   // Changes the entry of `key` in place with fn(Value&), under the slot's sequence like any
+   // write, as one generation. A key without a live entry gets init() (a Value) changed by fn, as
+   // an insert. `place` (from placeOf(key)) is checked against the slot before it is believed,
+   // and refreshed when the entry has moved. False, changing nothing, when the key is new and the
+   // table cannot take it.
+   template <class Init, class F>
+   bool modify(Key const& key, Place& place, Init&& init, F&& fn) {
+      std::uint32_t i = place.slot;
+      if (place.serial != core_.serial() || i >= core_.slotCount() ||
+          core_.header(i).state != ShmLayout::slotLive || core_.header(i).hash != place.hash ||
+          std::memcmp(core_.keyAt(i), place.slotKey, sizeof(Key)) != 0) {
+         // Not where it was, or another process has changed that slot: the probe compares keys
+         // as the table does.
+         auto const [j, found] = probe(key, place.hash);
+         if (!found || core_.header(j).state != ShmLayout::slotLive) {
+            Value fresh = init();
+            fn(fresh);
+            if (!(found ? core_.update(j, &fresh) : core_.insert(place.hash, &key, &fresh))) {
+               return false;
+            }
+            remember_p(place, probe(key, place.hash).first);  // an insert may move every slot
+            return true;
+         }
+         remember_p(place, i = j);
+      }
+      core_.modify(i,
+                   [&](std::byte* value) { fn(*std::launder(reinterpret_cast<Value*>(value))); });
+      return true;
+   }
+
    std::uint32_t size() const { return core_.size(); }
    // Calls fn(key, value) for every entry, in no particular order. REQUIRES: fn does not change
    // the table.
@@ -408,6 +469,11 @@ class ShmTableWriter : public Kivo::Object {
    std::uint32_t maxCapacity() const { return core_.maxCapacity(); }
 
  private:
+   void remember_p(Place& place, std::uint32_t i) const {
+      place.serial = core_.serial();
+      place.slot = i;
+      std::memcpy(place.slotKey, core_.keyAt(i), sizeof(Key));
+   }
    Key const& keyAt(std::uint32_t i) const {
       return *std::launder(reinterpret_cast<Key const*>(core_.keyAt(i)));
    }

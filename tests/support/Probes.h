@@ -38,7 +38,7 @@ struct TemplateExporterSmBaseProbe {
 struct OptionsDataExporterSmProbe {
    using Sm = OptionsDataExporterSm;
    static bool processing(Sm const& sm) { return sm.processing_; }
-   static bool msgCacheValid(Sm const& sm) { return sm.msgCacheValid_; }
+   static bool msgCacheValid(Sm const& sm) { return sm.msgCacheValid(); }
    static std::uint32_t msgCacheBuildCount(Sm const& sm) { return sm.msgCacheBuildCount_; }
    static std::uint32_t updateQueueBytes(Sm const& sm) { return sm.updateQueueBytes_; }
    static std::uint16_t maxMsgSize(Sm const& sm) { return sm.maxMsgSize(); }
