@@ -178,7 +178,8 @@ std::optional<HealthKey> CollectorHealthMonitor::keyFor(Pelto::TxFailure const& 
       for (auto const& [expName, exp] : ft->expInfoColl()) {
          // The family whose module failed; IPv6 when both match (no module at all).
          std::optional<FlowTracking::Family> family;
-         FlowTracking::forEachFamily([&]<class F>(F) {
+         // Captured by name: clang before 16 cannot capture a structured binding.
+         FlowTracking::forEachFamily([&, &exp = exp]<class F>(F) {
             if (F::udpPam(*exp).get() == f.module) {
                family = F::family;
             }
