@@ -85,7 +85,7 @@ void CollectorHealth::failureIs(int err, double when) {
 }
 
 std::string CollectorHealth::validationError() const {
-   if (!std::isfinite(lastFailureTime) || lastFailureTime < 0) {
+   if (!Mirra::Ipfix::validTime(lastFailureTime)) {
       return "last failure time is not a time";
    }
    if (lastFailureErrno < 0) {
