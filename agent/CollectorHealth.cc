@@ -112,6 +112,11 @@ nlohmann::json rfc3339(double when) {
    return std::string(buf);
 }
 
+nlohmann::json jsonString(std::string_view s) {
+   using nlohmann::json;
+   return json::parse(json(std::string(s)).dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
 nlohmann::json failuresJson(CollectorHealth const& h) {
    nlohmann::json out = nlohmann::json::object();
    for (std::size_t i = 0; i < sendFailureCauseCount; ++i) {
@@ -119,8 +124,7 @@ nlohmann::json failuresJson(CollectorHealth const& h) {
    }
    out["total"] = h.total();
    out["lastFailure"] = rfc3339(h.lastFailureTime);
-   out["lastFailureText"] =
-       h.lastFailureTime == 0 ? nlohmann::json(nullptr) : nlohmann::json(std::string(h.text()));
+   out["lastFailureText"] = h.lastFailureTime == 0 ? nlohmann::json(nullptr) : jsonString(h.text());
    return out;
 }
 
