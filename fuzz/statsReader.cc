@@ -52,8 +52,8 @@ void writeSegment(std::string const& name, std::span<std::uint8_t const> bytes) 
 // throws, which its own tests cover, and would slow the run down to a crawl here.
 template <class Key, class Value>
 std::vector<std::string> writeTable(std::string const& base, std::span<std::uint8_t const> image) {
-   std::vector<std::uint8_t> control(image.begin(),
-                                     image.begin() + std::min<std::size_t>(image.size(), 48));
+   std::vector<std::uint8_t> control(
+       image.begin(), image.begin() + std::min(image.size(), sizeof(L::ControlHeader)));
    std::vector<std::uint8_t> data(image.begin() + control.size(), image.end());
    std::uint32_t serial = 0;
    if (control.size() >= sizeof(L::ControlHeader)) {
