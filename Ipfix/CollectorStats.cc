@@ -1,6 +1,8 @@
 #include "Ipfix/CollectorStats.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <ostream>
 
@@ -211,6 +213,10 @@ void CollectorStatisticsEntry::setEntryStorageDelAll() {
    setEntryCount = 0;
 }
 
+bool validTime(double t) {
+   return std::isfinite(t) && t >= 0 && t <= 253402300799.0;  // 9999-12-31T23:59:59Z
+}
+
 Kivo::String CollectorStatisticsEntry::validationError() const {
    for (auto const* name : {&key.trackerStorage, &key.exporterStorage}) {
       if (name->len > sizeof(name->bytes)) {
@@ -237,6 +243,17 @@ Kivo::String CollectorStatisticsEntry::validationError() const {
       if (std::uint16_t const id = setEntryStorage[i].setId; id != 0 && !validSetId(id)) {
          return "set entry " + std::to_string(i) + " has set id " + std::to_string(id) +
                 ", neither a template set id nor a data set id";
+      }
+   }
+   for (auto const& [what, t] : {std::pair{"last sent", lastSentTime},
+                                 {"last template sent", lastTemplateSentTime},
+                                 {"last data record sent", lastDataRecordSentTime},
+                                 {"last options data sent", lastOptionsDataSentTime},
+                                 {"last cleared", lastClearedTime}}) {
+      if (!validTime(t)) {
+         char text[32];
+         std::snprintf(text, sizeof(text), "%g", t);
+         return Kivo::String(what) + " time " + text + " is not a time";
       }
    }
    return {};

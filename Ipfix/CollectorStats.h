@@ -87,6 +87,10 @@ struct InlineName {
 };
 static_assert(sizeof(InlineName) == 129);
 
+// Times in the tables are seconds since the epoch, 0 for never. A valid one is finite, not
+// negative and no later than the last second of year 9999, the last one RFC 3339 can write.
+bool validTime(double t);
+
 struct CollectorStatisticsKey {
    CollectorInfo collector;
    InlineName trackerStorage;
@@ -158,7 +162,8 @@ struct CollectorStatisticsEntry {
 
    // What makes this entry one that no writer could have written (a name longer than 128 bytes,
    // an unknown address family, more than 22 set entries, a reuse slot out of range, a set id
-   // that fails the SetId check), on one line; empty when there is nothing wrong.
+   // that fails the SetId check, a time that fails validTime), on one line; empty when there is
+   // nothing wrong.
    Kivo::String validationError() const;
 
    bool operator==(CollectorStatisticsEntry const&) const = default;

@@ -85,7 +85,7 @@ void CollectorHealth::failureIs(int err, double when) {
 }
 
 std::string CollectorHealth::validationError() const {
-   if (!std::isfinite(lastFailureTime) || lastFailureTime < 0) {
+   if (!Mirra::Ipfix::validTime(lastFailureTime)) {
       return "last failure time is not a time";
    }
    if (lastFailureErrno < 0) {
@@ -112,6 +112,11 @@ nlohmann::json rfc3339(double when) {
    return std::string(buf);
 }
 
+nlohmann::json jsonString(std::string_view s) {
+   using nlohmann::json;
+   return json::parse(json(std::string(s)).dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
 nlohmann::json failuresJson(CollectorHealth const& h) {
    nlohmann::json out = nlohmann::json::object();
    for (std::size_t i = 0; i < sendFailureCauseCount; ++i) {
@@ -119,8 +124,7 @@ nlohmann::json failuresJson(CollectorHealth const& h) {
    }
    out["total"] = h.total();
    out["lastFailure"] = rfc3339(h.lastFailureTime);
-   out["lastFailureText"] =
-       h.lastFailureTime == 0 ? nlohmann::json(nullptr) : nlohmann::json(std::string(h.text()));
+   out["lastFailureText"] = h.lastFailureTime == 0 ? nlohmann::json(nullptr) : jsonString(h.text());
    return out;
 }
 
@@ -178,7 +182,8 @@ std::optional<HealthKey> CollectorHealthMonitor::keyFor(Pelto::TxFailure const& 
       for (auto const& [expName, exp] : ft->expInfoColl()) {
          // The family whose module failed; IPv6 when both match (no module at all).
          std::optional<FlowTracking::Family> family;
-         FlowTracking::forEachFamily([&]<class F>(F) {
+         // Captured by name: clang before 16 cannot capture a structured binding.
+         FlowTracking::forEachFamily([&, &exp = exp]<class F>(F) {
             if (F::udpPam(*exp).get() == f.module) {
                family = F::family;
             }

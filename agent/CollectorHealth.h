@@ -75,8 +75,11 @@ std::string healthTableName(std::string const& statisticsTable);
 // The "failures" object of JSON output and of the control socket's status: per cause counts,
 // "total", "lastFailure" (RFC 3339 or null) and "lastFailureText" (null when none).
 nlohmann::json failuresJson(CollectorHealth const& h);
-// RFC 3339 in UTC with milliseconds, or null for 0.
+// RFC 3339 in UTC with milliseconds, or null for 0. REQUIRES: Mirra::Ipfix::validTime(when).
 nlohmann::json rfc3339(double when);
+// `s` as a JSON string that always dumps: each byte that is not part of valid UTF-8 (a name or
+// text from another process's shared memory) becomes U+FFFD.
+nlohmann::json jsonString(std::string_view s);
 
 using HealthTable =
     Mirra::ShmTableWriter<HealthKey, CollectorHealth, Mirra::Ipfix::CollectorStatisticsKeyHash>;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
@@ -12,6 +13,8 @@
 #include <initializer_list>
 #include <limits>
 #include <map>
+#include <optional>
+#include <sstream>
 #include <utility>
 
 #include "Ipfix/Ipfix.h"
@@ -165,6 +168,44 @@ class Loader {
    std::string file_;
    std::vector<ConfigError> errors_;
    Largest globalLargest_;  // of the tables every tracker exports: interfaces and VRFs
+};
+
+// Walks the documents of a YAML stream without building them, to find where the parser stops
+// making progress: a flow indicator such as ',' where a document would begin is never consumed,
+// and every further call returns one more empty document at the same place, so loading all the
+// documents would never end. Each real document takes at least one token of the text.
+class DocumentWalk : public YAML::EventHandler {
+ public:
+   // Where the parser is stuck, if it is. Throws YAML::Exception as the parser does.
+   static std::optional<YAML::Mark> stuckAt(std::string const& text) {
+      std::istringstream in(text);
+      YAML::Parser parser(in);
+      DocumentWalk walk;
+      std::optional<YAML::Mark> previous;
+      for (std::size_t docs = 0; parser.HandleNextDocument(walk); ++docs) {
+         if ((previous && previous->pos == walk.start_.pos) || docs > text.size()) {
+            return walk.start_;
+         }
+         previous = walk.start_;
+      }
+      return std::nullopt;
+   }
+
+   void OnDocumentStart(YAML::Mark const& mark) override { start_ = mark; }
+   void OnDocumentEnd() override {}
+   void OnNull(YAML::Mark const&, YAML::anchor_t) override {}
+   void OnAlias(YAML::Mark const&, YAML::anchor_t) override {}
+   void OnScalar(YAML::Mark const&, std::string const&, YAML::anchor_t,
+                 std::string const&) override {}
+   void OnSequenceStart(YAML::Mark const&, std::string const&, YAML::anchor_t,
+                        YAML::EmitterStyle::value) override {}
+   void OnSequenceEnd() override {}
+   void OnMapStart(YAML::Mark const&, std::string const&, YAML::anchor_t,
+                   YAML::EmitterStyle::value) override {}
+   void OnMapEnd() override {}
+
+ private:
+   YAML::Mark start_;
 };
 
 void Loader::error_p(YAML::Mark const& m, std::string message) {
@@ -408,7 +449,15 @@ bool Loader::checkVrfName_p(Field const& f, std::string const& name) {
 std::optional<AgentConfig> Loader::load(std::string_view text) {
    std::vector<YAML::Node> docs;
    try {
-      docs = YAML::LoadAll(std::string(text));
+      std::string const all(text);
+      if (auto const stuck = DocumentWalk::stuckAt(all)) {
+         std::size_t const at =
+             std::min(static_cast<std::size_t>(std::max(stuck->pos, 0)), all.size());
+         error_p(*stuck,
+                 "unexpected " + quoted(all.substr(at, 1)) + " where a YAML document should begin");
+         return std::nullopt;
+      }
+      docs = YAML::LoadAll(all);
    } catch (YAML::Exception const& e) {
       error_p(e.mark, e.msg);
       return std::nullopt;

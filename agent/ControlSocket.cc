@@ -45,8 +45,15 @@ bool answers(sockaddr_un const& sa) {
    return ok;
 }
 
+// One reply line. Texts that are not UTF-8 (a client's bytes quoted back in an error, a name cut
+// at 64 bytes in the middle of a character) are written with U+FFFD in place of the bad bytes:
+// every request gets its reply.
+std::string replyText(json const& reply) {
+   return reply.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
 std::string errorReply(std::string const& text) {
-   return json{{"ok", false}, {"error", text}}.dump();
+   return replyText(json{{"ok", false}, {"error", text}});
 }
 
 json familyStatus(bool resolved, bool ready, std::uint16_t port) {
@@ -332,7 +339,7 @@ std::string ControlSocket::status_() {
       }
       trackers.push_back(std::move(t));
    }
-   return json{{"ok", true}, {"trackers", std::move(trackers)}}.dump();
+   return replyText(json{{"ok", true}, {"trackers", std::move(trackers)}});
 }
 
 std::string ControlSocket::clear_(std::string const& tracker, std::string const& exporter,
@@ -380,7 +387,7 @@ std::string ControlSocket::clear_(std::string const& tracker, std::string const&
    req.requestTime = Kivo::currentTime();
    component_.health().clear(tracker, exporter, healthOf);
    component_.configReq()->clearCountersReqIs(req);
-   return json{{"ok", true}, {"cleared", std::move(cleared)}}.dump();
+   return replyText(json{{"ok", true}, {"cleared", std::move(cleared)}});
 }
 
 }  // namespace Agent

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <functional>
 
 #include "Ipfix/CollectorStats.h"
@@ -155,6 +156,12 @@ std::vector<Damaged> damagedEntries() {
         "slot to reuse 22 is past the 22 set entries"},
        {"set id", [](E& e) { e.setEntryStorage[0].setId = 255; },
         "set entry 0 has set id 255, neither a template set id nor a data set id"},
+       {"time past year 9999", [](E& e) { e.lastSentTime = 5.08765e+59; },
+        "last sent time 5.08765e+59 is not a time"},
+       {"negative time", [](E& e) { e.lastOptionsDataSentTime = -1; },
+        "last options data sent time -1 is not a time"},
+       {"time not a number", [](E& e) { e.lastClearedTime = std::nan(""); },
+        "last cleared time nan is not a time"},
    };
 }
 

@@ -232,8 +232,8 @@ nlohmann::json toJson(std::vector<Entry> const& entries, std::optional<Health> c
                          {"records", s.exportedFlowRecordCount},
                          {"templates", s.exportedTemplateCount}});
       }
-      out.push_back({{"tracker", e.key.tracker()},
-                     {"exporter", e.key.exporter()},
+      out.push_back({{"tracker", Agent::jsonString(e.key.tracker())},
+                     {"exporter", Agent::jsonString(e.key.exporter())},
                      {"collector", collectorText(e)},
                      {"messages", e.exportedMessageTotalCount},
                      {"records", e.exportedFlowRecordTotalCount},

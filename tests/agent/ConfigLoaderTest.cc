@@ -234,6 +234,9 @@ TEST(ConfigLoader, EveryRefusalNamesItsPosition) {
         "template: missing key \"id\""},
        {"type: sampled", "type: sampled\n---\ntype: hardware", "type: hardware",
         "a second YAML document"},
+       // A flow indicator where a document begins: the YAML parser never got past it.
+       {"type: sampled", ",type: sampled", ",type", "unexpected \",\" where a YAML document"},
+       {"10.0.0.1\n", "10.0.0.1\n...\n, x\n", ", x", "unexpected \",\" where a YAML document"},
        // Agent-wide values.
        {"type: sampled", "type: none", "none", "type: \"none\" is not sampled or hardware"},
        {"sample-rate: 1000", "sample-rate: 4294967296", "4294967296",

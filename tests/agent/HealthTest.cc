@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -46,6 +47,33 @@ TEST(CollectorHealth, ErrnoMapsToItsCause) {
       EXPECT_EQ(Agent::sendFailureCause(c.err), c.cause) << c.err;
       EXPECT_STREQ(Agent::causeText(Agent::sendFailureCause(c.err)), c.text) << c.err;
    }
+}
+
+// What another process left in an entry: a reader leaves out entries that fail validation, so
+// the formats never get a time past what RFC 3339 writes (5.08765e+59 once overflowed it).
+TEST(CollectorHealth, ValidationRefusesTimesThatAreNotTimesAndNegativeErrnos) {
+   struct Case {
+      double time;
+      int err;
+      char const* error;
+   } const cases[] = {
+       {0, 0, ""},
+       {1.7e9, ECONNREFUSED, ""},
+       {253402300799.0, 0, ""},
+       {253402300800.0, 0, "last failure time is not a time"},
+       {5.08765e+59, 0, "last failure time is not a time"},
+       {-1, 0, "last failure time is not a time"},
+       {std::nan(""), 0, "last failure time is not a time"},
+       {HUGE_VAL, 0, "last failure time is not a time"},
+       {1.7e9, -1, "negative errno -1"},
+   };
+   for (Case const& c : cases) {
+      CollectorHealth h;
+      h.lastFailureTime = c.time;
+      h.lastFailureErrno = c.err;
+      EXPECT_EQ(h.validationError(), c.error) << c.time << " " << c.err;
+   }
+   EXPECT_EQ(Agent::rfc3339(253402300799.0), "9999-12-31T23:59:59.000Z");
 }
 
 HealthKey key(char const* ft, char const* exp, char const* addr, std::uint16_t port) {

@@ -178,13 +178,20 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
    {
       Client c(path);
       ASSERT_TRUE(c.connected);
-      c.sendAll("garbage\n{\"request\": \"reboot\"}\n{\"request\": \"clear\", \"tracker\": 7}\n");
-      auto const r = c.replies(3);
-      ASSERT_EQ(r.size(), 3u);
+      // The last two quote back bytes that are not UTF-8: a stray octet, and a collector cut at
+      // 64 bytes inside a two-byte character. Their replies once failed to be written at all.
+      c.sendAll(
+          "garbage\n{\"request\": \"reboot\"}\n{\"request\": \"clear\", \"tracker\": 7}\n"
+          "{\"request\": \"status\"\xa2}\n{\"request\": \"clear\", \"collector\": \"" +
+          std::string(63, 'x') + "\xc3\xa9\"}\n");
+      auto const r = c.replies(5);
+      ASSERT_EQ(r.size(), 5u);
       for (auto const& reply : r) {
          EXPECT_EQ(reply["ok"], false) << reply;
       }
       EXPECT_NE(r[1]["error"].get<std::string>().find("unknown request"), std::string::npos);
+      EXPECT_NE(r[4]["error"].get<std::string>().find(std::string(63, 'x') + "\ufffd"),
+                std::string::npos);
    }
    {
       Client c(path);

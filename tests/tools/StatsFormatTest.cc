@@ -2,6 +2,7 @@
 // Prometheus exposition that a strict reading of the text format accepts.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <map>
 #include <regex>
 #include <set>
@@ -11,6 +12,7 @@
 
 namespace {
 
+using nlohmann::json;
 using Stats::Entry;
 
 Entry entry(std::string const& ft, std::string const& exp, char const* addr, std::uint16_t port,
@@ -194,6 +196,17 @@ TEST(StatsFormat, CountersAndFailuresInTableJsonAndPrometheus) {
    EXPECT_EQ(j[1]["failures"]["total"], 0);
    EXPECT_TRUE(j[1]["failures"]["lastFailure"].is_null());
    EXPECT_TRUE(Stats::toJson(es)[0]["failures"].is_null());
+
+   // Names and texts from a damaged table that are not UTF-8 still make JSON text (ipfix-stats
+   // --json once died on them): each bad byte becomes U+FFFD.
+   Entry damaged = entry("ft\xff", "e\xc3", "10.0.0.1", 4739, 1);
+   Agent::CollectorHealth text = bad;
+   std::strcpy(text.lastFailureText, "refused \xfe");
+   auto const dumped =
+       json::parse(Stats::toJson({damaged}, Stats::Health{{damaged.key, text}}).dump(2))[0];
+   EXPECT_EQ(dumped["tracker"], "ft\ufffd");
+   EXPECT_EQ(dumped["exporter"], "e\ufffd");
+   EXPECT_EQ(dumped["failures"]["lastFailureText"], "refused \ufffd");
 
    auto const series = parseExposition(Stats::prometheusText(es, health));
    std::string const l0 = R"(tracker="ft1",exporter="e1",collector="10.0.0.1:4739")";
