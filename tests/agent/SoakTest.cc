@@ -176,8 +176,8 @@ TEST(AgentSoak, EveryStreamStaysExactThroughChurnWithFlatMemoryAndShortStalls) {
    json loopWarm = controlStatus(table)["loop"];
 
    // Churn: a new generation every 6 s, saved as editors save, and a SIGHUP on top. Memory is
-   // sampled after each; the first reload still belongs to the warm-up (the heap grows to what
-   // a reload needs beside the running tables).
+   // sampled after each; the first two still belong to the warm-up (the heap grows to what a
+   // reload needs beside the running tables, and a reload can take longer than 6 s).
    int constexpr generations = 10;
    std::vector<std::uint64_t> rss;
    while (g < generations) {
@@ -212,7 +212,7 @@ TEST(AgentSoak, EveryStreamStaysExactThroughChurnWithFlatMemoryAndShortStalls) {
        rssText.c_str(), loopWarm.dump().c_str(), loopEnd.dump().c_str());
    EXPECT_TRUE(final) << incomplete << " streams without the whole final table";
    EXPECT_EQ(errors, 0u) << "messages with a wrong sequence number";
-   EXPECT_LE(rss.back(), rss.front() * 11 / 10) << rssText;
+   EXPECT_LE(rss.back(), rss.at(1) * 11 / 10) << rssText;
    // The longest stall: a periodic transmission of every table to all 512 collectors runs in one
    // pass of the loop (docs/RELIABILITY.md has the numbers).
    EXPECT_LT(loopEnd["maxPassSeconds"], 60.0) << loopEnd;
