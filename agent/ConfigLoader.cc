@@ -834,7 +834,11 @@ std::optional<TemplateConfig> Loader::loadTemplate_p(YAML::Node const& node) {
 // `name` or `{element: name, key: true}`; a name of the element table, or its id.
 std::optional<FieldConfig> Loader::loadTemplateField_p(YAML::Node const& node) {
    FieldConfig out;
-   Field element{YAML::Node("element"), node};
+   // Points at the element's field, never assigned one: assigning a YAML::Node merges the whole
+   // document's node memory into it, which made a large file (100000 interfaces and a few
+   // trackers) take seconds to load.
+   Field const alone{YAML::Node("element"), node};
+   Field const* element = &alone;
    std::optional<Fields> fields;
    if (node.IsMap()) {
       fields = mapping_p(node, node.Mark(), "field", {"element", "key"});
@@ -845,7 +849,7 @@ std::optional<FieldConfig> Loader::loadTemplateField_p(YAML::Node const& node) {
       if (!f) {
          return std::nullopt;
       }
-      element = *f;
+      element = f;
       if (auto it = fields->find("key"); it != fields->end()) {
          auto const v = boolean_p(it->second);
          if (!v) {
@@ -854,18 +858,18 @@ std::optional<FieldConfig> Loader::loadTemplateField_p(YAML::Node const& node) {
          out.flowKey = *v;
       }
    }
-   auto const text = scalar_p(element);
+   auto const text = scalar_p(*element);
    if (!text) {
       return std::nullopt;
    }
    auto const id = Ipfix::recordTypeFromString(*text);
    if (!id) {
-      error_p(element.mark(), "unknown information element " + quoted(*text));
+      error_p(element->mark(), "unknown information element " + quoted(*text));
       return std::nullopt;
    }
    if (!Ipfix::elementRow(*id)) {
       // The element table gives every field its length; an id outside it has none.
-      error_p(element.mark(), "information element " + *text + " is not in the element table");
+      error_p(element->mark(), "information element " + *text + " is not in the element table");
       return std::nullopt;
    }
    out.element = *id;

@@ -339,7 +339,17 @@ std::string ControlSocket::status_() {
       }
       trackers.push_back(std::move(t));
    }
-   return replyText(json{{"ok", true}, {"trackers", std::move(trackers)}});
+   // The event loop's passes: how long the agent was deaf to everything else at worst.
+   auto const& passes = loop_.passStats();
+   json longer = json::object();
+   for (std::size_t i = 0; i < passes.bounds.size(); ++i) {
+      longer[json(passes.bounds[i]).dump()] = passes.longerThan[i];
+   }
+   json loop{{"passes", passes.passes},
+             {"maxPassSeconds", passes.maxSeconds},
+             {"passesLongerThan", std::move(longer)}};
+   return replyText(
+       json{{"ok", true}, {"trackers", std::move(trackers)}, {"loop", std::move(loop)}});
 }
 
 std::string ControlSocket::clear_(std::string const& tracker, std::string const& exporter,

@@ -9,7 +9,9 @@
 // `status` answers per tracker and exporter the resolved and ready flags and ports of each family,
 // per collector its address, sequence number, whether its options templates were sent and its
 // send "failures" (per cause, last failure time and text), and the local collector configuration
-// of software-export trackers; `clear` answers the collectors it cleared.
+// of software-export trackers, and under "loop" the event loop's passes (count, longest in
+// seconds, and how many were longer than 0.001, 0.01, 0.1, 1 and 10 s); `clear` answers the
+// collectors it cleared.
 //
 // Replies carry "ok": true and the answer, or "ok": false and "error". A request that is not
 // JSON, too long, unknown or not allowed gets an error reply and changes nothing.

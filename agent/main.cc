@@ -11,8 +11,11 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <sstream>
 
 #include "Orbo/EventLoop.h"
 #include "Trace/Dualog.h"
@@ -42,6 +45,20 @@ void notifySystemd(std::string const& state) {
    sd_notify(0, state.c_str());
 }
 
+// The file's text, or nothing when it cannot be read (the loader then says why).
+std::optional<std::string> readText(std::string const& path) {
+   std::ifstream in(path, std::ios::binary);
+   std::ostringstream text;
+   if (!(in && text << in.rdbuf())) {
+      return std::nullopt;
+   }
+   return text.str();
+}
+
+LoadResult load(std::string const& path, std::optional<std::string> const& text) {
+   return text ? loadConfigText(*text, path) : loadConfigFile(path);
+}
+
 std::uint64_t monotonicUsec() {
    timespec ts{};
    clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -58,7 +75,8 @@ class Runner {
          controlPath_(std::move(controlPath)) {}
 
    int run() {
-      LoadResult loaded = loadConfigFile(path_);
+      runningText_ = readText(path_);
+      LoadResult loaded = load(path_, runningText_);
       if (!loaded.config) {
          reportErrors(loaded.errors);
          log(Severity::err, "configuration refused: not starting");
@@ -147,12 +165,19 @@ class Runner {
    }
 
    void reload_() {
-      LoadResult loaded = loadConfigFile(path_);
+      // The text that runs already (a storm of SIGHUPs, an editor saving twice) is not parsed
+      // again: for a large file that would hold up the loop for seconds, for nothing.
+      std::optional<std::string> text = readText(path_);
+      if (text && text == runningText_) {
+         return;
+      }
+      LoadResult loaded = load(path_, text);
       if (!loaded.config) {
          reportErrors(loaded.errors);
          log(Severity::err, "configuration refused: still running the previous one");
          return;
       }
+      runningText_ = std::move(text);
       if (*loaded.config == component_->config()) {
          return;
       }
@@ -164,6 +189,7 @@ class Runner {
          log(Severity::info, "configuration reloaded from " + path_);
       } catch (std::exception const& e) {
          log(Severity::err, std::string("reload failed: ") + e.what());
+         runningText_ = std::nullopt;  // not what runs: the same file is tried again
       }
       notifySystemd("READY=1");
    }
@@ -172,6 +198,7 @@ class Runner {
    std::string traceOverride_;
    std::string controlPath_;
    std::string fileName_;
+   std::optional<std::string> runningText_;  // the file's text the running configuration is from
    Kivo::Ptr<Orbo::TaskScheduler> scheduler_;
    std::unique_ptr<Orbo::EventLoop> loop_;
    std::unique_ptr<NetNsWatch> netNs_;

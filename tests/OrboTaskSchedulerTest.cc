@@ -221,6 +221,25 @@ TEST(OrboEventLoop, ThrowingDescriptorHandlerOrTaskDoesNotStopTheLoop) {
    close(fds[0]), close(fds[1]);
 }
 
+// Each pass is measured from waking to sleeping again, handlers and tasks included; the clock is
+// moved by a task as a slow task would move the real one.
+TEST(OrboEventLoop, PassStatsCountTheLongestPassAndEachBoundItExceeded) {
+   Kivo::ScopedManualClock clock;
+   Ptr<TaskScheduler> sched = make<TaskScheduler>();
+   EventLoop loop{sched};
+   double took = 0;
+   Ptr<Task> slow = make<Task>(sched, 0, "slow", [&] { clock->nowIs(clock->now() + took); });
+   for (double const t : {0.0005, 0.05, 2.5, 0.002}) {
+      took = t;
+      slow->scheduleTask();
+      loop.runOnce(0);
+   }
+   auto const& s = loop.passStats();
+   EXPECT_EQ(s.passes, 4u);
+   EXPECT_DOUBLE_EQ(s.maxSeconds, 2.5);
+   EXPECT_EQ(s.longerThan, (std::array<std::uint64_t, 5>{3, 2, 1, 1, 0}));
+}
+
 // The real clock: a readable fd, a timer and a signal each reach their handler through run(), and
 // stop() ends it. A watchdog stops run() after 2 s, so a broken loop fails fast.
 TEST(OrboEventLoop, RunsDescriptorTimerAndSignalHandlersUntilStopped) {

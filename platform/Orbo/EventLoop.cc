@@ -95,6 +95,7 @@ void EventLoop::runOnce(double maxWait) {
    if (n < 0 && errno != EINTR) {
       throw Kivo::ErrnoException(errno, "epoll_wait");
    }
+   double const start = Kivo::currentTime();
    for (int i = 0; i < n; ++i) {
       auto it = fds_.find(events[i].data.fd);
       if (it != fds_.end()) {
@@ -104,6 +105,12 @@ void EventLoop::runOnce(double maxWait) {
    }
    if (scheduler_->hasDueWork()) {
       scheduler_->runPass();
+   }
+   double const took = std::max(0.0, Kivo::currentTime() - start);  // the clock may step back
+   ++passStats_.passes;
+   passStats_.maxSeconds = std::max(passStats_.maxSeconds, took);
+   for (std::size_t i = 0; i < PassStats::bounds.size(); ++i) {
+      passStats_.longerThan[i] += took > PassStats::bounds[i];
    }
 }
 

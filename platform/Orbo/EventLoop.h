@@ -4,9 +4,14 @@
 //
 // Like tasks, descriptor and signal handlers that throw a std::exception have it caught and traced
 // (Kivo::handlerThrew) and the loop carries on.
+//
+// The loop measures each pass, from waking up to going back to sleep: while one runs, nothing
+// else (a descriptor, a signal, a timer) is served, so the longest pass is the longest stall.
 #pragma once
 
+#include <array>
 #include <csignal>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string_view>
@@ -18,6 +23,14 @@ namespace Orbo {
 class EventLoop {
  public:
    using Handler = std::function<void()>;
+
+   // How long passes took, on Kivo::currentTime(), since the loop was made.
+   struct PassStats {
+      static constexpr std::array<double, 5> bounds{0.001, 0.01, 0.1, 1, 10};
+      std::uint64_t passes = 0;
+      double maxSeconds = 0;
+      std::array<std::uint64_t, bounds.size()> longerThan{};  // passes longer than each bound
+   };
 
    // Throws Kivo::ErrnoException when epoll cannot be created.
    explicit EventLoop(Kivo::Ptr<TaskScheduler> scheduler);
@@ -38,6 +51,7 @@ class EventLoop {
    // Waits for at most `maxWait` seconds for something to do, then does it.
    void runOnce(double maxWait);
    void stop() { stopped_ = true; }
+   PassStats const& passStats() const { return passStats_; }
 
  private:
    void handleSignals_();
@@ -50,6 +64,7 @@ class EventLoop {
    std::map<int, Handler> fds_;
    std::map<int, Handler> signalHandlers_;
    bool stopped_ = false;
+   PassStats passStats_;
 };
 
 }  // namespace Orbo

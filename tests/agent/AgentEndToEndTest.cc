@@ -63,12 +63,9 @@ TEST(AgentEndToEnd, EveryCollectorGetsTemplatesTablesAndExactSequenceNumbers) {
       EXPECT_EQ(fields[261], (std::vector<std::uint16_t>{27, 28, 1}));
       // Each message carries the number of data records sent before it, and only data records
       // count: templates never advance it.
-      for (std::size_t i = 1; i < s->messages.size(); ++i) {
-         auto const& prev = s->messages[i - 1];
-         EXPECT_EQ(s->messages[i].sequenceNumber,
-                   prev.sequenceNumber + static_cast<std::uint32_t>(prev.dataRecordCount()))
-             << "message " << i;
-         EXPECT_EQ(s->messages[i].observationDomainId, 7u);
+      EXPECT_EQ(sequenceErrors(*s), "");
+      for (auto const& m : s->messages) {
+         EXPECT_EQ(m.observationDomainId, 7u);
       }
    }
 

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "agent/ControlSocket.h"
 #include "support/Tshark.h"
 
 extern char** environ;
@@ -112,6 +115,55 @@ bool AgentProcess::waitForLog(std::string const& text, std::chrono::milliseconds
       }
       std::this_thread::sleep_for(20ms);
    }
+}
+
+ControlClient::ControlClient(std::string const& path) {
+   fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   sockaddr_un sa{};
+   sa.sun_family = AF_UNIX;
+   std::snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", path.c_str());
+   connected = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) == 0;
+}
+
+ControlClient::~ControlClient() {
+   close(fd);
+}
+
+void ControlClient::sendAll(std::string const& s) const {
+   for (std::size_t done = 0; done < s.size();) {
+      ssize_t const n = ::send(fd, s.data() + done, s.size() - done, MSG_NOSIGNAL);
+      if (n <= 0) {
+         return;
+      }
+      done += static_cast<std::size_t>(n);
+   }
+}
+
+std::vector<nlohmann::json> ControlClient::replies(std::size_t n) const {
+   std::vector<nlohmann::json> out;
+   std::string buf;
+   timeval tv{5, 0};
+   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+   while (out.size() < n) {
+      char b[65536];
+      ssize_t const r = recv(fd, b, sizeof(b), 0);
+      if (r <= 0) {
+         break;
+      }
+      buf.append(b, static_cast<std::size_t>(r));
+      for (std::size_t nl; (nl = buf.find('\n')) != std::string::npos;) {
+         out.push_back(nlohmann::json::parse(buf.substr(0, nl)));
+         buf.erase(0, nl + 1);
+      }
+   }
+   return out;
+}
+
+nlohmann::json controlStatus(std::string const& table) {
+   ControlClient c(Agent::defaultControlSocketPath(table));
+   c.sendAll("{\"request\": \"status\"}\n");
+   auto const r = c.replies(1);
+   return r.empty() ? nullptr : r[0];
 }
 
 bool receiveUntil(std::vector<std::pair<LoopbackCollector*, std::vector<Received>*>> const& from,

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ class AgentProcess {
    AgentProcess& operator=(AgentProcess const&) = delete;
 
    std::string const& configPath() const { return configPath_; }
+   pid_t pid() const { return pid_; }
    // Replaces the configuration file the way editors save: a new file renamed over the old.
    void rewriteConfig(std::string const& config) const;
    void signal(int signo) const;
@@ -41,6 +43,23 @@ class AgentProcess {
    std::string logPath_;
    pid_t pid_ = -1;
 };
+
+// A raw client of the agent's control socket.
+struct ControlClient {
+   explicit ControlClient(std::string const& path);
+   ~ControlClient();
+   ControlClient(ControlClient const&) = delete;
+   ControlClient& operator=(ControlClient const&) = delete;
+   void sendAll(std::string const& s) const;
+   // Reply lines until `n` arrived, the peer closed, or 5 s passed.
+   std::vector<nlohmann::json> replies(std::size_t n) const;
+
+   int fd = -1;
+   bool connected = false;
+};
+
+// The reply of the agent of statistics table `table` to a status request, null without one.
+nlohmann::json controlStatus(std::string const& table);
 
 // The programs under test, built beside the tests.
 inline std::string agentBinary() {

@@ -144,6 +144,22 @@ struct Stream {
    }
 };
 
+// Where a stream's sequence numbers are wrong, one line each; empty when every message from
+// `from` on carries the number of data records sent before it on the stream.
+inline std::string sequenceErrors(Stream const& s, std::size_t from = 0) {
+   std::string out;
+   for (std::size_t i = from + 1; i < s.messages.size(); ++i) {
+      auto const& prev = s.messages[i - 1];
+      auto const want = prev.sequenceNumber + static_cast<std::uint32_t>(prev.dataRecordCount());
+      if (s.messages[i].sequenceNumber != want) {
+         out += "message " + std::to_string(i) + ": " +
+                std::to_string(s.messages[i].sequenceNumber) + ", not " + std::to_string(want) +
+                "\n";
+      }
+   }
+   return out;
+}
+
 // Every message type a collector needs, once: data templates, the four options templates and
 // their data.
 inline bool complete(Stream const& s) {

@@ -1,19 +1,15 @@
 // Collector health: errno to cause, the health table's writer and reader, the monitor that turns a
-// module's failure into a collector's, and an exporter in a VRF namespace that cannot reach its
-// collector, seen through ipfix-stats.
+// module's failure into a collector's, and a removed collector's failures going with it.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <nlohmann/json.hpp>
-#include <thread>
 
 #include "agent/AgentProcess.h"
 #include "agent/AgentScenario.h"
 #include "agent/CollectorHealth.h"
 #include "agent/ControlSocket.h"
-#include "support/NetNs.h"
 
 namespace testsupport {
 namespace {
@@ -22,7 +18,6 @@ using namespace std::chrono_literals;
 using Agent::CollectorHealth;
 using Agent::HealthKey;
 using Agent::SendFailureCause;
-using nlohmann::json;
 
 TEST(CollectorHealth, ErrnoMapsToItsCause) {
    struct Case {
@@ -165,38 +160,6 @@ TEST(CollectorHealth, MonitorChargesTheExportersCollectorOnly) {
    EXPECT_EQ(h4->count(SendFailureCause::other), 2u);
    EXPECT_EQ(h6->count(SendFailureCause::other), 1u);
    EXPECT_EQ(h4->lastFailureErrno, EBADF);
-}
-
-// An exporter in a VRF whose namespace has no route to its collector: every send fails at once
-// with ENETUNREACH, and ipfix-stats shows it as "unreachable". Nothing leaves the namespace,
-// which has only its loopback.
-TEST(CollectorHealthAgent, ExporterInANamespaceWithoutRouteShowsUnreachable) {
-   std::string const vrf = "h" + std::to_string(getpid() % 100000);
-   std::string why;
-   auto ns = NetNs::create("ns-" + vrf, &why);
-   ASSERT_TRUE(ns) << "cannot make a network namespace: " << why;
-   ConfigText cfg;
-   cfg.vrf = vrf;
-   std::string const collector = "198.51.100.7:4739";
-   cfg.collectors = "          far: " + collector + "\n";
-   AgentProcess agent(cfg.text());
-   json entry;
-   for (int i = 0; i < 100 && entry.is_null(); ++i) {
-      std::this_thread::sleep_for(50ms);
-      auto const r = statsTool(cfg.table, {"show", "--json"});
-      for (auto const& e : r.ok() ? json::parse(r.out) : json::array()) {
-         if (e["collector"] == collector && e["failures"]["unreachable"] > 0) {
-            entry = e;
-         }
-      }
-   }
-   ASSERT_FALSE(entry.is_null()) << agent.log();
-   EXPECT_EQ(entry["failures"]["total"], entry["failures"]["unreachable"]) << entry;
-   EXPECT_EQ(entry["failures"]["lastFailureText"], std::strerror(ENETUNREACH)) << entry;
-   auto const shown = statsTool(cfg.table, {"show"});
-   ASSERT_EQ(shown.exitCode, 0) << shown.err;
-   EXPECT_NE(shown.out.find("    unreachable: "), std::string::npos) << shown.out;
-   EXPECT_EQ(agent.stop(), 0) << agent.log();
 }
 
 // A collector taken out of the configuration takes its failures with it; the others keep theirs.

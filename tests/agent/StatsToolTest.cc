@@ -2,8 +2,6 @@
 // tool shows is what the collectors received, clear resets exactly what it names, and the
 // control socket holds against bad clients while the agent keeps exporting.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -129,54 +127,11 @@ TEST_F(StatsTool, ClearResetsExactlyTheNamedCollectorAndKeepsTheClearTime) {
    EXPECT_TRUE(sawClearTime);
 }
 
-// A raw client of the control socket.
-struct Client {
-   explicit Client(std::string const& path) {
-      fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_un sa{};
-      sa.sun_family = AF_UNIX;
-      std::snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", path.c_str());
-      connected = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) == 0;
-   }
-   ~Client() { close(fd); }
-   void sendAll(std::string const& s) {
-      for (std::size_t done = 0; done < s.size();) {
-         ssize_t const n = ::send(fd, s.data() + done, s.size() - done, MSG_NOSIGNAL);
-         if (n <= 0) {
-            return;
-         }
-         done += static_cast<std::size_t>(n);
-      }
-   }
-   // Reply lines until `n` arrived, the peer closed, or 5 s passed.
-   std::vector<json> replies(std::size_t n) {
-      std::vector<json> out;
-      std::string buf;
-      timeval tv{5, 0};
-      setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-      while (out.size() < n) {
-         char b[65536];
-         ssize_t const r = recv(fd, b, sizeof(b), 0);
-         if (r <= 0) {
-            break;
-         }
-         buf.append(b, static_cast<std::size_t>(r));
-         for (std::size_t nl; (nl = buf.find('\n')) != std::string::npos;) {
-            out.push_back(json::parse(buf.substr(0, nl)));
-            buf.erase(0, nl + 1);
-         }
-      }
-      return out;
-   }
-   int fd = -1;
-   bool connected = false;
-};
-
 TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
    start();
    std::string const path = Agent::defaultControlSocketPath(cfg.table);
    {
-      Client c(path);
+      ControlClient c(path);
       ASSERT_TRUE(c.connected);
       // The last two quote back bytes that are not UTF-8: a stray octet, and a collector cut at
       // 64 bytes inside a two-byte character. Their replies once failed to be written at all.
@@ -194,14 +149,14 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
                 std::string::npos);
    }
    {
-      Client c(path);
+      ControlClient c(path);
       c.sendAll(std::string(1 << 20, 'x'));
       auto const r = c.replies(2);
       ASSERT_EQ(r.size(), 1u) << "one error reply, then the connection is closed";
       EXPECT_NE(r[0]["error"].get<std::string>().find("longer than"), std::string::npos);
    }
    {
-      Client c(path);
+      ControlClient c(path);
       std::string burst;
       for (int i = 0; i < 1000; ++i) {
          burst += "{\"request\": \"status\"}\n";
@@ -214,7 +169,7 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
    }
    // Another user cannot even connect (the socket is its owner's alone).
    pid_t const other = inChild([&] {
-      return setgid(65534) != 0 || setuid(65534) != 0 ? 2 : Client(path).connected ? 1 : 0;
+      return setgid(65534) != 0 || setuid(65534) != 0 ? 2 : ControlClient(path).connected ? 1 : 0;
    });
    EXPECT_EQ(exitCodeOf(other), 0) << "1: connected, 2: could not change user";
 
@@ -271,17 +226,14 @@ TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilC
                               d4 + R"(",cause="connection_refused"} )";
    EXPECT_NE(prometheus.out.find(series), std::string::npos) << prometheus.out;
 
-   Client status(Agent::defaultControlSocketPath(cfg.table));
-   status.sendAll("{\"request\": \"status\"}\n");
-   auto const r = status.replies(1);
-   ASSERT_EQ(r.size(), 1u);
+   json const status = controlStatus(cfg.table);
    std::map<std::string, json> byName;
-   for (auto const& c : r[0]["trackers"][0]["exporters"][0]["collectors"]) {
+   for (auto const& c : status.at("trackers")[0]["exporters"][0]["collectors"]) {
       byName[c["name"]] = c["failures"];
    }
-   EXPECT_GT(byName["dead4"]["connectionRefused"].get<std::uint64_t>(), 0u) << r[0];
-   EXPECT_GT(byName["dead6"]["connectionRefused"].get<std::uint64_t>(), 0u) << r[0];
-   EXPECT_EQ(byName["c4"]["total"], 0) << r[0];
+   EXPECT_GT(byName["dead4"]["connectionRefused"].get<std::uint64_t>(), 0u) << status;
+   EXPECT_GT(byName["dead6"]["connectionRefused"].get<std::uint64_t>(), 0u) << status;
+   EXPECT_EQ(byName["c4"]["total"], 0) << status;
 
    std::uint64_t const d4Before = (*find(all, d4))["failures"]["total"];
    double const clearedAt = Kivo::currentTime();

@@ -33,6 +33,7 @@ LoopbackCollector::LoopbackCollector(bool ipv6, std::uint16_t port) : ipv6_(ipv6
       throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
    }
    int const on = 1;
+   setsockopt(fd_, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
    SockAddr a{};
    if (ipv6) {
       setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVTCLASS, &on, sizeof(on));
@@ -63,18 +64,22 @@ Pelto::Ip6AndPort LoopbackCollector::ip6AndPort() const {
    return {*Pelto::Ip6Addr::parse("::1"), port_};
 }
 
-std::vector<Received> LoopbackCollector::drain(int timeoutMs) {
+void LoopbackCollector::rcvBufIs(int bytes) const {
+   setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes));
+}
+
+std::vector<Received> LoopbackCollector::drain(int timeoutMs, std::size_t max) {
    std::vector<Received> out;
    pollfd p{fd_, POLLIN, 0};
    if (poll(&p, 1, timeoutMs) <= 0) {
       return out;
    }
-   for (;;) {
+   thread_local std::uint8_t buffer[65536];
+   while (out.size() < max) {
       Received r;
-      r.payload.resize(65536);
       SockAddr from{};
-      char control[64];
-      iovec iov{r.payload.data(), r.payload.size()};
+      alignas(cmsghdr) char control[128];
+      iovec iov{buffer, sizeof(buffer)};
       msghdr msg{.msg_name = &from,
                  .msg_namelen = sizeof(from),
                  .msg_iov = &iov,
@@ -86,7 +91,7 @@ std::vector<Received> LoopbackCollector::drain(int timeoutMs) {
       if (n < 0) {
          break;
       }
-      r.payload.resize(static_cast<std::size_t>(n));
+      r.payload.assign(buffer, buffer + n);
       char text[INET6_ADDRSTRLEN] = {};
       bool const v6 = from.sa.sa_family == AF_INET6;
       inet_ntop(from.sa.sa_family, v6 ? static_cast<void*>(&from.v6.sin6_addr) : &from.v4.sin_addr,
@@ -98,6 +103,10 @@ std::vector<Received> LoopbackCollector::drain(int timeoutMs) {
             r.tos = *reinterpret_cast<unsigned char*>(CMSG_DATA(c));
          } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_TCLASS) {
             std::memcpy(&r.tos, CMSG_DATA(c), sizeof(r.tos));
+         } else if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+            timespec ts{};
+            std::memcpy(&ts, CMSG_DATA(c), sizeof(ts));
+            r.rxTime = static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
          }
       }
       out.push_back(std::move(r));
