@@ -5,17 +5,22 @@
 //
 // SIGHUP, or any save of the file, reloads it: a valid configuration is applied as a difference,
 // an invalid one is reported and the running configuration stays as it was.
+#include <sys/eventfd.h>
 #include <systemd/sd-daemon.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <thread>
 
 #include "Orbo/EventLoop.h"
 #include "Trace/Dualog.h"
@@ -112,6 +117,12 @@ class Runner {
          log(Severity::err, std::string("cannot start: ") + e.what());
          return exitCannotStart;
       }
+      parsedFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+      if (parsedFd_ < 0) {
+         log(Severity::err, std::string("cannot start: eventfd: ") + std::strerror(errno));
+         return exitCannotStart;
+      }
+      loop_->fdIs(parsedFd_, [this] { handleParsed_(); });
       reloadTask_ =
           Kivo::make<Orbo::Task>(scheduler_, 3, "configReloadTask", [this] { reload_(); });
       loop_->signalIs(SIGHUP, [this] { reloadTask_->scheduleTask(); });
@@ -125,6 +136,11 @@ class Runner {
 
       notifySystemd("STOPPING=1");
       log(Severity::info, "ipfix-agent stopping");
+      if (parser_.joinable()) {
+         parser_.join();
+      }
+      loop_->fdDel(parsedFd_);
+      close(parsedFd_);
       reloadTask_ = nullptr;
       control_ = nullptr;
       fileWatch_ = nullptr;
@@ -164,14 +180,43 @@ class Runner {
       }
    }
 
+   // A large file takes seconds to parse (100k interfaces: 2 to 3 s), so the parse runs on a
+   // thread of its own while the loop goes on exporting; the thread signals parsedFd_ when done
+   // and the loop applies the result. A reload asked for meanwhile runs once the parse is over.
    void reload_() {
+      if (parser_.joinable()) {
+         reloadAgain_ = true;
+         return;
+      }
       // The text that runs already (a storm of SIGHUPs, an editor saving twice) is not parsed
-      // again: for a large file that would hold up the loop for seconds, for nothing.
+      // again.
       std::optional<std::string> text = readText(path_);
       if (text && text == runningText_) {
          return;
       }
-      LoadResult loaded = load(path_, text);
+      parser_ = std::jthread([this, text = std::move(text)]() mutable {
+         LoadResult loaded = load(path_, text);
+         parseResult_ = Parsed{std::move(text), std::move(loaded)};
+         std::uint64_t const one = 1;
+         [[maybe_unused]] ssize_t const n = write(parsedFd_, &one, sizeof(one));
+      });
+   }
+
+   void handleParsed_() {
+      std::uint64_t n = 0;
+      if (read(parsedFd_, &n, sizeof(n)) != sizeof(n) || !parser_.joinable()) {
+         return;
+      }
+      parser_.join();  // the thread's result is complete and visible from here on
+      Parsed p = std::move(*parseResult_);
+      parseResult_.reset();
+      apply_(std::move(p.text), std::move(p.loaded));
+      if (std::exchange(reloadAgain_, false)) {
+         reloadTask_->scheduleTask();
+      }
+   }
+
+   void apply_(std::optional<std::string> text, LoadResult loaded) {
       if (!loaded.config) {
          reportErrors(loaded.errors);
          log(Severity::err, "configuration refused: still running the previous one");
@@ -194,6 +239,11 @@ class Runner {
       notifySystemd("READY=1");
    }
 
+   struct Parsed {
+      std::optional<std::string> text;
+      LoadResult loaded;
+   };
+
    std::string path_;
    std::string traceOverride_;
    std::string controlPath_;
@@ -208,6 +258,11 @@ class Runner {
    Component::LinkMap initialLinks_;
    std::unique_ptr<DirWatch> fileWatch_;
    Kivo::Ptr<Orbo::Task> reloadTask_;
+   int parsedFd_ = -1;
+   bool reloadAgain_ = false;
+   std::optional<Parsed> parseResult_;  // written by parser_, read on the loop after joining it
+   // Last: joined (a parse in progress finishes) before anything it uses goes.
+   std::jthread parser_;
 };
 
 }  // namespace

@@ -64,6 +64,23 @@ TEST_F(OrboTaskScheduler, PriorityThenTheOrderTasksFellDue) {
    EXPECT_EQ(log, (Log{"h1", "h2", "m", "timer", "l1", "l2"}));
 }
 
+// A pass that has lasted its budget starts no further task: the others run first in the next
+// pass, in their order, so a crowd of due tasks leaves the loop room between them.
+TEST_F(OrboTaskScheduler, PassPastItsBudgetLeavesTheRestToTheNextPassInOrder) {
+   std::vector<Ptr<Task>> tasks;
+   for (auto [name, seconds] : {std::pair{"a", 0.03}, {"b", 0.03}, {"c", 0.0}, {"d", 0.2}}) {
+      tasks.push_back(task(name, 0, [this, s = seconds] { clock->advance(s); }));
+      tasks.back()->scheduleTask();
+   }
+   Ptr<Task> late = task("late");
+   for (std::size_t ran : {2, 2}) {
+      EXPECT_EQ(sched->runPass(), ran);
+      late->scheduleTask();
+   }
+   EXPECT_EQ(sched->runPass(), 1u);
+   EXPECT_EQ(log, (Log{"a", "b", "c", "d", "late"}));
+}
+
 // Pending: < 0 ready, 0 idle, > 0 a timer that far ahead.
 TEST_F(OrboTaskScheduler, ScheduleTaskLowestDelayKeepsTheEarlierRun) {
    for (auto [pending, request, due] :

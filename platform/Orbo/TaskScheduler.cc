@@ -100,7 +100,8 @@ bool TaskScheduler::taskShouldYield() const {
 
 std::size_t TaskScheduler::runPass() {
    KIVO_ASSERT(!current_);  // passes do not nest
-   promoteDueTimers_(Kivo::currentTime());
+   double const passStart = Kivo::currentTime();
+   promoteDueTimers_(passStart);
    ++pass_;
    std::uint64_t const thisPass = pass_;
    std::size_t ran = 0;
@@ -110,6 +111,9 @@ std::size_t TaskScheduler::runPass() {
       ~EndPass() { inPass = false; }
    } endPass{inPass_};
    for (;;) {
+      if (ran > 0 && Kivo::currentTime() - passStart >= passBudget_) {
+         break;
+      }
       // Highest priority first; within a priority, the order the tasks became ready.
       Task* next = nullptr;
       for (auto& [prio, list] : ready_) {

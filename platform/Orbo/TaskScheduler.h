@@ -88,8 +88,14 @@ class TaskScheduler : public Kivo::Object {
 
    Task* currentTask() const { return current_; }
 
-   // Runs one pass; returns the number of tasks run.
+   // Runs one pass; returns the number of tasks run. A pass runs the tasks that were ready when
+   // it began, highest priority first, but starts no further task once it has lasted
+   // passBudget(): the rest stay ready, first in line for the next pass, and the event loop
+   // reads its descriptors in between. So the loop is deaf for at most the budget plus the
+   // longest single task, however many tasks fall due together.
    std::size_t runPass();
+   double passBudget() const { return passBudget_; }
+   void passBudgetIs(double seconds) { passBudget_ = seconds; }
    // True when a task is ready or a timer is due by the current time.
    bool hasDueWork() const;
    // When the earliest timer is due; +infinity when there is none (ready tasks are not counted).
@@ -123,6 +129,7 @@ class TaskScheduler : public Kivo::Object {
    bool inPass_ = false;
    double currentStart_ = 0;
    double timeSlice_ = 0.01;
+   double passBudget_ = 0.05;
 };
 
 using TaskSchedulerRoot = TaskScheduler;

@@ -213,9 +213,10 @@ TEST(AgentSoak, EveryStreamStaysExactThroughChurnWithFlatMemoryAndShortStalls) {
    EXPECT_TRUE(final) << incomplete << " streams without the whole final table";
    EXPECT_EQ(errors, 0u) << "messages with a wrong sequence number";
    EXPECT_LE(rss.back(), rss.at(1) * 11 / 10) << rssText;
-   // The longest stall: a periodic transmission of every table to all 512 collectors runs in one
-   // pass of the loop (docs/RELIABILITY.md has the numbers).
-   EXPECT_LT(loopEnd["maxPassSeconds"], 60.0) << loopEnd;
+   // The longest stall: a pass starts no task after 50 ms, so it is one exporter's transmission
+   // to its collectors or one reload applied (parsing runs on a thread); 0.6 s at worst on a
+   // loaded two-core machine (docs/RELIABILITY.md has the numbers).
+   EXPECT_LT(loopEnd["maxPassSeconds"], 2.0) << loopEnd;
 }
 
 }  // namespace
