@@ -183,9 +183,11 @@ TEST_F(StatsTool, ControlSocketRefusesBadClientsAndTheAgentKeepsExporting) {
 
 // A collector without a listener: the ICMP port unreachable that comes back is counted as
 // "connection refused" against that collector alone, and shown by every view: the table, JSON,
-// Prometheus and the agent's status. Clearing the collector clears its failures.
-TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilCleared) {
-   std::string const d4 = "127.0.0.1:" + std::to_string(LoopbackCollector::unusedPort(false));
+// Prometheus and the agent's status. Clearing the collector clears its failures. A listener that
+// comes later gets the exporter's messages with nothing else done.
+TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedUntilClearedAndReachesALateOne) {
+   std::uint16_t const p4 = LoopbackCollector::unusedPort(false);
+   std::string const d4 = "127.0.0.1:" + std::to_string(p4);
    std::string const d6 = "[::1]:" + std::to_string(LoopbackCollector::unusedPort(true));
    start("          dead4: " + d4 + "\n          dead6: \"" + d6 + "\"\n");
    json all;
@@ -253,6 +255,8 @@ TEST_F(StatsTool, CollectorWithoutListenerShowsConnectionRefusedEverywhereUntilC
       }
    }
    EXPECT_TRUE(sawD4);
+   LoopbackCollector late(false, p4);
+   EXPECT_FALSE(late.drain(3000, 1).empty());
 }
 
 // An agent without a health table (an older one) still gets its statistics shown, with one
