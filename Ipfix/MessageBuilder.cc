@@ -140,68 +140,9 @@ Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data) {
    return DataRecord::dataRecordNew(data);
 }
 
-namespace {
-
-// The length octet of the short variable-length form.
-void addElementLen(std::uint8_t** pos, std::uint8_t const* max, std::size_t elementLen) {
-   // The short variable-length form: a single length octet, so at most 254 octets.
-   KIVO_ASSERT(elementLen < 255);
-   addElement(pos, max, static_cast<std::uint8_t>(elementLen));
-}
-
-void addElementOctets(std::uint8_t** pos, std::uint8_t const* max, std::string_view value) {
-   std::size_t const elementLen = value.size();
-   KIVO_ASSERT(*pos + elementLen <= max);
-   std::size_t const rc = value.copy(reinterpret_cast<char*>(*pos), elementLen);
-   KIVO_ASSERT(rc == elementLen);
-   *pos += rc;
-}
-
-}  // namespace
-
 void addElement(std::uint8_t** pos, std::uint8_t const* max, std::string_view value) {
    addElementLen(pos, max, value.size());
    addElementOctets(pos, max, value);
-}
-
-RecordField const& RecordWriter::nextField_p() {
-   KIVO_ASSERT(next_ < fields_.size());
-   return fields_[next_++];
-}
-
-void RecordWriter::addNumber_p(std::uint64_t value) {
-   RecordField const& field = nextField_p();
-   KIVO_ASSERT(!field.isVarLen());
-   KIVO_ASSERT(field.len == 8 || value >> (8 * field.len) == 0);
-   switch (field.len) {
-      case 1:
-         addElement(&cursor_.pos, cursor_.max, static_cast<std::uint8_t>(value));
-         break;
-      case 2:
-         addElement(&cursor_.pos, cursor_.max, static_cast<std::uint16_t>(value));
-         break;
-      case 4:
-         addElement(&cursor_.pos, cursor_.max, static_cast<std::uint32_t>(value));
-         break;
-      default:
-         addElement(&cursor_.pos, cursor_.max, value);
-         break;
-   }
-}
-
-void RecordWriter::add(std::string_view value) {
-   addLength(value.size());
-   addOctets(value);
-}
-
-void RecordWriter::addLength(std::size_t len) {
-   RecordField const& field = nextField_p();
-   KIVO_ASSERT(field.isVarLen());
-   addElementLen(&cursor_.pos, cursor_.max, len);
-}
-
-void RecordWriter::addOctets(std::string_view value) {
-   addElementOctets(&cursor_.pos, cursor_.max, value);
 }
 
 Kivo::Ptr<DataRecord const> RecordWriter::dataRecord() const {

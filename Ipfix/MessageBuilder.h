@@ -137,6 +137,20 @@ void addElement(std::uint8_t** pos, std::uint8_t const* max, BaseType value) {
    // clang-format on
    *pos = Pelto::storeBe(*pos, value);
 }
+// The length octet of the short variable-length form.
+inline void addElementLen(std::uint8_t** pos, std::uint8_t const* max, std::size_t elementLen) {
+   // The short variable-length form: a single length octet, so at most 254 octets.
+   KIVO_ASSERT(elementLen < 255);
+   addElement(pos, max, static_cast<std::uint8_t>(elementLen));
+}
+// The octets of a variable-length value, after its length.
+inline void addElementOctets(std::uint8_t** pos, std::uint8_t const* max, std::string_view value) {
+   std::size_t const elementLen = value.size();
+   KIVO_ASSERT(*pos + elementLen <= max);
+   std::size_t const rc = value.copy(reinterpret_cast<char*>(*pos), elementLen);
+   KIVO_ASSERT(rc == elementLen);
+   *pos += rc;
+}
 // One length octet, then the octets of `value`. Aborts for 255 octets or more.
 void addElement(std::uint8_t** pos, std::uint8_t const* max, std::string_view value);
 
@@ -165,17 +179,46 @@ class RecordWriter {
    requires std::unsigned_integral<V> || std::is_enum_v<V>
    void add(V value) { addNumber_p(static_cast<std::uint64_t>(value)); }
    // The next field, a variable-length value: addLength then addOctets.
-   void add(std::string_view value);
+   void add(std::string_view value) {
+      addLength(value.size());
+      addOctets(value);
+   }
    // The two halves of a variable-length field, for callers that check the record between them.
-   void addLength(std::size_t len);
-   void addOctets(std::string_view value);
+   void addLength(std::size_t len) {
+      RecordField const& field = nextField_p();
+      KIVO_ASSERT(field.isVarLen());
+      addElementLen(&cursor_.pos, cursor_.max, len);
+   }
+   void addOctets(std::string_view value) { addElementOctets(&cursor_.pos, cursor_.max, value); }
 
    // The record written, copied once into a new DataRecord. REQUIRES: every field written.
    Kivo::Ptr<DataRecord const> dataRecord() const;
 
  private:
-   RecordField const& nextField_p();
-   void addNumber_p(std::uint64_t value);
+   // Inline, as the writers are called once per field of every record of a table build.
+   RecordField const& nextField_p() {
+      KIVO_ASSERT(next_ < fields_.size());
+      return fields_[next_++];
+   }
+   void addNumber_p(std::uint64_t value) {
+      RecordField const& field = nextField_p();
+      KIVO_ASSERT(!field.isVarLen());
+      KIVO_ASSERT(field.len == 8 || value >> (8 * field.len) == 0);
+      switch (field.len) {
+         case 1:
+            addElement(&cursor_.pos, cursor_.max, static_cast<std::uint8_t>(value));
+            break;
+         case 2:
+            addElement(&cursor_.pos, cursor_.max, static_cast<std::uint16_t>(value));
+            break;
+         case 4:
+            addElement(&cursor_.pos, cursor_.max, static_cast<std::uint32_t>(value));
+            break;
+         default:
+            addElement(&cursor_.pos, cursor_.max, value);
+            break;
+      }
+   }
 
    std::span<RecordField const> fields_;
    std::size_t next_ = 0;

@@ -35,18 +35,6 @@ void BuilderWrapper::runFlush_p() {
    }
 }
 
-std::uint32_t BuilderWrapper::addSetRecord(TemplateId setId, DataRecordPtr const& record) {
-   std::uint32_t const consumed = builder_->addSetRecord(setId, record);
-   if (consumed > 0) {
-      if (runSetId_ != setId) {
-         runFlush_p();
-         runSetId_ = setId;
-      }
-      ++runCount_;
-   }
-   return consumed;
-}
-
 Kivo::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
    runFlush_p();
    msgWrap_->messageIs(builder_->finalizeMsg());

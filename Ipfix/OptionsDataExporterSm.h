@@ -93,8 +93,19 @@ class BuilderWrapper : public Kivo::Object {
    BuilderWrapper(std::uint16_t maxSize, std::uint32_t observationDomainId)
        : builder_(messageBuilderFactory(maxSize, observationDomainId)) {}
    void startMsg();
-   // Octets consumed; 0 when the record does not fit in this message.
-   std::uint32_t addSetRecord(TemplateId setId, DataRecordPtr const& record);
+   // Octets consumed; 0 when the record does not fit in this message. Inline: once per record
+   // of every table build.
+   std::uint32_t addSetRecord(TemplateId setId, DataRecordPtr const& record) {
+      std::uint32_t const consumed = builder_->addSetRecord(setId, record);
+      if (consumed > 0) {
+         if (runSetId_ != setId) {
+            runFlush_p();
+            runSetId_ = setId;
+         }
+         ++runCount_;
+      }
+      return consumed;
+   }
    // REQUIRES: at least one record since startMsg().
    Kivo::Ptr<MessageWrapper> finalizeMsg();
    bool empty() const { return builder_->recordCount() == 0; }
