@@ -23,6 +23,7 @@
 #include "Pelto/IpfixWire.h"
 #include "Trace/Dualog.h"
 #include "Vrf/VrfIdMap.h"
+#include "agent/Utf8.h"
 
 namespace Agent {
 
@@ -293,6 +294,13 @@ std::optional<std::string> Loader::scalar_p(Field const& f) {
    }
    if (!f.value.IsScalar()) {
       error_p(f.mark(), key + ": expected a single value, not a list or mapping");
+      return std::nullopt;
+   }
+   // A YAML file is UTF-8 text. Other bytes would not survive being written out again (the
+   // effective configuration, replies, JSON), so a value holding them is refused here, once for
+   // every field.
+   if (!isUtf8(f.value.Scalar())) {
+      error_p(f.mark(), key + ": value is not UTF-8 text");
       return std::nullopt;
    }
    return f.value.Scalar();

@@ -244,6 +244,8 @@ TEST(ConfigLoader, EveryRefusalNamesItsPosition) {
        {"sample-rate: 1000", "sample-rate: -1", "-1", "is not a whole decimal number"},
        {"sample-rate: 1000", "sample-rate: 0x10", "0x10", "is not a whole decimal number"},
        {"/ipfix-test-stats", "ipfix", "ipfix", "is not a shared-memory name"},
+       {"trace: \"\"", "trace: \"Kivo\xff\"", "\"Kivo", "trace: value is not UTF-8 text"},
+       {"name: Ethernet2", "name: Ether\xc3net2", "Ether\xc3", "name: value is not UTF-8 text"},
        {"/ipfix-test-stats", "/a/b", "/a/b", "is not a shared-memory name"},
        {"/ipfix-test-stats", "/..", "/..", "is not a shared-memory name"},
        {"/ipfix-test-stats", "/" + longName(201), "/x", "is not a shared-memory name"},
