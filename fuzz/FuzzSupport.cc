@@ -62,4 +62,19 @@ bool isolateNetwork() {
    return loopbackUp();
 }
 
+void confine(Agent::AgentConfig& config, char const* what, bool isolated) {
+   config.statisticsTable = shmName(what);
+   config.trace.clear();
+   if (isolated) {
+      return;
+   }
+   for (auto& [ftName, ft] : config.trackers) {
+      ft.softwareExport = false;
+      for (auto& [expName, exp] : ft.exporters) {
+         exp.source4.reset();
+         exp.source6.reset();
+      }
+   }
+}
+
 }  // namespace Fuzz

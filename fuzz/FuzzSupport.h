@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "agent/AgentConfig.h"
+
 // A property of the unit under test failed: report it and stop, so that libFuzzer keeps the input.
 #define FUZZ_CHECK(...)                                                                   \
    do {                                                                                   \
@@ -27,5 +29,10 @@ std::string shmName(char const* what);
 // out, every other destination is unreachable. False when neither was possible; the caller must
 // then keep the component from opening sockets at all.
 bool isolateNetwork();
+
+// Makes a configuration safe to run inside a fuzz target: its statistics table gets a name of
+// this process's own (see shmName), no trace file is written, and without a network of the
+// target's own (isolated false) no exporter gets a socket.
+void confine(Agent::AgentConfig& config, char const* what, bool isolated);
 
 }  // namespace Fuzz

@@ -24,18 +24,7 @@ void run(Kivo::Ptr<Orbo::TaskScheduler> const& scheduler, Kivo::ManualClock& clo
 }
 
 void build(Agent::AgentConfig config) {
-   config.statisticsTable = Fuzz::shmName("config");
-   config.trace.clear();
-   if (!isolated) {
-      // Without a network of our own nothing may be sent: no exporter gets a socket.
-      for (auto& [ftName, ft] : config.trackers) {
-         ft.softwareExport = false;
-         for (auto& [expName, exp] : ft.exporters) {
-            exp.source4.reset();
-            exp.source6.reset();
-         }
-      }
-   }
+   Fuzz::confine(config, "config", isolated);
    Agent::AgentConfig empty;
    empty.type = config.type;
    empty.statisticsTable = config.statisticsTable;

@@ -35,17 +35,7 @@ Agent::AgentConfig exampleConfig(bool isolated) {
    Agent::LoadResult r = Agent::loadConfigFile(IPFIX_SOURCE_DIR "/examples/ipfix-agent.yaml");
    FUZZ_CHECK(r.config.has_value());
    Agent::AgentConfig config = *r.config;
-   config.statisticsTable = Fuzz::shmName("control");
-   config.trace.clear();
-   if (!isolated) {
-      for (auto& [ftName, ft] : config.trackers) {
-         ft.softwareExport = false;
-         for (auto& [expName, exp] : ft.exporters) {
-            exp.source4.reset();
-            exp.source6.reset();
-         }
-      }
-   }
+   Fuzz::confine(config, "control", isolated);
    return config;
 }
 
