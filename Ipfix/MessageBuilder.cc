@@ -92,7 +92,7 @@ class RecordPool {
          return b;
       }
       if (size > static_cast<std::size_t>(end_ - next_)) {
-         chunks_.push_back(std::make_unique<std::byte[]>(chunkSize));
+         chunks_.push_back(std::make_unique_for_overwrite<std::byte[]>(chunkSize));
          next_ = chunks_.back().get();
          end_ = next_ + chunkSize;
       }
@@ -117,12 +117,16 @@ class RecordPool {
 
 }  // namespace
 
+Kivo::Ptr<DataRecord> DataRecord::make_p(std::size_t len) {
+   KIVO_ASSERT(len < Kivo::maxU16());
+   void* const mem = RecordPool::alloc(sizeof(DataRecord) + len);
+   return Kivo::Ptr<DataRecord>(new (mem) DataRecord(static_cast<std::uint16_t>(len)));
+}
+
 Kivo::Ptr<DataRecord> DataRecord::dataRecordNew(std::string_view data) {
-   KIVO_ASSERT(data.size() < Kivo::maxU16());
-   void* const mem = RecordPool::alloc(sizeof(DataRecord) + data.size());
-   auto* const r = new (mem) DataRecord(static_cast<std::uint16_t>(data.size()));
+   Kivo::Ptr<DataRecord> r = make_p(data.size());
    std::memcpy(r->octets_p(), data.data(), data.size());
-   return Kivo::Ptr<DataRecord>(r);
+   return r;
 }
 
 DataRecord::Storage DataRecord::storage() {
@@ -143,12 +147,6 @@ Kivo::Ptr<DataRecord> dataRecordFactory(Kivo::String const& data) {
 void addElement(std::uint8_t** pos, std::uint8_t const* max, std::string_view value) {
    addElementLen(pos, max, value.size());
    addElementOctets(pos, max, value);
-}
-
-Kivo::Ptr<DataRecord const> RecordWriter::dataRecord() const {
-   KIVO_ASSERT(next_ == fields_.size());
-   return DataRecord::dataRecordNew(std::string_view(
-       reinterpret_cast<char const*>(begin_), static_cast<std::size_t>(cursor_.pos - begin_)));
 }
 
 Message::Message(Kivo::Ptr<Pelto::Pkt> pkt)

@@ -73,7 +73,10 @@ class DataRecord {
 
  private:
    friend class DataRecordColl;
+   friend class RecordWriter;
 
+   // A record of `len` octets, not yet written. REQUIRES: len below 65535.
+   static Kivo::Ptr<DataRecord> make_p(std::size_t len);
    explicit DataRecord(std::uint16_t len) : len_(len) {}
    ~DataRecord() = default;
    void free_p() const;
@@ -154,11 +157,11 @@ inline void addElementOctets(std::uint8_t** pos, std::uint8_t const* max, std::s
 // One length octet, then the octets of `value`. Aborts for 255 octets or more.
 void addElement(std::uint8_t** pos, std::uint8_t const* max, std::string_view value);
 
-// Encodes one record into the caller's buffer, one field after the other in the order of
-// `fields`. Nothing is allocated and nothing is dispatched per field beyond the length of the
-// field. Writing a number into a variable-length field or the reverse, a number too large for
-// its field, a field more than the list has, or handing out a record before its last field is
-// a fatal assertion.
+// Encodes one record straight into a new DataRecord of recordLen(fields, varOctets) octets, one
+// field after the other in the order of `fields`. The record is allocated once, up front, and
+// nothing is dispatched per field beyond the length of the field. Writing a number into a
+// variable-length field or the reverse, a number too large for its field, a field more than the
+// list has, or handing out a record before its last field has filled it is a fatal assertion.
 class RecordWriter {
  public:
    // Where the next field goes and where the record ends.
@@ -167,9 +170,12 @@ class RecordWriter {
       std::uint8_t const* max;
    };
 
-   // The record starts at `begin`, which has room for recordLen(fields, varOctets) octets.
-   RecordWriter(std::span<RecordField const> fields, std::uint8_t* begin, std::size_t varOctets)
-       : fields_(fields), begin_(begin), cursor_{begin, begin + recordLen(fields, varOctets)} {}
+   // REQUIRES: recordLen(fields, varOctets) below 65535, as any record in a set.
+   RecordWriter(std::span<RecordField const> fields, std::size_t varOctets)
+       : fields_(fields), record_(DataRecord::make_p(recordLen(fields, varOctets))) {
+      cursor_.pos = reinterpret_cast<std::uint8_t*>(record_->octets_p());
+      cursor_.max = cursor_.pos + record_->dataLen();
+   }
 
    // The live cursor: it moves as fields are written.
    Cursor const& cursor() const { return cursor_; }
@@ -191,8 +197,12 @@ class RecordWriter {
    }
    void addOctets(std::string_view value) { addElementOctets(&cursor_.pos, cursor_.max, value); }
 
-   // The record written, copied once into a new DataRecord. REQUIRES: every field written.
-   Kivo::Ptr<DataRecord const> dataRecord() const;
+   // The record written, handed out once. REQUIRES: every field written.
+   Kivo::Ptr<DataRecord const> dataRecord() {
+      KIVO_ASSERT(next_ == fields_.size());
+      KIVO_ASSERT(cursor_.pos == cursor_.max);
+      return std::move(record_);
+   }
 
  private:
    // Inline, as the writers are called once per field of every record of a table build.
@@ -222,7 +232,7 @@ class RecordWriter {
 
    std::span<RecordField const> fields_;
    std::size_t next_ = 0;
-   std::uint8_t* begin_;
+   Kivo::Ptr<DataRecord> record_;
    Cursor cursor_;
 };
 

@@ -1,6 +1,5 @@
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
 
-#include <array>
 #include <charconv>
 #include <string_view>
 
@@ -121,8 +120,7 @@ DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
       }
    }
    KTRACE_TEXT(7, "templateId:" << templateId.value() << ", flowKey: 0x" << Hex(flowKey).view());
-   std::array<std::uint8_t, maxRecordLen(flowKeyTable.fields)> buf;
-   RecordWriter w(flowKeyTable.fields, buf.data(), 0);
+   RecordWriter w(flowKeyTable.fields, 0);
    w.add(templateId.value());
    w.add(flowKey);
    return w.dataRecord();

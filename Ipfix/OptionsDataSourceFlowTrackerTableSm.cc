@@ -1,7 +1,6 @@
 #include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
 
 #include <algorithm>
-#include <array>
 #include <ostream>
 
 #include "Trace/Trace.h"
@@ -88,10 +87,8 @@ DataRecordPtr FlowTrackerTableSm::makeDataRecord() const {
    std::uint32_t const samplingPopulation = hwStatus_->sampleRate();
    auto const flowTrackingType = static_cast<unsigned>(ftrType_);
 
-   // Sized for the longest name the length octet allows; the record ends where its name does.
-   std::array<std::uint8_t, maxRecordLen(flowTrackerTable.fields)> buf;
    RecordWriter w(
-       flowTrackerTable.fields, buf.data(),
+       flowTrackerTable.fields,
        std::min<std::size_t>(observationDomainName.size(), Pelto::IpfixConst::maxShortVarLen()));
    auto const& [pos, max] = w.cursor();
    w.add(observationDomainId);

@@ -1,7 +1,5 @@
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
 
-#include <array>
-
 #include "Trace/Trace.h"
 
 KTRACE_FACILITY(::Dualog::facility("InterfaceTableSm"))
@@ -60,8 +58,7 @@ DataRecordPtr InterfaceTableSm::makeDataRecord(Kivo::String const& intfName,
                                                std::uint32_t intfIndex) const {
    std::size_t const intfNameLen = intfName.size();
    KIVO_ASSERT(intfNameLen < 255);
-   std::array<U8, maxRecordLen(intfTable.fields)> buf;
-   RecordWriter w(intfTable.fields, buf.data(), intfNameLen);
+   RecordWriter w(intfTable.fields, intfNameLen);
    auto const& [pos, max] = w.cursor();
    // clang-format off
    KIVO_ASSERT(pos + sizeof( U32 ) < max);
@@ -84,13 +81,15 @@ void InterfaceTableSm::handleInitialized() {
    dataSource_->dataRecordDelAll();
    dataRecordDelAll();
    std::size_t const interfaces = intfIndexMap_->intfIndexColl().size();
-   dataRecord_.reserve(interfaces);
    dataSource_->dataRecordReserve(interfaces + IntfIndexMap::numReservedIntfs());
-   for (auto const& [intfId, intfIndex] : intfIndexMap_->intfIndexColl()) {
-      DataRecordPtr const record = makeDataRecord(intfId.stringValue(), intfIndex);
-      dataSource_->dataRecordIs(record);
+   {
       // The local table was just emptied and the map has each interface once.
-      dataRecord_.insert(*record);
+      DataRecordIndex<&nameOf>::Filler filler(dataRecord_, interfaces);
+      for (auto const& [intfId, intfIndex] : intfIndexMap_->intfIndexColl()) {
+         DataRecordPtr const record = makeDataRecord(intfId.stringValue(), intfIndex);
+         dataSource_->dataRecordIs(record);
+         filler.add(*record);
+      }
    }
    // Indexes the hardware reports for traffic that has no ordinary interface.
    struct Reserved {

@@ -1,6 +1,5 @@
 #include "Ipfix/OptionsDataSourceVrfTableSm.h"
 
-#include <array>
 #include <string_view>
 
 #include "Trace/Trace.h"
@@ -66,8 +65,7 @@ DataRecordPtr VrfTableSm::makeDataRecord(Vrf::VrfIdMap::VrfId vrfId,
    RecordName const vrfName{name};
    KIVO_ASSERT(vrfName.bytes() < 255);
    U8 const vrfNameLen = static_cast<U8>(vrfName.bytes());
-   std::array<U8, maxRecordLen(vrfTable.fields)> buf;
-   RecordWriter w(vrfTable.fields, buf.data(), vrfNameLen);
+   RecordWriter w(vrfTable.fields, vrfNameLen);
    auto const& [pos, max] = w.cursor();
    // clang-format off
    KIVO_ASSERT(pos + sizeof( U32 ) < max);

@@ -151,8 +151,7 @@ TEST(MessageBuilder, StampingWritesTimeAndSequenceNumberPerSend) {
 }
 
 TEST(RecordWriter, NumbersTakeTheirElementsWidthBigEndianAndNamesTheShortForm) {
-   std::uint8_t buf[64];
-   RecordWriter w(everyWidth, buf, 3);
+   RecordWriter w(everyWidth, 3);
    w.add(std::uint8_t{0x11});
    w.add(0x2233u);
    w.add(std::string_view("Et1"));
@@ -162,7 +161,7 @@ TEST(RecordWriter, NumbersTakeTheirElementsWidthBigEndianAndNamesTheShortForm) {
              (Bytes{0x11, 0x22, 0x33, 3, 'E', 't', '1', 0, 0, 0, 0x44, 1, 2, 3, 4, 5, 6, 7, 8}));
    // An empty name is its length octet alone.
    constexpr RecordField nameOnly[] = {recordField("VRFname")};
-   RecordWriter empty(nameOnly, buf, 0);
+   RecordWriter empty(nameOnly, 0);
    empty.add(std::string_view());
    EXPECT_EQ(bytes(empty.dataRecord()), Bytes{0});
 }
@@ -184,10 +183,9 @@ using RecordWriterDeathTest = ::testing::Test;
 // A record that does not follow its field list stops before anything wrong is handed out.
 TEST_F(RecordWriterDeathTest, RecordsThatDisagreeWithTheirFieldsStop) {
    using testsupport::assertText;
-   std::uint8_t buf[300];
    constexpr RecordField portAndName[] = {recordField("sourceTransportPort"),
                                           recordField("interfaceName")};
-   auto writer = [&] { return RecordWriter(portAndName, buf, 2); };
+   auto writer = [&] { return RecordWriter(portAndName, 2); };
    EXPECT_DEATH(writer().add(0x10000u),
                 assertText("field.len == 8 || value >> (8 * field.len) == 0"));
    EXPECT_DEATH(writer().add(std::string_view("ab")), assertText("field.isVarLen()"));

@@ -128,36 +128,48 @@ TEST_F(OptionsDataSourceIntfTable, ScriptOfIndexChanges) {
    EXPECT_EQ(counts(), (Counts{5, 4, 2}));
 }
 
-// The name index against a map as model: random inserts, replacements and removals over few
-// names keep a small table crowded, so probe runs wrap round its end and removals shift
-// followers back across it. Every name is looked up after every step, and every record's
-// references are given back when the index goes.
+// The name index against a map as model: it is filled as a table build fills it, then random
+// inserts, replacements and removals over few names keep a small table crowded, so probe runs
+// wrap round its end and removals shift followers back across it. Name i is i octets long, so
+// every length the hash reads differently (none, under 4, under 8, one or two words, more) is
+// there. Every name is looked up after every step, and every record's references are given back
+// when the index goes.
 std::string_view wholeRecord(DataRecord const& r) {
    return r.data();
 }
 
 TEST(DataRecordIndex, CrowdedTableAgreesWithAMapAndGivesBackEveryReference) {
+   constexpr int names = 40;
+   auto const name = [](std::uint32_t i) { return std::string(i, char('a' + i % 26)); };
    std::map<std::string, DataRecordPtr> model;
    std::vector<DataRecordPtr> made;
+   auto const make = [&](std::string const& n) {
+      made.push_back(DataRecord::dataRecordNew(n));
+      model[n] = made.back();
+      return made.back();
+   };
    {
       DataRecordIndex<&wholeRecord> index;
+      {
+         DataRecordIndex<&wholeRecord>::Filler filler(index, names / 2);
+         for (std::uint32_t i = 0; i < names; i += 2) {
+            filler.add(*make(name(i)));
+         }
+      }
       std::mt19937 rng(7);
       for (int step = 0; step < 20000; ++step) {
-         std::string const name = "e" + std::to_string(rng() % 40);
-         if (rng() % 3 == 0) {
-            index.erase(name);
-            model.erase(name);
-         } else {
-            made.push_back(DataRecord::dataRecordNew(name));
-            index.insert(*made.back());
-            model[name] = made.back();
+         std::string const n = name(rng() % names);
+         if (step > 0 && rng() % 3 == 0) {
+            index.erase(n);
+            model.erase(n);
+         } else if (step > 0) {
+            index.insert(*make(n));
          }
          ASSERT_EQ(index.size(), model.size()) << "step " << step;
-         for (int i = 0; i < 40; ++i) {
-            std::string const n = "e" + std::to_string(i);
-            auto const it = model.find(n);
-            ASSERT_EQ(index.find(n), it == model.end() ? nullptr : it->second.get())
-                << "step " << step << " name " << n;
+         for (std::uint32_t i = 0; i < names; ++i) {
+            auto const it = model.find(name(i));
+            ASSERT_EQ(index.find(name(i)), it == model.end() ? nullptr : it->second.get())
+                << "step " << step << " name " << i;
          }
       }
    }
