@@ -27,9 +27,10 @@
 
 namespace FlowTracking {
 
-// Interfaces and their indexes, both ways. The export component reads `intfIndex` only.
+// Interfaces and their indexes, both ways. The export component reads `intfIndex` only: one
+// lookup per change, and a walk of the whole map per table build, in no particular order.
 class IntfIndexMap : public Kivo::Object {
-   KIVO_VALUES(Pelto::IntfId, std::uint32_t, intfIndex, IntfIndex);
+   KIVO_VALUES_OF_KIND(Pelto::IntfId, std::uint32_t, ::Kivo::Dense, intfIndex, IntfIndex);
    KIVO_VALUES(std::uint32_t, Pelto::IntfId, intfId, IntfId);
 
  public:
@@ -56,6 +57,13 @@ Kivo::Ptr<IntfIndexMap> intfIndexMapFactory();
 // A row costs 8 to 16 octets of index and one hash of its key to insert or find.
 template <std::string_view (*KeyOf)(DataRecord const&)>
 class DataRecordIndex {
+   using Slot = std::uintptr_t;
+   // A record of the filler: its slot word (holding its reference) and its home slot.
+   struct Pending {
+      Slot slot;
+      std::size_t home;
+   };
+
  public:
    DataRecordIndex() = default;
    DataRecordIndex(DataRecordIndex const&) = delete;
@@ -98,40 +106,32 @@ class DataRecordIndex {
       r.ref();
       s = address_p(r) | (h & tagMask);
    }
-   // Fills the index from a table rebuild, one new record at a time as the rebuild makes them.
-   // The slots of a large index lie beyond the caches, so each record's key is hashed while the
-   // record is fresh and its home slot fetched, but it goes in only `ahead` records later: the
-   // misses overlap instead of queueing. Every record is in when the filler is destroyed.
-   // REQUIRES: no two added records, and no added record and one already in, share a key; the
-   // records stay alive until the filler is destroyed; nothing else uses the index meanwhile.
+   // Fills the index from a table rebuild. The slots of a large index lie beyond the caches, so
+   // inserting records in the order a table makes them would miss the cache on every one. The
+   // filler takes each record while it is fresh (its reference and its hash) and leaves the
+   // index alone; when it is destroyed it orders the records by home slot (a counting sort on
+   // the top bits) and writes the slots in that order, so that the slot array is written from
+   // one end to the other. Every record is in when the filler is destroyed.
+   // REQUIRES: no two added records, and no added record and one already in, share a key (keys
+   // are not compared); nothing else uses the index until the filler is destroyed.
    class Filler {
     public:
       Filler(DataRecordIndex& index, std::size_t n) : index_(index) {
          index.reserve(index.size() + n);
+         pending_.reserve(n);
       }
       Filler(Filler const&) = delete;
       Filler& operator=(Filler const&) = delete;
-      ~Filler() {
-         for (std::size_t i = added_ > ahead ? added_ - ahead : 0; i < added_; ++i) {
-            index_.insertNew_p(*pending_[i % ahead], hashes_[i % ahead]);
-         }
-      }
+      ~Filler() { index_.fill_p(pending_); }
       void add(DataRecord const& r) {
-         std::size_t const at = added_++ % ahead;
-         if (added_ > ahead) {
-            index_.insertNew_p(*pending_[at], hashes_[at]);
-         }
-         pending_[at] = &r;
-         hashes_[at] = hashOf_p(KeyOf(r));
-         __builtin_prefetch(&index_.slots_[index_.homeOf_p(hashes_[at])], 1);
+         std::uint64_t const h = hashOf_p(KeyOf(r));
+         r.ref();
+         pending_.push_back({address_p(r) | (h & tagMask), index_.homeOf_p(h)});
       }
 
     private:
-      static constexpr std::size_t ahead = 16;
       DataRecordIndex& index_;
-      std::size_t added_ = 0;
-      DataRecord const* pending_[ahead];
-      std::uint64_t hashes_[ahead];
+      std::vector<Pending> pending_;
    };
    void erase(std::string_view key) {
       if (slots_.empty()) {
@@ -157,7 +157,6 @@ class DataRecordIndex {
    }
 
  private:
-   using Slot = std::uintptr_t;
    static_assert(sizeof(Slot) == 8, "the tag lives in the top bits of a 64-bit address");
    static constexpr unsigned addressBits = 48;
    static constexpr std::uint64_t tagMask = ~((std::uint64_t{1} << addressBits) - 1);
@@ -167,13 +166,32 @@ class DataRecordIndex {
       KIVO_ASSERT((address >> addressBits) == 0);
       return address;
    }
-   // Room is reserved and the key is not in.
-   void insertNew_p(DataRecord const& r, std::uint64_t h) {
-      Slot& s = slots_[slotOf_p(KeyOf(r), h)];
-      KIVO_ASSERT(!s);
-      r.ref();
-      s = address_p(r) | (h & tagMask);
-      ++size_;
+   // Writes the pending records in the order of their home slots, each into the first free slot
+   // from its home on. Room is reserved and none of their keys is in.
+   void fill_p(std::vector<Pending> const& pending) {
+      constexpr unsigned bucketBits = 10;
+      std::size_t const mask = slots_.size() - 1;
+      unsigned const slotBits = 64 - shift_;
+      unsigned const bucketShift = slotBits > bucketBits ? slotBits - bucketBits : 0;
+      std::vector<std::uint32_t> start((std::size_t{1} << bucketBits) + 1);
+      for (Pending const& p : pending) {
+         ++start[(p.home >> bucketShift) + 1];
+      }
+      for (std::size_t b = 1; b < start.size(); ++b) {
+         start[b] += start[b - 1];
+      }
+      std::vector<Pending> ordered(pending.size());
+      for (Pending const& p : pending) {
+         ordered[start[p.home >> bucketShift]++] = p;
+      }
+      for (Pending const& p : ordered) {
+         std::size_t i = p.home;
+         while (slots_[i]) {
+            i = (i + 1) & mask;
+         }
+         slots_[i] = p.slot;
+      }
+      size_ += pending.size();
    }
    static DataRecord const* record_p(Slot s) {
       return reinterpret_cast<DataRecord const*>(s & ~tagMask);

@@ -5,7 +5,8 @@
 //   xInc(d)        bump a counter   onX()      the Signal a reactor watches
 // Collections are keyed; `is` creates (or returns the existing element), `del` removes one key,
 // `delAll` removes every key one by one. Each insertion, replacement or removal emits the key.
-// Ordered collections iterate in key order; Hashed ones in an order nothing may rely on.
+// Ordered collections iterate in key order; Hashed and Dense ones in an order nothing may rely
+// on.
 // Each can be given a SignalName, which traces of its observers' failures show.
 #pragma once
 
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "Kivo/DenseMap.h"
 #include "Kivo/Ptr.h"
 #include "Kivo/Signal.h"
 
@@ -34,6 +36,12 @@ struct Hashed {
    using Map = std::unordered_map<K, V>;
    template <class K>
    using Set = std::unordered_set<K>;
+};
+
+// Values only: entries in one array, walked from one end to the other (see DenseMap).
+struct Dense {
+   template <class K, class V>
+   using Map = DenseMap<K, V>;
 };
 
 template <class T>

@@ -68,14 +68,18 @@
    }
 
 #define KIVO_VALUES(Key, Type, name, Name) \
- public:                                   \
-   Type const* name(Key const& k) const {  \
-      return name##_.find(k);              \
-   }                                       \
-   void name##Is(Key const& k, Type v) {   \
-      name##_.is(k, std::move(v));         \
-   }                                       \
-   KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::ValueColl<Key, Type>), name, Name)
+   KIVO_VALUES_OF_KIND(Key, Type, ::Kivo::Ordered, name, Name)
+
+// KIVO_VALUES held in a collection of another kind (Kivo::Hashed, Kivo::Dense).
+#define KIVO_VALUES_OF_KIND(Key, Type, Kind, name, Name) \
+ public:                                                 \
+   Type const* name(Key const& k) const {                \
+      return name##_.find(k);                            \
+   }                                                     \
+   void name##Is(Key const& k, Type v) {                 \
+      name##_.is(k, std::move(v));                       \
+   }                                                     \
+   KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::ValueColl<Key, Type, Kind>), name, Name)
 
 #define KIVO_ENTITIES(Key, Type, name, Name)    \
  public:                                        \

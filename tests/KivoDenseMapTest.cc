@@ -1,0 +1,76 @@
+#include "Kivo/DenseMap.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+
+namespace {
+
+// Every key in one probe run: inserts wrap round the slot array and every removal shifts a long
+// run back.
+struct OneHash {
+   std::size_t operator()(std::uint32_t) const { return 42; }
+};
+
+// Random inserts, replacements and removals over `keys` keys against std::map as a model. After
+// every step each key is looked up, and a walk of the map must meet each model entry once.
+template <class K, class Hash>
+void agreesWithAMap(K (*key)(std::uint32_t), std::uint32_t keys, int steps) {
+   Kivo::DenseMap<K, std::uint32_t, Hash> map;
+   std::map<K, std::uint32_t> model;
+   std::mt19937 rng(11);
+   for (int step = 0; step < steps; ++step) {
+      K const k = key(rng() % keys);
+      if (rng() % 3 == 0) {
+         auto const it = map.find(k);
+         ASSERT_EQ(it != map.end(), model.count(k) == 1) << "step " << step;
+         if (it != map.end()) {
+            map.erase(it);
+            model.erase(k);
+         }
+      } else {
+         auto const v = static_cast<std::uint32_t>(step);
+         auto const [it, added] = map.emplace(k, v);
+         ASSERT_EQ(added, model.count(k) == 0) << "step " << step;
+         it->second = v;
+         model[k] = v;
+      }
+      ASSERT_EQ(map.size(), model.size()) << "step " << step;
+      for (std::uint32_t i = 0; i < keys; ++i) {
+         auto const it = map.find(key(i));
+         auto const m = model.find(key(i));
+         ASSERT_EQ(it == map.end(), m == model.end()) << "step " << step << " key " << i;
+         if (it != map.end()) {
+            ASSERT_EQ(it->second, m->second) << "step " << step << " key " << i;
+         }
+      }
+      std::map<K, std::uint32_t> walked;
+      for (auto const& [k2, v2] : map) {
+         ASSERT_TRUE(walked.emplace(k2, v2).second) << "step " << step;
+      }
+      ASSERT_EQ(walked, model) << "step " << step;
+   }
+}
+
+std::uint32_t number(std::uint32_t i) {
+   return i * 1024;  // identical low bits: the map must not take its slot from them
+}
+std::string name(std::uint32_t i) {
+   return "Ethernet" + std::to_string(i);
+}
+
+TEST(KivoDenseMap, IntegerKeysWhoseLowBitsAreAllEqualAgreeWithAMap) {
+   agreesWithAMap<std::uint32_t, std::hash<std::uint32_t>>(&number, 300, 3000);
+}
+
+TEST(KivoDenseMap, StringKeysAgreeWithAMap) {
+   agreesWithAMap<std::string, std::hash<std::string>>(&name, 300, 3000);
+}
+
+TEST(KivoDenseMap, KeysThatAllHashAlikeAgreeWithAMap) {
+   agreesWithAMap<std::uint32_t, OneHash>(&number, 40, 3000);
+}
+
+}  // namespace
