@@ -16,6 +16,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -169,7 +171,9 @@ class DataRecordIndex {
    // Writes the pending records in the order of their home slots, each into the first free slot
    // from its home on. Room is reserved and none of their keys is in.
    void fill_p(std::vector<Pending> const& pending) {
-      constexpr unsigned bucketBits = 10;
+      // Few enough buckets that the lines being written, one per bucket, stay in the first-level
+      // cache; a bucket's slots are then written within a few kilobytes.
+      constexpr unsigned bucketBits = 8;
       std::size_t const mask = slots_.size() - 1;
       unsigned const slotBits = 64 - shift_;
       unsigned const bucketShift = slotBits > bucketBits ? slotBits - bucketBits : 0;
@@ -180,11 +184,11 @@ class DataRecordIndex {
       for (std::size_t b = 1; b < start.size(); ++b) {
          start[b] += start[b - 1];
       }
-      std::vector<Pending> ordered(pending.size());
+      auto const ordered = std::make_unique_for_overwrite<Pending[]>(pending.size());
       for (Pending const& p : pending) {
          ordered[start[p.home >> bucketShift]++] = p;
       }
-      for (Pending const& p : ordered) {
+      for (Pending const& p : std::span(ordered.get(), pending.size())) {
          std::size_t i = p.home;
          while (slots_[i]) {
             i = (i + 1) & mask;
