@@ -110,6 +110,25 @@ TEST(PeltoUdpPam, OpenModeDeliversLearnsPortOnFirstSendAndAppliesTosAndSourceCha
    }
 }
 
+// The first send's source becomes the socket's own address; any other source still goes per
+// packet, and the bound one again after it.
+TEST(PeltoUdpPam, OpenModeIsBoundToItsFirstSourceAndOtherSourcesStillApply) {
+   LoopbackCollector rx(false);
+   UdpPam pam("udpPam4-t1-e1");
+   pam.modeIs(UdpPam::Mode::open);
+   aimAtLoopback(pam, rx.port());
+   for (std::string const src : {"127.0.0.2", "127.0.0.3", "127.0.0.2"}) {
+      pam.txSrcIpAddrIs(ip4(src.c_str()));
+      pam.txPktIs(pkt(src));
+      auto const got = receive(rx, src);
+      EXPECT_TRUE(got.srcAddr == src && got.srcPort == pam.rxPort()) << src;
+   }
+   sockaddr_in local{};
+   socklen_t len = sizeof(local);
+   ASSERT_EQ(getsockname(pam.fd(), reinterpret_cast<sockaddr*>(&local), &len), 0);
+   EXPECT_EQ(Pelto::IpAddr::fromInAddr(local.sin_addr), ip4("127.0.0.2"));
+}
+
 // 192.0.2.0/24 and 2001:db8::/32 are documentation ranges: assigned nowhere, never sent to.
 TEST(PeltoUdpPam, BoundModeReceivesOnItsPortAndAnAddressNotAssignedLeavesItClosed) {
    for (bool v6 : {false, true}) {

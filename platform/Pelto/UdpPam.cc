@@ -221,6 +221,35 @@ void UdpPam::close_() {
    }
    fd_ = -1;
    rxPort_ = 0;
+   srcBindTried_ = false;
+   boundSrc4_ = IpAddr();
+   boundSrc6_ = Ip6Addr();
+}
+
+// Binds an open-mode socket to the source of its first send, port chosen by the system. Sends
+// from that source then need no per-packet source; the kernel would otherwise route every
+// IP_PKTINFO datagram to check its source (about a fifth of a send's cost). Tried once per
+// socket: a socket that could not be bound (the address is not there yet, or a link-local IPv6
+// one) keeps the per-packet source, which works for any address.
+void UdpPam::bindSource_() {
+   srcBindTried_ = true;
+   int rc = -1;
+   if (fdV6_ && !txSrc6_.isZero()) {
+      sockaddr_in6 const sa = Ip6AndPort(txSrc6_, 0).toSockaddr();
+      rc = bind(fd_, reinterpret_cast<sockaddr const*>(&sa), sizeof(sa));
+   } else if (!fdV6_ && !txSrc4_.isZero()) {
+      sockaddr_in const sa = IpAndPort(txSrc4_, 0).toSockaddr();
+      rc = bind(fd_, reinterpret_cast<sockaddr const*>(&sa), sizeof(sa));
+   }
+   if (rc != 0) {
+      return;
+   }
+   if (fdV6_) {
+      boundSrc6_ = txSrc6_;
+   } else {
+      boundSrc4_ = txSrc4_;
+   }
+   learnPort_();
 }
 
 void UdpPam::applyTos_() {
@@ -320,6 +349,9 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
    if (txTos_ != appliedTos_) {
       applyTos_();
    }
+   if (mode_ == Mode::open && !srcBindTried_) {
+      bindSource_();
+   }
 
    iovec iov{const_cast<std::uint8_t*>(pkt->data()), pkt->bytes()};
    msghdr msg{};
@@ -335,7 +367,7 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
       dst.v6 = Ip6AndPort(txDst6_, txPort_).toSockaddr();
       msg.msg_name = &dst.v6;
       msg.msg_namelen = sizeof(dst.v6);
-      if (!txSrc6_.isZero()) {
+      if (!txSrc6_.isZero() && txSrc6_ != boundSrc6_) {
          msg.msg_control = control;
          msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
          cmsghdr* c = CMSG_FIRSTHDR(&msg);
@@ -350,7 +382,7 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
       dst.v4 = IpAndPort(txDst4_, txPort_).toSockaddr();
       msg.msg_name = &dst.v4;
       msg.msg_namelen = sizeof(dst.v4);
-      if (!txSrc4_.isZero()) {
+      if (!txSrc4_.isZero() && txSrc4_ != boundSrc4_) {
          msg.msg_control = control;
          msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
          cmsghdr* c = CMSG_FIRSTHDR(&msg);

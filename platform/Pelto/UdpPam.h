@@ -1,8 +1,9 @@
 // Pelto::UdpPam: a UDP packet access module, one socket of one address family.
 //
 // Configure it, then open it with modeIs():
-//   Mode::open   an unbound socket; the kernel picks the local port on the first send, and
-//                rxPort() reports it from then on;
+//   Mode::open   a socket bound at its first send: to that send's source address when it has
+//                one and the address is there, by the kernel otherwise; the system picks the
+//                local port, and rxPort() reports it from then on;
 //   Mode::bound  a socket bound to rxIpAddr / rxIp6Addr and rxPort (port 0: the system picks);
 //                rxPort() reports the bound port at once;
 //   Mode::closed closes the socket.
@@ -13,8 +14,9 @@
 // socket stays in the namespace it was created in.
 //
 // Sending: the transmit fields (source, destination, port, type of service) stay as last set, so a
-// sender always sets all of them before txPktIs(). The source address is applied per packet
-// (IP_PKTINFO / IPV6_PKTINFO), so it must be an address of the socket's namespace. A failed send
+// sender always sets all of them before txPktIs(). A source address other than the one an open
+// socket was bound to is applied per packet (IP_PKTINFO / IPV6_PKTINFO); either way it must be an
+// address of the socket's namespace. A failed send
 // is traced and counted (txErrors(), lastTxErrno()), never thrown.
 //
 // Errors that come back later: every socket asks for ICMP errors (IP_RECVERR / IPV6_RECVERR), so
@@ -126,6 +128,7 @@ class UdpPam : public Kivo::Object {
    void close_();
    void applyTos_();
    void learnPort_();
+   void bindSource_();
    void txFailed_(int err);
    // Reports and removes what the error queue holds; the number of ICMP errors found.
    int drainErrQueue_();
@@ -150,6 +153,11 @@ class UdpPam : public Kivo::Object {
    std::uint16_t txPort_ = 0;
    std::uint8_t txTos_ = 0;
    std::uint8_t appliedTos_ = 0;
+   // Open mode: whether the first send tried to bind the socket to its source, and the source
+   // it is bound to (zero: none, every source goes per packet).
+   bool srcBindTried_ = false;
+   IpAddr boundSrc4_;
+   Ip6Addr boundSrc6_;
 
    std::uint64_t txPkts_ = 0;
    std::uint64_t txBytes_ = 0;
