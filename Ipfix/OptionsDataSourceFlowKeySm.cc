@@ -96,13 +96,15 @@ void FlowKeySm::dataRecordIs(TemplateId templateId, DataRecordPtr const& record)
 DataRecordPtr FlowKeySm::makeDataRecord(TemplateId templateId) const {
    Kivo::Ptr<HwFlowTracking::TemplateStatus const> const templateStatus =
        hwFtStatus_->templateStatus(templateId);
-   if (!templateStatus) {
-      return nullptr;
-   }
+   return templateStatus ? makeDataRecord_p(templateId, *templateStatus) : nullptr;
+}
+
+DataRecordPtr FlowKeySm::makeDataRecord_p(
+    TemplateId templateId, HwFlowTracking::TemplateStatus const& templateStatus) const {
    std::uint64_t flowKey = 0;
    AddressFamily af = AddressFamily::none;
    // Entries are ordered by position.
-   for (auto const& [position, entry] : templateStatus->entries()) {
+   for (auto const& [position, entry] : templateStatus.entries()) {
       AddressFamily const fieldAf = addressFamily(entry->fieldId());
       if (fieldAf != AddressFamily::none) {
          if (af != AddressFamily::none && af != fieldAf) {
@@ -139,7 +141,7 @@ void FlowKeySm::handleInitialized() {
    dataSource_->dataRecordReserve(templates);
    for (auto const& [templateId, templateStatus] : hwFtStatus_->templateStatusColl()) {
       templateStatusIs(templateStatus);
-      if (DataRecordPtr const record = makeDataRecord(templateId)) {
+      if (DataRecordPtr const record = makeDataRecord_p(templateId, *templateStatus)) {
          dataSource_->dataRecordIs(record);
          dataRecordIs(templateId, record);
       }

@@ -17,11 +17,11 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_map>
 
 #include "HwFlowTracking/HwFlowTracking.h"
 #include "Ipfix/OptionsDataExporter.h"
 #include "Ipfix/OptionsTemplate.h"
+#include "Kivo/DenseMap.h"
 
 namespace FlowTracking {
 
@@ -75,13 +75,17 @@ class FlowKeySm : public Kivo::Object {
    // The record of a template present in hwFtStatus; null when its address families are mixed
    // (or it is not present).
    DataRecordPtr makeDataRecord(TemplateId templateId) const;
+   // The same from the template's status, already found (a full build walks them all).
+   DataRecordPtr makeDataRecord_p(TemplateId templateId,
+                                  HwFlowTracking::TemplateStatus const& templateStatus) const;
 
    Kivo::Ptr<OptionsDataSource> dataSource_;
    Kivo::Ptr<OptionsDataUpdate> dataUpdate_;
    Kivo::Ptr<HwFlowTracking::FtStatus const> hwFtStatus_;
    TemplateId setIdVal_;
-   std::unordered_map<TemplateId, Kivo::Reactor> templateStatus_;
-   std::unordered_map<TemplateId, DataRecordPtr> dataRecord_;
+   // Entries in one array each: a build adds one per template without allocating per entry.
+   Kivo::DenseMap<TemplateId, Kivo::Reactor> templateStatus_;
+   Kivo::DenseMap<TemplateId, DataRecordPtr> dataRecord_;
    bool initialized_ = false;
    Kivo::Reactor reactor_;
 };

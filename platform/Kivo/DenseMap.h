@@ -42,6 +42,17 @@ class DenseMap {
       return slots_.empty() || !slots_[s] ? end() : begin() + position_p(slots_[s]);
    }
 
+   bool contains(K const& k) const { return find(k) != end(); }
+   // The value of `k`, added as V() when `k` is not there.
+   V& operator[](K const& k) { return emplace(k, V()).first->second; }
+   // Room for `n` entries without growing.
+   void reserve(std::size_t n) {
+      entries_.reserve(n);
+      if (n * 2 > slots_.size()) {
+         rehash_p(n * 2);
+      }
+   }
+
    // Adds `k` unless it is there; the entry of `k` and whether it was added.
    std::pair<iterator, bool> emplace(K const& k, V v) {
       if ((entries_.size() + 1) * 2 > slots_.size()) {
@@ -81,6 +92,16 @@ class DenseMap {
          entries_[pos] = std::move(entries_[last]);
       }
       entries_.pop_back();
+   }
+
+   // Removes `k`; 1 if it was there, else 0.
+   std::size_t erase(K const& k) {
+      auto const it = find(k);
+      if (it == end()) {
+         return 0;
+      }
+      erase(it);
+      return 1;
    }
 
    void clear() {

@@ -62,6 +62,8 @@ class Connection {
       }
    }
    bool connected() const { return slot_ && slot_->connected(); }
+   // Whether this handle holds a slot, connected or not.
+   bool held() const { return static_cast<bool>(slot_); }
 
  private:
    Ptr<SlotBase> slot_;
@@ -208,26 +210,38 @@ class Reactor {
    Reactor(Reactor&&) = default;
    Reactor& operator=(Reactor&& o) {
       reset();
-      conns_ = std::move(o.conns_);
+      first_ = std::move(o.first_);
+      rest_ = std::move(o.rest_);
       return *this;
    }
    ~Reactor() { reset(); }
 
    template <class... Args, class F>
    void watch(Signal<Args...> const& signal, F&& fn) {
-      conns_.push_back(signal.connect(std::forward<F>(fn)));
+      Connection c = signal.connect(std::forward<F>(fn));
+      if (first_.held()) {
+         rest_.push_back(std::move(c));
+      } else {
+         first_ = std::move(c);
+      }
    }
    void reset() {
-      auto conns = std::move(conns_);
-      conns_.clear();
-      for (auto& c : conns) {
+      // Taken out first: a disconnection may release state that resets this reactor again.
+      Connection first = std::move(first_);
+      auto rest = std::move(rest_);
+      rest_.clear();
+      first.disconnect();
+      for (auto& c : rest) {
          c.disconnect();
       }
    }
-   bool empty() const { return conns_.empty(); }
+   bool empty() const { return !first_.held() && rest_.empty(); }
 
  private:
-   std::vector<Connection> conns_;
+   // Most reactors watch one signal (a state machine per table row, say): that connection is
+   // held inline, so such a reactor allocates nothing of its own.
+   Connection first_;
+   std::vector<Connection> rest_;
 };
 
 }  // namespace Kivo
