@@ -42,7 +42,7 @@ class DataRecordColl;
 //
 // A table holds one of these per row, so a record is kept small: a 12-octet header (reference
 // count, the slot of the table holding it, the length) with the octets right behind it, in one
-// block from a pool of 8-octet size classes. Only dataRecordNew makes one.
+// block from a pool of 8-octet size classes. Only dataRecordNew and a RecordWriter make one.
 class DataRecord {
  public:
    // A record of `data`'s octets. REQUIRES: fewer than 65535 octets, as any record in a set.
