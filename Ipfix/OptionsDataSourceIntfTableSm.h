@@ -13,7 +13,6 @@
 //   5  L  name octets, no terminator
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -25,6 +24,7 @@
 #include "Ipfix/OptionsDataExporter.h"
 #include "Ipfix/OptionsTemplate.h"
 #include "Kivo/Entity.h"
+#include "Kivo/LinearProbing.h"
 #include "Pelto/Address.h"
 
 namespace FlowTracking {
@@ -53,10 +53,10 @@ Kivo::Ptr<IntfIndexMap> intfIndexMapFactory();
 
 // Records found by a key they carry (KeyOf: DataRecord const& -> std::string_view), so that the
 // index keeps no copy of the keys: open addressing with linear probing over a power-of-two array,
-// at most 7/8 full, removal by shifting followers back (no tombstones). A slot is one word: the
-// record's address, holding one reference, with 16 bits of the key's hash in the top bits that
-// user-space addresses leave zero, so that a probe reads a record only when those bits match.
-// A row costs 8 to 16 octets of index and one hash of its key to insert or find.
+// at most 7/8 full, removal by shifting followers back (no tombstones; Kivo/LinearProbing.h). A
+// slot is one word: the record's address, holding one reference, with 16 bits of the key's hash in
+// the top bits that user-space addresses leave zero, so that a probe reads a record only when those
+// bits match. A row costs 8 to 16 octets of index and one hash of its key to insert or find.
 template <std::string_view (*KeyOf)(DataRecord const&)>
 class DataRecordIndex {
    using Slot = std::uintptr_t;
@@ -139,23 +139,14 @@ class DataRecordIndex {
       if (slots_.empty()) {
          return;
       }
-      std::size_t const mask = slots_.size() - 1;
-      std::size_t hole = slotOf_p(key, hashOf_p(key));
+      std::size_t const hole = slotOf_p(key, hashOf_p(key));
       if (!slots_[hole]) {
          return;
       }
       record_p(slots_[hole])->unref();
-      slots_[hole] = 0;
       --size_;
-      // Every follower whose home slot lies at or before the hole (going round) moves back into
-      // it, so that probing from each home still finds every record.
-      for (std::size_t i = (hole + 1) & mask; slots_[i]; i = (i + 1) & mask) {
-         std::size_t const home = homeOf_p(hashOf_p(KeyOf(*record_p(slots_[i]))));
-         if (((i - home) & mask) >= ((i - hole) & mask)) {
-            slots_[hole] = std::exchange(slots_[i], 0);
-            hole = i;
-         }
-      }
+      Kivo::freeSlotShiftingBack(
+          slots_, hole, [this](Slot s) { return homeOf_p(hashOf_p(KeyOf(*record_p(s)))); });
    }
 
  private:
@@ -174,7 +165,6 @@ class DataRecordIndex {
       // Few enough buckets that the lines being written, one per bucket, stay in the first-level
       // cache; a bucket's slots are then written within a few kilobytes.
       constexpr unsigned bucketBits = 8;
-      std::size_t const mask = slots_.size() - 1;
       unsigned const slotBits = 64 - shift_;
       unsigned const bucketShift = slotBits > bucketBits ? slotBits - bucketBits : 0;
       std::vector<std::uint32_t> start((std::size_t{1} << bucketBits) + 1);
@@ -189,11 +179,7 @@ class DataRecordIndex {
          ordered[start[p.home >> bucketShift]++] = p;
       }
       for (Pending const& p : std::span(ordered.get(), pending.size())) {
-         std::size_t i = p.home;
-         while (slots_[i]) {
-            i = (i + 1) & mask;
-         }
-         slots_[i] = p.slot;
+         slots_[Kivo::freeSlotFrom(slots_, p.home)] = p.slot;
       }
       size_ += pending.size();
    }
@@ -260,8 +246,7 @@ class DataRecordIndex {
       shift_ = 64 - bits;
       for (Slot s : old) {
          if (s) {
-            DataRecord const& r = *record_p(s);
-            slots_[slotOf_p(KeyOf(r), hashOf_p(KeyOf(r)))] = s;
+            slots_[Kivo::freeSlotFrom(slots_, homeOf_p(hashOf_p(KeyOf(*record_p(s)))))] = s;
          }
       }
    }

@@ -2,8 +2,8 @@
 // reads memory from one end to the other instead of chasing a node per entry. The entries are in
 // no particular order: a removal moves the last entry into the gap. They are found through an
 // open-addressing index (linear probing over a power-of-two array at most half full, removal by
-// shifting followers back) whose slots hold an entry's position and 32 bits of its key's hash,
-// so that a lookup reads an entry only when those bits match.
+// shifting followers back: Kivo/LinearProbing.h) whose slots hold an entry's position and 32 bits
+// of its key's hash, so that a lookup reads an entry only when those bits match.
 //
 // The subset of the std::map interface that Kivo's collections use. Inserting may move every
 // entry and removing moves the last one: both invalidate iterators and references to entries.
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Kivo/Assert.h"
+#include "Kivo/LinearProbing.h"
 
 namespace Kivo {
 
@@ -71,19 +72,9 @@ class DenseMap {
 
    void erase(iterator it) {
       std::size_t const pos = static_cast<std::size_t>(it - begin());
-      std::size_t hole = slotOf_p(it->first, hash_p(it->first));
+      std::size_t const hole = slotOf_p(it->first, hash_p(it->first));
       KIVO_ASSERT(slots_[hole] && position_p(slots_[hole]) == pos);
-      std::size_t const mask = slots_.size() - 1;
-      slots_[hole] = 0;
-      // Every follower whose home slot lies at or before the hole (going round) moves back into
-      // it, so that probing from each home still finds every entry.
-      for (std::size_t i = (hole + 1) & mask; slots_[i]; i = (i + 1) & mask) {
-         std::size_t const home = homeOf_p(slots_[i]);
-         if (((i - home) & mask) >= ((i - hole) & mask)) {
-            slots_[hole] = std::exchange(slots_[i], 0);
-            hole = i;
-         }
-      }
+      freeSlotShiftingBack(slots_, hole, [this](Slot s) { return homeOf_p(s); });
       // The last entry moves into the gap, and its slot follows it.
       std::size_t const last = entries_.size() - 1;
       if (pos != last) {
@@ -147,14 +138,9 @@ class DenseMap {
       }
       slots_.assign(std::size_t{1} << bits, 0);
       shift_ = 64 - bits;
-      std::size_t const mask = slots_.size() - 1;
       for (std::size_t pos = 0; pos < entries_.size(); ++pos) {
          Slot const w = slotWord_p(hash_p(entries_[pos].first), pos);
-         std::size_t i = homeOf_p(w);
-         while (slots_[i]) {
-            i = (i + 1) & mask;
-         }
-         slots_[i] = w;
+         slots_[freeSlotFrom(slots_, homeOf_p(w))] = w;
       }
    }
 
