@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -67,6 +68,34 @@ TEST(KivoSignal, HandlerDestroysItsOwnOrTheNextReactor) {
       EXPECT_EQ(calls, own ? (Log{"1", "2", "2"}) : (Log{"1", "1"}));
       EXPECT_EQ(e->x.signal().observers(), 1u);
    }
+}
+
+// Outside any emission each disconnection takes its slot out at once: slots keep their order as a
+// signal goes between none, one and several observers.
+TEST(KivoSignal, SlotsKeepTheirOrderAsObserversComeAndGo) {
+   auto e = make<Entity>();
+   Log calls;
+   std::map<String, Reactor> r;
+   auto watch = [&](String n) { r[n].watch(e->x.signal(), [&calls, n] { calls.push_back(n); }); };
+   auto emitted = [&] {
+      calls.clear();
+      e->x.inc(1);
+      return calls;
+   };
+   watch("A"), watch("B"), watch("C");
+   EXPECT_EQ(emitted(), (Log{"A", "B", "C"}));
+   r["B"].reset();
+   EXPECT_EQ(emitted(), (Log{"A", "C"}));
+   r["A"].reset();
+   EXPECT_EQ(emitted(), Log{"C"});
+   watch("D");
+   EXPECT_EQ(emitted(), (Log{"C", "D"}));
+   r["D"].reset(), r["C"].reset();
+   EXPECT_EQ(emitted(), Log{});
+   EXPECT_EQ(e->x.signal().observers(), 0u);
+   watch("E"), watch("F");
+   EXPECT_EQ(emitted(), (Log{"E", "F"}));
+   EXPECT_EQ(e->x.signal().observers(), 2u);
 }
 
 // For ASan: from inside each kind of change, the handler deletes the state machine holding its

@@ -119,12 +119,16 @@ class TemplateStatus : public Kivo::Object {
    }
    void entryDel(std::uint32_t position) { entry_.del(position); }
    void entryDelAll() { entry_.delAll(); }
-   Kivo::Coll<std::uint32_t, FtTemplateEntry> const& entries() const { return entry_; }
+   // In ascending position.
+   Kivo::Coll<std::uint32_t, FtTemplateEntry, Kivo::Sorted> const& entries() const {
+      return entry_;
+   }
    Kivo::Signal<std::uint32_t> const& onEntry() const { return entry_.signal(); }
 
  private:
    TemplateId templateId_;
-   Kivo::Coll<std::uint32_t, FtTemplateEntry> entry_;
+   // A template has tens of fields, read in order by every build of it.
+   Kivo::Coll<std::uint32_t, FtTemplateEntry, Kivo::Sorted> entry_;
 };
 
 // One flow tracker's hardware status.

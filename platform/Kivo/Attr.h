@@ -5,8 +5,8 @@
 //   xInc(d)        bump a counter   onX()      the Signal a reactor watches
 // Collections are keyed; `is` creates (or returns the existing element), `del` removes one key,
 // `delAll` removes every key one by one. Each insertion, replacement or removal emits the key.
-// Ordered collections iterate in key order; Hashed and Dense ones in an order nothing may rely
-// on.
+// Ordered and Sorted collections iterate in key order; Hashed and Dense ones in an order nothing
+// may rely on.
 // Each can be given a SignalName, which traces of its observers' failures show.
 #pragma once
 
@@ -21,6 +21,7 @@
 #include "Kivo/DenseMap.h"
 #include "Kivo/Ptr.h"
 #include "Kivo/Signal.h"
+#include "Kivo/SortedMap.h"
 
 namespace Kivo {
 
@@ -42,6 +43,12 @@ struct Hashed {
 struct Dense {
    template <class K, class V>
    using Map = DenseMap<K, V>;
+};
+
+// Small collections walked in key order: entries in one array, sorted (see SortedMap).
+struct Sorted {
+   template <class K, class V>
+   using Map = SortedMap<K, V>;
 };
 
 template <class T>

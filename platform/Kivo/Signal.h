@@ -69,6 +69,52 @@ class Connection {
    Ptr<SlotBase> slot_;
 };
 
+// The slots of one signal, in connection order. Most signals of a large table have one observer
+// (the state machine of that row), so the first slot is held inline and a list allocates only
+// from the second on.
+template <class S>
+class SlotList {
+ public:
+   std::size_t size() const { return more_.empty() ? (one_ ? 1 : 0) : more_.size(); }
+   bool empty() const { return !one_ && more_.empty(); }
+   Ptr<S>* begin() { return more_.empty() ? &one_ : more_.data(); }
+   Ptr<S>* end() { return begin() + size(); }
+   Ptr<S>& operator[](std::size_t i) { return begin()[i]; }
+
+   void push_back(Ptr<S> s) {
+      if (empty()) {
+         one_ = std::move(s);
+         return;
+      }
+      if (more_.empty()) {
+         more_.push_back(std::move(one_));
+      }
+      more_.push_back(std::move(s));
+   }
+   // Removes the element at `i`, keeping the order of the others.
+   void eraseAt(std::size_t i) {
+      if (more_.empty()) {
+         one_ = nullptr;
+         return;
+      }
+      more_.erase(more_.begin() + static_cast<std::ptrdiff_t>(i));
+      if (more_.size() == 1) {
+         one_ = std::move(more_.front());
+         more_.clear();
+      }
+   }
+   void swap(SlotList& o) {
+      std::swap(one_, o.one_);
+      more_.swap(o.more_);
+   }
+
+ private:
+   // Invariant: either more_ is empty and one_ holds the only element (or nothing), or more_
+   // holds every element (two or more) and one_ is null.
+   Ptr<S> one_;
+   std::vector<Ptr<S>> more_;
+};
+
 template <class... Args>
 class Signal {
  public:
@@ -106,7 +152,16 @@ class Signal {
       // Copied: a handler may destroy this signal and still throw.
       char const* const sigName = name();
       Frame frame{frames_, false};
+      // The frame is unlinked by `unwind` below on every way out, or left behind only when this
+      // signal is gone; the compiler cannot see that.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+#endif
       frames_ = &frame;
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
       struct Unwind {
          Signal const* sig;
          Frame* frame;
@@ -138,7 +193,9 @@ class Signal {
    }
 
    // What the signal reports on; "(unnamed)" when it was not given a name.
-   char const* name() const { return name_ ? name_ : "(unnamed)"; }
+   char const* name() const {
+      return name_ ? name_ : "(unnamed)";
+   }
 
    // Number of connected slots.
    std::size_t observers() const {
@@ -175,9 +232,9 @@ class Signal {
          dirty_ = true;  // erased once the outermost emission ends
          return;
       }
-      for (auto it = slots_.begin(); it != slots_.end(); ++it) {
-         if (it->get() == s) {
-            slots_.erase(it);
+      for (std::size_t i = 0; i < slots_.size(); ++i) {
+         if (slots_[i].get() == s) {
+            slots_.eraseAt(i);
             return;
          }
       }
@@ -186,7 +243,7 @@ class Signal {
       // The dead slots leave the vector before they are released. Releasing a slot releases its
       // handler and whatever that owns, which may disconnect another slot of this signal (back
       // into remove_) or destroy this signal's owner; neither may happen inside the erase.
-      std::vector<Ptr<Slot>> live, dead;
+      SlotList<Slot> live, dead;
       for (auto& s : slots_) {
          (s->live ? live : dead).push_back(std::move(s));
       }
@@ -195,7 +252,7 @@ class Signal {
    }
 
    char const* name_ = nullptr;
-   mutable std::vector<Ptr<Slot>> slots_;
+   mutable SlotList<Slot> slots_;
    mutable Frame* frames_ = nullptr;
    mutable bool dirty_ = false;
 };

@@ -1,10 +1,13 @@
-#include "Kivo/DenseMap.h"
-
 #include <gtest/gtest.h>
 
+#include "Kivo/DenseMap.h"
+#include "Kivo/SortedMap.h"
+
+#include <algorithm>
 #include <map>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -15,10 +18,11 @@ struct OneHash {
 };
 
 // Random inserts, replacements and removals over `keys` keys against std::map as a model. After
-// every step each key is looked up, and a walk of the map must meet each model entry once.
-template <class K, class Hash>
-void agreesWithAMap(K (*key)(std::uint32_t), std::uint32_t keys, int steps) {
-   Kivo::DenseMap<K, std::uint32_t, Hash> map;
+// every step each key is looked up, and a walk of the map must meet each model entry once (and,
+// for a map that keeps its keys sorted, in the model's order).
+template <class Map, class K = typename Map::value_type::first_type>
+void agreesWithAMap(K (*key)(std::uint32_t), std::uint32_t keys, int steps, bool inKeyOrder) {
+   Map map;
    std::map<K, std::uint32_t> model;
    std::mt19937 rng(11);
    for (int step = 0; step < steps; ++step) {
@@ -46,11 +50,12 @@ void agreesWithAMap(K (*key)(std::uint32_t), std::uint32_t keys, int steps) {
             ASSERT_EQ(it->second, m->second) << "step " << step << " key " << i;
          }
       }
-      std::map<K, std::uint32_t> walked;
-      for (auto const& [k2, v2] : map) {
-         ASSERT_TRUE(walked.emplace(k2, v2).second) << "step " << step;
+      std::vector<std::pair<K, std::uint32_t>> walked(map.begin(), map.end());
+      if (!inKeyOrder) {
+         std::sort(walked.begin(), walked.end());
       }
-      ASSERT_EQ(walked, model) << "step " << step;
+      ASSERT_EQ(walked, (std::vector<std::pair<K, std::uint32_t>>(model.begin(), model.end())))
+          << "step " << step;
    }
 }
 
@@ -62,15 +67,22 @@ std::string name(std::uint32_t i) {
 }
 
 TEST(KivoDenseMap, IntegerKeysWhoseLowBitsAreAllEqualAgreeWithAMap) {
-   agreesWithAMap<std::uint32_t, std::hash<std::uint32_t>>(&number, 300, 3000);
+   agreesWithAMap<Kivo::DenseMap<std::uint32_t, std::uint32_t>>(&number, 300, 3000, false);
 }
 
 TEST(KivoDenseMap, StringKeysAgreeWithAMap) {
-   agreesWithAMap<std::string, std::hash<std::string>>(&name, 300, 3000);
+   agreesWithAMap<Kivo::DenseMap<std::string, std::uint32_t>>(&name, 300, 3000, false);
 }
 
 TEST(KivoDenseMap, KeysThatAllHashAlikeAgreeWithAMap) {
-   agreesWithAMap<std::uint32_t, OneHash>(&number, 40, 3000);
+   agreesWithAMap<Kivo::DenseMap<std::uint32_t, std::uint32_t, OneHash>>(&number, 40, 3000, false);
+}
+
+// String keys sort differently from their numbers ("Ethernet10" before "Ethernet2"), so the walk
+// order is the map's own, not the order of insertion.
+TEST(KivoSortedMap, IntegerAndStringKeysAgreeWithAMapAndWalkInKeyOrder) {
+   agreesWithAMap<Kivo::SortedMap<std::uint32_t, std::uint32_t>>(&number, 60, 2000, true);
+   agreesWithAMap<Kivo::SortedMap<std::string, std::uint32_t>>(&name, 60, 2000, true);
 }
 
 }  // namespace
