@@ -363,6 +363,16 @@ TEST_F(OptionsDataSourceFlowKey, ScriptOfTemplateChanges) {
    EXPECT_EQ(counts(), (Counts{1, version + 1, 3}));
    removed->genIdIs(99);  // no longer followed
    EXPECT_EQ(source->version(), version + 1);
+
+   // The mixed template is followed without a record until it is regenerated whole, then removed.
+   EXPECT_TRUE(KeyProbe::templateStatus(*sm, 301) && !KeyProbe::dataRecord(*sm, 301));
+   templateIs(301, {{0, 27, true}, {1, 28, false}});
+   EXPECT_EQ(bytes(KeyProbe::dataRecord(*sm, 301)), bytes({0x01, 0x2D, 0, 0, 0, 0, 0, 0, 0, 1}));
+   EXPECT_EQ(source->dataRecords(), 2u);
+   ftStatus->templateStatusDel(301);
+   EXPECT_FALSE(KeyProbe::dataRecord(*sm, 301) || KeyProbe::templateStatus(*sm, 301));
+   EXPECT_EQ(std::tuple(source->dataRecords(), bool(KeyProbe::dataRecord(*sm, 302))),
+             std::tuple(1u, true));
 }
 
 }  // namespace
