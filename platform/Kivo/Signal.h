@@ -240,7 +240,7 @@ class Signal {
       }
    }
    void compact_() const {
-      // The dead slots leave the vector before they are released. Releasing a slot releases its
+      // The dead slots leave the list before they are released. Releasing a slot releases its
       // handler and whatever that owns, which may disconnect another slot of this signal (back
       // into remove_) or destroy this signal's owner; neither may happen inside the erase.
       SlotList<Slot> live, dead;
