@@ -3,8 +3,9 @@
 // of chasing a tree node per entry, and a lookup is a binary search. Inserting or removing moves
 // the entries after that position, so keep it to collections of tens of entries.
 //
-// The subset of the std::map interface that Kivo's collections use. Inserting and removing
-// invalidate iterators and references to entries at and after that position.
+// The subset of the std::map interface that Kivo's collections use (Coll, ValueColl), and no
+// more. Inserting and removing invalidate iterators and references to entries at and after that
+// position.
 #pragma once
 
 #include <algorithm>
@@ -37,10 +38,6 @@ class SortedMap {
       auto const it = lowerBound_p(entries_, k);
       return it != end() && !Less()(k, it->first) ? it : end();
    }
-   bool contains(K const& k) const { return find(k) != end(); }
-   // The value of `k`, added as V() when `k` is not there.
-   V& operator[](K const& k) { return emplace(k, V()).first->second; }
-   void reserve(std::size_t n) { entries_.reserve(n); }
 
    // Adds `k` unless it is there; the entry of `k` and whether it was added.
    std::pair<iterator, bool> emplace(K const& k, V v) {
@@ -52,15 +49,6 @@ class SortedMap {
    }
 
    void erase(iterator it) { entries_.erase(it); }
-   // Removes `k`; 1 if it was there, else 0.
-   std::size_t erase(K const& k) {
-      auto const it = find(k);
-      if (it == end()) {
-         return 0;
-      }
-      erase(it);
-      return 1;
-   }
    void clear() { entries_.clear(); }
 
  private:
