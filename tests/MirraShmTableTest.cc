@@ -78,12 +78,18 @@ void fill(W& w, std::uint32_t from, std::uint32_t to) {
 }
 
 Ids range(std::uint32_t from, std::uint32_t to) {
-   auto r = std::views::iota(from, to);
-   return {r.begin(), r.end()};
+   Ids s;
+   for (std::uint32_t id = from; id < to; ++id) {
+      s.insert(s.end(), id);
+   }
+   return s;
 }
 Ids ids(std::vector<Key> const& keys) {
-   auto r = keys | std::views::transform(&Key::id);
-   return {r.begin(), r.end()};
+   Ids s;
+   for (Key const& k : keys) {
+      s.insert(k.id);
+   }
+   return s;
 }
 // The ids below `to` that `t` finds one by one, and those it iterates over; ~0 for a value found
 // under another key.
@@ -547,8 +553,8 @@ TEST_F(MirraShmTable, SegmentsOfAnotherUserOrWritableByOthersAreRefused) {
    chown(w.dataSegmentName(), 0);
 
    for (std::string const& segment : {name, std::string(w.dataSegmentName())}) {
-      for (auto [mode, octal] : {std::pair{0666, "0666"}, {0620, "0620"}}) {
-         withFd(segment, [&](int fd) { ASSERT_EQ(fchmod(fd, mode), 0); });
+      for (auto const& [mode, octal] : {std::pair{0666, "0666"}, {0620, "0620"}}) {
+         withFd(segment, [&, mode = mode](int fd) { ASSERT_EQ(fchmod(fd, mode), 0); });
          expectRefused([&] { Reader r(name); },
                        std::string("writable by users other than its owner (mode ") + octal + ")");
       }

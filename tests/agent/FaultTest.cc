@@ -148,7 +148,12 @@ TEST(AgentFault, SighupStormDuringAFullTableLosesNothing) {
       return s.names.size() == count + 4;  // and the four reserved interfaces
    };
    ASSERT_TRUE(receiveUntil(
-       {{&c4, &r4}, {&c6, &r6}}, [&] { return whole(r4, s4) & whole(r6, s6); }, 60s))
+       {{&c4, &r4}, {&c6, &r6}},
+       [&] {
+          bool const all4 = whole(r4, s4);  // both streams are decoded on every poll
+          return whole(r6, s6) && all4;
+       },
+       60s))
        << s4.names.size() << " and " << s6.names.size() << " names\n"
        << agent.log();
    for (Seen const* s : {&s4, &s6}) {

@@ -27,7 +27,7 @@ union SockAddr {
 
 }  // namespace
 
-LoopbackCollector::LoopbackCollector(bool ipv6, std::uint16_t port) : ipv6_(ipv6) {
+LoopbackCollector::LoopbackCollector(bool ipv6, std::uint16_t port) {
    fd_ = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (fd_ < 0) {
       throw std::runtime_error(std::string("socket: ") + std::strerror(errno));

@@ -45,7 +45,6 @@ class LoopbackCollector {
 
  private:
    int fd_ = -1;
-   bool ipv6_;
    std::uint16_t port_ = 0;
    Decoder decoder_;
 };
