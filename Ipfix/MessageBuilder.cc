@@ -52,8 +52,15 @@ class RecordPool {
    static constexpr std::size_t chunkSize = 64 * 1024;
    static_assert(alignof(DataRecord) <= granule);
 
+   // GCC names AddressSanitizer with a macro, clang as a feature.
 #if defined(__SANITIZE_ADDRESS__)
    static constexpr bool enabled = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+   static constexpr bool enabled = false;
+#else
+   static constexpr bool enabled = true;
+#endif
 #else
    static constexpr bool enabled = true;
 #endif
