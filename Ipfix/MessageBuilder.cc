@@ -15,6 +15,13 @@ namespace FlowTracking {
 
 using Pelto::IpfixConst;
 
+// GCC names AddressSanitizer with a macro, clang as a feature.
+#if defined(__has_feature)
+#define IPFIX_HAS_FEATURE(f) __has_feature(f)
+#else
+#define IPFIX_HAS_FEATURE(f) 0
+#endif
+
 namespace {
 
 // Where records live. Blocks of up to maxPooled octets come from free lists, one per 8-octet size
@@ -52,15 +59,8 @@ class RecordPool {
    static constexpr std::size_t chunkSize = 64 * 1024;
    static_assert(alignof(DataRecord) <= granule);
 
-   // GCC names AddressSanitizer with a macro, clang as a feature.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || IPFIX_HAS_FEATURE(address_sanitizer)
    static constexpr bool enabled = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-   static constexpr bool enabled = false;
-#else
-   static constexpr bool enabled = true;
-#endif
 #else
    static constexpr bool enabled = true;
 #endif
