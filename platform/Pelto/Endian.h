@@ -3,7 +3,9 @@
 // they can be laid over any offset of a packet.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 
 namespace Pelto {
 
@@ -11,17 +13,29 @@ template <class T>
 struct BigEndian {
    std::uint8_t b[sizeof(T)];
 
+   // One load or store and a byte swap: the octets are copied whole, never one at a time.
    T get() const {
-      T v = 0;
-      for (std::uint8_t x : b) {
-         v = static_cast<T>((v << 8) | x);
-      }
-      return v;
+      T v;
+      std::memcpy(&v, b, sizeof(T));
+      return fromNative_p(v);
    }
    void set(T v) {
-      for (int i = static_cast<int>(sizeof(T)) - 1; i >= 0; --i) {
-         b[i] = static_cast<std::uint8_t>(v & 0xff);
-         v = static_cast<T>(v >> 8);
+      v = fromNative_p(v);
+      std::memcpy(b, &v, sizeof(T));
+   }
+
+ private:
+   // Swapping is its own inverse, so the one function serves both ways.
+   static T fromNative_p(T v) {
+      if constexpr (sizeof(T) == 1 || std::endian::native == std::endian::big) {
+         return v;
+      } else if constexpr (sizeof(T) == 2) {
+         return __builtin_bswap16(v);
+      } else if constexpr (sizeof(T) == 4) {
+         return __builtin_bswap32(v);
+      } else {
+         static_assert(sizeof(T) == 8, "integers of 1, 2, 4 or 8 octets");
+         return __builtin_bswap64(v);
       }
    }
 };
