@@ -103,6 +103,8 @@ DataRecordPtr FlowKeySm::makeDataRecord_p(
     TemplateId templateId, HwFlowTracking::TemplateStatus const& templateStatus) const {
    std::uint64_t flowKey = 0;
    AddressFamily af = AddressFamily::none;
+   // Asked once: a full build reads thousands of templates of tens of fields each.
+   bool const traceFields = ktraceFacility_p().on(8);
    // Entries are ordered by position.
    for (auto const& [position, entry] : templateStatus.entries()) {
       AddressFamily const fieldAf = addressFamily(entry->fieldId());
@@ -116,8 +118,10 @@ DataRecordPtr FlowKeySm::makeDataRecord_p(
       if (entry->flowKey()) {
          // Per-field detail: the text trace only, so that a full build of thousands of templates
          // does not fill the always-on ring with it.
-         KTRACE_TEXT(
-             8, "TemplateId:" << templateId.value() << ", Field:" << position << " is flowKey");
+         if (traceFields) {
+            KTRACE_TEXT(
+                8, "TemplateId:" << templateId.value() << ", Field:" << position << " is flowKey");
+         }
          flowKey |= flowKeyBit(position);
       }
    }

@@ -283,6 +283,9 @@ class Reactor {
       }
    }
    void reset() {
+      if (empty()) {
+         return;  // the common case of a row's reactor that is about to watch
+      }
       // Taken out first: a disconnection may release state that resets this reactor again.
       Connection first = std::move(first_);
       auto rest = std::move(rest_);
