@@ -42,7 +42,7 @@ class DataRecordColl;
 //
 // A table holds one of these per row, so a record is kept small: a 12-octet header (reference
 // count, the slot of the table holding it, the length) with the octets right behind it, in one
-// block from a pool of 8-octet size classes. Only dataRecordNew and a RecordWriter make one.
+// block from Kivo::Pool. Only dataRecordNew and a RecordWriter make one.
 class DataRecord {
  public:
    // A record of `data`'s octets. REQUIRES: fewer than 65535 octets, as any record in a set.
@@ -62,14 +62,6 @@ class DataRecord {
       }
    }
    std::uint32_t refCount() const noexcept { return refs_.count(); }
-
-   // The pool's chunks and the octets of them that live records take: what every table's rows
-   // cost in memory (chunks are never given back, so a heap count alone does not tell).
-   struct Storage {
-      std::size_t chunkBytes;
-      std::size_t liveBytes;
-   };
-   static Storage storage();
 
  private:
    friend class DataRecordColl;

@@ -14,6 +14,7 @@
 #include "Ipfix/OptionsDataExporterSm.h"
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
+#include "Kivo/Pool.h"
 #include "Pelto/Endian.h"
 #include "bench/Reference.h"
 
@@ -21,11 +22,11 @@ using namespace FlowTracking;
 
 namespace {
 
-// Heap octets in use: what the allocator handed out, with the record pool's chunks counted by
-// the records living in them (the pool keeps chunks, so an earlier benchmark's leave free room).
+// Heap octets in use: what the allocator handed out, with the pool's chunks counted by the blocks
+// living in them (the pool keeps chunks, so an earlier benchmark's leave free room).
 std::size_t heapInUse() {
-   DataRecord::Storage const records = DataRecord::storage();
-   return mallinfo2().uordblks - records.chunkBytes + records.liveBytes;
+   Kivo::Pool::Storage const pooled = Kivo::Pool::storage();
+   return mallinfo2().uordblks - pooled.chunkBytes + pooled.liveBytes;
 }
 
 // One exporter of tracker "t" (observation domain Bench::domain) with an MTU giving messages of

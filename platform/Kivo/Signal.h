@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "Kivo/Pool.h"
 #include "Kivo/Ptr.h"
 
 namespace Kivo {
@@ -135,6 +136,7 @@ class Signal {
 
    // Observers connect through a const entity: observing does not change what is observed.
    Connection connect(Handler fn) const {
+      static_assert(alignof(Slot) <= 8, "pool blocks are aligned to 8 octets");
       Ptr<Slot> s = make<Slot>(std::move(fn), this);
       slots_.push_back(s);
       return Connection(s);
@@ -207,7 +209,8 @@ class Signal {
    }
 
  private:
-   struct Slot : SlotBase {
+   // Pooled: a table's rows each connect one, and a rebuild makes them all again.
+   struct Slot : SlotBase, Pooled {
       Slot(Handler f, Signal const* sig) : fn(std::move(f)), signal(sig) {}
       void disconnect() override {
          if (live) {
