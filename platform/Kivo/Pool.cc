@@ -25,7 +25,7 @@ void* Pool::carve_p(std::size_t size) {
 }
 
 Pool::Storage Pool::storage() {
-   Lock lock(mutex_);
+   Lock lock;
    return {chunkCount_ * chunkSize, liveBytes_};
 }
 

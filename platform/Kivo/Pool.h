@@ -37,7 +37,7 @@ class Pool {
          return ::operator new(n);
       }
       std::size_t const c = classOf_p(n);
-      Lock lock(mutex_);
+      Lock lock;
       liveBytes_ += (c + 1) * granule;
       if (FreeBlock* const b = free_[c]) {
          free_[c] = b->next;
@@ -52,7 +52,7 @@ class Pool {
          return;
       }
       std::size_t const c = classOf_p(n);
-      Lock lock(mutex_);
+      Lock lock;
       liveBytes_ -= (c + 1) * granule;
       auto* const b = static_cast<FreeBlock*>(p);
       b->next = free_[c];
@@ -84,12 +84,23 @@ class Pool {
    }
 
 #ifdef KIVO_THREAD_SAFE_PTR
-   using Mutex = std::mutex;
-   using Lock = std::lock_guard<std::mutex>;
+   class Lock {
+    public:
+      Lock() { mutex_p().lock(); }
+      ~Lock() { mutex_p().unlock(); }
+      Lock(Lock const&) = delete;
+      Lock& operator=(Lock const&) = delete;
+
+    private:
+      // Never destroyed: objects may be dropped by other objects' destructors at exit.
+      static std::mutex& mutex_p() {
+         static auto* const m = new std::mutex;
+         return *m;
+      }
+   };
 #else
-   struct Mutex {};
    struct Lock {
-      explicit Lock(Mutex&) {}
+      Lock() {}  // user-provided, so that an unused lock is not warned about
    };
 #endif
    struct FreeBlock {
@@ -100,7 +111,6 @@ class Pool {
    static void* carve_p(std::size_t size);
 
    // Plain words, so that nothing here is torn down at exit while objects may still be dropped.
-   static inline Mutex mutex_;
    static inline std::array<FreeBlock*, maxPooled / granule> free_{};
    static inline std::byte* lastChunk_ = nullptr;
    static inline std::byte* next_ = nullptr;

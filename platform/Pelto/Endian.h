@@ -17,16 +17,16 @@ struct BigEndian {
    T get() const {
       T v;
       std::memcpy(&v, b, sizeof(T));
-      return fromNative_p(v);
+      return networkOrder_p(v);
    }
    void set(T v) {
-      v = fromNative_p(v);
+      v = networkOrder_p(v);
       std::memcpy(b, &v, sizeof(T));
    }
 
  private:
-   // Swapping is its own inverse, so the one function serves both ways.
-   static T fromNative_p(T v) {
+   // Network order from host order, or host order from network order: the same swap.
+   static T networkOrder_p(T v) {
       if constexpr (sizeof(T) == 1 || std::endian::native == std::endian::big) {
          return v;
       } else if constexpr (sizeof(T) == 2) {
