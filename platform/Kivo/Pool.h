@@ -7,6 +7,8 @@
 // its blocks to the objects made after it. Larger blocks, and every block in builds with
 // AddressSanitizer (so that it sees each one), go to the global allocator. The build with atomic
 // reference counts, where objects are handed between threads, takes a lock.
+// REQUIRES, without atomic reference counts: every pooled object (a data record, a signal's
+// slot) is made and dropped on one thread.
 //
 // A block is given back with the size it was asked with, so a class with a virtual destructor
 // takes its blocks through the sized operator delete (Pooled below).
