@@ -40,12 +40,12 @@ class Pool {
       }
       std::size_t const c = classOf_p(n);
       Lock lock;
-      liveBytes_ += (c + 1) * granule;
+      liveBytes_ += blockSize(n);
       if (FreeBlock* const b = free_[c]) {
          free_[c] = b->next;
          return b;
       }
-      return carve_p((c + 1) * granule);
+      return carve_p(blockSize(n));
    }
    // REQUIRES: `p` from alloc(n), with the same `n`.
    static void free(void* p, std::size_t n) {
@@ -55,7 +55,7 @@ class Pool {
       }
       std::size_t const c = classOf_p(n);
       Lock lock;
-      liveBytes_ -= (c + 1) * granule;
+      liveBytes_ -= blockSize(n);
       auto* const b = static_cast<FreeBlock*>(p);
       b->next = free_[c];
       free_[c] = b;
