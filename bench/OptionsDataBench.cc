@@ -1,7 +1,8 @@
 // Options data export at scale, against the yardsticks of bench/Reference.h: the interface and
-// flow key tables from their inputs to finished messages (libfixbuf), packing records already
-// encoded (memcpy), a full transmission to eight loopback collectors (bare sendto), and one
-// interface change at two table sizes.
+// flow key tables from their inputs to finished messages (libfixbuf), the floor under the flow
+// key table (reading its input alone), packing records already encoded (memcpy), a full
+// transmission to eight loopback collectors (bare sendto), and one interface change at two table
+// sizes.
 //
 // Each table benchmark first checks that the component's messages carry the same records as
 // libfixbuf's from the same rows, and refuses to time anything otherwise.
@@ -205,10 +206,7 @@ BENCHMARK(BM_IntfTable_Component)->Arg(Bench::interfaces)->Unit(benchmark::kMill
 
 // The tracker's template status to finished messages: the flow key table's full rebuild and the
 // message cache. Template 260 + i has one key field for each bit of Bench::flowKeyRows' bitmap.
-void BM_FlowKeyTable_Component(benchmark::State& state) {
-   auto const n = static_cast<std::uint32_t>(state.range(0));
-   Setup s;
-   auto const rows = Bench::flowKeyRows(n);
+Kivo::Ptr<HwFlowTracking::FtStatus> flowKeyStatus(std::vector<Bench::FlowKeyRow> const& rows) {
    auto const ftStatus = Kivo::make<HwFlowTracking::FtStatus>("t");
    for (Bench::FlowKeyRow const& r : rows) {
       auto t = ftStatus->templateStatusIs(TemplateId(r.templateId));
@@ -218,6 +216,14 @@ void BM_FlowKeyTable_Component(benchmark::State& state) {
          }
       }
    }
+   return ftStatus;
+}
+
+void BM_FlowKeyTable_Component(benchmark::State& state) {
+   auto const n = static_cast<std::uint32_t>(state.range(0));
+   Setup s;
+   auto const rows = Bench::flowKeyRows(n);
+   auto const ftStatus = flowKeyStatus(rows);
    auto const source = s.tracker->sourceIs("FlowKey", FlowKeySm::setId());
    s.exporterIs();
    auto const make = [&] { return flowKeySmFactory(source, s.update, ftStatus); };
@@ -228,6 +234,28 @@ void BM_FlowKeyTable_Component(benchmark::State& state) {
    state.counters["messages"] = static_cast<double>(s.exporter->msgCacheCount());
 }
 BENCHMARK(BM_FlowKeyTable_Component)->Arg(Bench::flowKeys)->Unit(benchmark::kMicrosecond);
+
+// The floor under any flow key table that reads the template status as the hardware layer keeps
+// it: each template's fields in position order, each field an object of its own, folded into the
+// bitmaps. No records, messages or observers.
+void BM_FlowKeyTable_ReadStatusFloor(benchmark::State& state) {
+   auto const ftStatus =
+       flowKeyStatus(Bench::flowKeyRows(static_cast<std::uint32_t>(state.range(0))));
+   for (auto _ : state) {
+      for (auto const& [templateId, templateStatus] : ftStatus->templateStatusColl()) {
+         std::uint64_t flowKey = 0;
+         for (auto const& [position, entry] : templateStatus->entries()) {
+            if (entry->flowKey()) {
+               flowKey |= std::uint64_t{1} << (position & 63);
+            }
+         }
+         benchmark::DoNotOptimize(flowKey);
+      }
+   }
+   state.SetItemsProcessed(
+       static_cast<std::int64_t>(state.iterations() * ftStatus->templateStatusColl().size()));
+}
+BENCHMARK(BM_FlowKeyTable_ReadStatusFloor)->Arg(Bench::flowKeys)->Unit(benchmark::kMicrosecond);
 
 // Records already encoded to finished messages, as the exporter packs them.
 void BM_PackPreEncoded_Component(benchmark::State& state) {
