@@ -1,3 +1,4 @@
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -66,10 +68,34 @@ struct FailureLog {
    std::vector<Pelto::TxFailure> seen;
 };
 
-// Waits (bounded) until the kernel has queued an error on the module's socket.
+// Waits (bounded) until the kernel has queued an error on one of the module's sockets.
 bool errorQueued(UdpPam const& pam) {
-   pollfd p{pam.fd(), 0, 0};
-   return poll(&p, 1, 2000) == 1 && (p.revents & POLLERR);
+   std::vector<pollfd> p;
+   for (int fd : pam.fds()) {
+      p.push_back({fd, 0, 0});
+   }
+   return poll(p.data(), p.size(), 2000) == 1 &&
+          std::ranges::any_of(p, [](pollfd const& q) { return q.revents & POLLERR; });
+}
+
+// The destination ports of the module's connected sockets, sorted.
+std::vector<std::uint16_t> peerPorts(UdpPam const& pam) {
+   std::vector<std::uint16_t> ports;
+   for (int fd : pam.fds()) {
+      sockaddr_storage ss{};
+      socklen_t len = sizeof(ss);
+      if (getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len) == 0) {
+         ports.push_back(ntohs(ss.ss_family == AF_INET6
+                                   ? reinterpret_cast<sockaddr_in6 const*>(&ss)->sin6_port
+                                   : reinterpret_cast<sockaddr_in const*>(&ss)->sin_port));
+      }
+   }
+   std::ranges::sort(ports);
+   return ports;
+}
+
+void sourceIsLoopback(UdpPam& pam) {
+   pam.txSrcIpAddrIs(ip4("127.0.0.1")), pam.txSrcIp6AddrIs(ip6("::1"));
 }
 
 }  // namespace
@@ -296,4 +322,129 @@ TEST(PeltoUdpPam, PortUnreachableIsReportedForItsOwnDestinationAndTheNextSendGoe
                            v6 ? Pelto::IpGenAddr(ip6("::1")) : Pelto::IpGenAddr(ip4("127.0.0.1"))))
           << std::strerror(f.error);
    }
+}
+
+// With a source, every destination is sent to from a socket connected to it; the collectors see
+// the module's one port, and priority and type of service reach every socket. Reopening closes
+// them.
+TEST(PeltoUdpPam, EachDestinationOfABoundSourceHasAConnectedSocketOnTheModulesPort) {
+   for (bool v6 : {false, true}) {
+      SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+      LoopbackCollector a(v6), b(v6);
+      UdpPam pam("udpPamPeers");
+      pam.ipv6EnIs(v6), pam.txPrioIs(Pelto::IpTrafficControl::interactive);
+      pam.modeIs(UdpPam::Mode::open);
+      sourceIsLoopback(pam);
+      for (auto [rx, payload] : {std::pair{&a, "to a"}, {&b, "to b"}, {&a, "a again"}}) {
+         aimAtLoopback(pam, rx->port());
+         pam.txPktIs(pkt(payload));
+         EXPECT_EQ(receive(*rx, payload).srcPort, pam.rxPort()) << payload;
+      }
+      EXPECT_EQ(peerPorts(pam),
+                (std::vector{std::min(a.port(), b.port()), std::max(a.port(), b.port())}));
+      pam.txPrioIs(Pelto::IpTrafficControl::control);
+      for (int fd : pam.fds()) {
+         int prio = -1;
+         socklen_t len = sizeof(prio);
+         ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_PRIORITY, &prio, &len), 0);
+         EXPECT_EQ(prio, 7);
+      }
+      pam.txTosIs(Pelto::DscpValue(46).tos());
+      for (LoopbackCollector* rx : {&b, &a}) {
+         aimAtLoopback(pam, rx->port());
+         pam.txPktIs(pkt("ef"));
+         EXPECT_EQ(receive(*rx, "ef").tos, 184);
+      }
+      EXPECT_EQ(std::tuple(pam.txPkts(), pam.txErrors()), std::tuple(5u, 0u));
+      pam.modeIs(UdpPam::Mode::open);
+      EXPECT_EQ(pam.fds().size(), 1u);
+   }
+}
+
+// A peer's collector without a listener: the ICMP error waits on that peer, so a send to another
+// collector neither fails nor hears of it, and the next send to the dead one reports it and
+// still goes out.
+TEST(PeltoUdpPam, PortUnreachableOfAPeerIsReportedAtItsOwnNextSend) {
+   for (bool v6 : {false, true}) {
+      SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+      std::uint16_t const deadPort = LoopbackCollector::unusedPort(v6);
+      LoopbackCollector live(v6);
+      FailureLog failures;
+      UdpPam pam("udpPamPeerIcmp");
+      pam.ipv6EnIs(v6), pam.modeIs(UdpPam::Mode::open);
+      sourceIsLoopback(pam);
+      aimAtLoopback(pam, deadPort);
+      pam.txPktIs(pkt("to nobody"));
+      ASSERT_TRUE(errorQueued(pam));
+      aimAtLoopback(pam, live.port());
+      pam.txPktIs(pkt("to someone"));
+      receive(live, "to someone");
+      EXPECT_TRUE(failures.seen.empty());
+
+      aimAtLoopback(pam, deadPort);
+      pam.txPktIs(pkt("to nobody again"));
+      EXPECT_EQ(std::tuple(pam.txErrors(), pam.txPkts()), std::tuple(0u, 3u));
+      ASSERT_EQ(failures.seen.size(), 1u);
+      Pelto::TxFailure const& f = failures.seen[0];
+      EXPECT_EQ(std::tuple(f.error, f.fromIcmp, f.dstPort),
+                std::tuple(ECONNREFUSED, true, deadPort))
+          << std::strerror(f.error);
+   }
+}
+
+// Past maxPeers() destinations every datagram still arrives, and the peer used longest ago is the
+// one that makes room.
+TEST(PeltoUdpPam, MoreDestinationsThanPeersAllArriveAndTheLeastRecentlyUsedPeerMakesRoom) {
+   std::vector<std::unique_ptr<LoopbackCollector>> rx;
+   for (std::size_t i = 0; i < UdpPam::maxPeers() + 2; ++i) {
+      rx.push_back(std::make_unique<LoopbackCollector>(false));
+   }
+   UdpPam pam("udpPamMany");
+   pam.modeIs(UdpPam::Mode::open);
+   sourceIsLoopback(pam);
+   auto const sendTo = [&](std::size_t i) {
+      aimAtLoopback(pam, rx[i]->port());
+      pam.txPktIs(pkt("n" + std::to_string(i)));
+      EXPECT_EQ(receive(*rx[i], "n" + std::to_string(i)).srcPort, pam.rxPort()) << i;
+   };
+   for (std::size_t i = 0; i < UdpPam::maxPeers(); ++i) {
+      sendTo(i);
+   }
+   sendTo(0);  // now the most recent: collector 1 is the one used longest ago
+   sendTo(UdpPam::maxPeers());
+   sendTo(UdpPam::maxPeers() + 1);
+   std::vector<std::uint16_t> expected;
+   for (std::size_t i = 0; i < rx.size(); ++i) {
+      if (i != 1 && i != 2) {
+         expected.push_back(rx[i]->port());
+      }
+   }
+   std::ranges::sort(expected);
+   EXPECT_EQ(peerPorts(pam), expected);
+   EXPECT_EQ(pam.fds().size(), 1 + UdpPam::maxPeers());
+}
+
+// Peers are made in the namespace the module was opened in, even after its name changed.
+TEST(PeltoUdpPam, PeersLiveInTheNamespaceTheModuleWasOpenedIn) {
+   std::string whyNot;
+   auto ns = NetNs::create("ipfixpeer-" + std::to_string(getpid()), &whyNot);
+   if (!ns) {
+      GTEST_SKIP() << whyNot;
+   }
+   ns->ip({"addr", "add", "198.51.100.1/32", "dev", "lo"});
+   auto first = ns->run([] { return std::make_unique<LoopbackCollector>(false); });
+   auto second = ns->run([] { return std::make_unique<LoopbackCollector>(false); });
+   UdpPam pam("udpPamPeerNs");
+   pam.netNsIs(ns->name()), pam.modeIs(UdpPam::Mode::open);
+   pam.txSrcIpAddrIs(ip4("198.51.100.1"));
+   aimAtLoopback(pam, first->port());
+   pam.txPktIs(pkt("first"));
+   pam.netNsIs("");  // for the next open only
+   aimAtLoopback(pam, second->port());
+   pam.txPktIs(pkt("second"));
+   for (auto [rx, payload] : {std::pair{first.get(), "first"}, {second.get(), "second"}}) {
+      auto const got = receive(*rx, payload);
+      EXPECT_TRUE(got.srcAddr == "198.51.100.1" && got.srcPort == pam.rxPort()) << payload;
+   }
+   EXPECT_EQ(pam.fds().size(), 3u);
 }

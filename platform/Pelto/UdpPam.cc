@@ -130,14 +130,26 @@ void UdpPam::netNsIs(Kivo::String const& ns) {
 
 void UdpPam::txPrioIs(IpTrafficControl p) {
    txPrio_ = p;
-   if (fd_ < 0) {
-      return;
-   }
    int const v = static_cast<int>(p);
-   if (setsockopt(fd_, SOL_SOCKET, SO_PRIORITY, &v, sizeof(v)) != 0) {
-      int const err = errno;
-      KTRACE(2, name_ << ": setting priority " << v << " failed: " << std::strerror(err));
+   for (int fd : fds()) {
+      if (setsockopt(fd, SOL_SOCKET, SO_PRIORITY, &v, sizeof(v)) != 0) {
+         int const err = errno;
+         KTRACE(2, name_ << ": setting priority " << v << " failed: " << std::strerror(err));
+      }
    }
+}
+
+std::vector<int> UdpPam::fds() const {
+   std::vector<int> out;
+   if (fd_ >= 0) {
+      out.push_back(fd_);
+   }
+   for (Peer const& p : peers_) {
+      if (p.fd >= 0) {
+         out.push_back(p.fd);
+      }
+   }
+   return out;
 }
 
 void UdpPam::txTosIs(std::uint8_t tos) {
@@ -160,21 +172,23 @@ void UdpPam::modeIs(Mode m) {
    }
 }
 
-void UdpPam::open_() {
-   int const family = ipv6En_ ? AF_INET6 : AF_INET;
+// A socket of the family in the namespace (the default one for ""), with the options every socket
+// of a module has: priority, type of service and ICMP errors on the error queue. Throws
+// Kivo::ErrnoException.
+int UdpPam::newSocket_(bool v6, Kivo::String const& ns) const {
+   int const family = v6 ? AF_INET6 : AF_INET;
    int fd = -1;
-   if (netNs_.empty()) {
+   if (ns.empty()) {
       fd = newSocket(family);
       if (fd < 0) {
          throwErrno(errno, name_, Kivo::String("socket ") + familyName(family));
       }
    } else {
-      fd = newSocketInNetNs(family, netNs_, name_);
+      fd = newSocketInNetNs(family, ns, name_);
    }
    FdGuard sock(fd);
-
    intOptIs(fd, SOL_SOCKET, SO_PRIORITY, static_cast<int>(txPrio_), name_, "SO_PRIORITY");
-   if (ipv6En_) {
+   if (v6) {
       intOptIs(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1, name_, "IPV6_V6ONLY");
       intOptIs(fd, IPPROTO_IPV6, IPV6_TCLASS, txTos_, name_, "IPV6_TCLASS");
       intOptIs(fd, IPPROTO_IPV6, IPV6_RECVERR, 1, name_, "IPV6_RECVERR");
@@ -182,6 +196,12 @@ void UdpPam::open_() {
       intOptIs(fd, IPPROTO_IP, IP_TOS, txTos_, name_, "IP_TOS");
       intOptIs(fd, IPPROTO_IP, IP_RECVERR, 1, name_, "IP_RECVERR");
    }
+   return sock.release();
+}
+
+void UdpPam::open_() {
+   int const fd = newSocket_(ipv6En_, netNs_);
+   FdGuard sock(fd);
 
    std::uint16_t port = 0;
    if (mode_ == Mode::bound) {
@@ -208,6 +228,7 @@ void UdpPam::open_() {
 
    fd_ = sock.release();
    fdV6_ = ipv6En_;
+   fdNetNs_ = netNs_;
    appliedTos_ = txTos_;
    rxPort_ = port;
    KTRACE(4, "Created Pam: " << name_ << ", fd: " << fd_ << ", mode: " << static_cast<int>(mode_)
@@ -215,6 +236,7 @@ void UdpPam::open_() {
 }
 
 void UdpPam::close_() {
+   closePeers_();
    if (fd_ >= 0) {
       KTRACE(4, "Closed Pam: " << name_ << ", fd: " << fd_);
       ::close(fd_);
@@ -250,19 +272,146 @@ void UdpPam::bindSource_() {
       boundSrc4_ = txSrc4_;
    }
    learnPort_();
+   // Set after the bind, so that the system picked a port nobody else had; the peers set it
+   // before theirs, to join it. Only sockets of this user can.
+   int const one = 1;
+   peersOk_ = rxPort_ != 0 && setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) == 0;
 }
 
-void UdpPam::applyTos_() {
+void UdpPam::applyTos_(int fd, std::uint8_t& applied) {
    int const v = txTos_;
-   int const rc = fdV6_ ? setsockopt(fd_, IPPROTO_IPV6, IPV6_TCLASS, &v, sizeof(v))
-                        : setsockopt(fd_, IPPROTO_IP, IP_TOS, &v, sizeof(v));
+   int const rc = fdV6_ ? setsockopt(fd, IPPROTO_IPV6, IPV6_TCLASS, &v, sizeof(v))
+                        : setsockopt(fd, IPPROTO_IP, IP_TOS, &v, sizeof(v));
    if (rc != 0) {
       // Left unapplied, so the next send tries again; this packet goes with the old value.
       int const err = errno;
       KTRACE(2, name_ << ": setting tos " << v << " failed: " << std::strerror(err));
       return;
    }
-   appliedTos_ = txTos_;
+   applied = txTos_;
+}
+
+bool UdpPam::Peer::is(bool v6, IpAddr const& d4, Ip6Addr const& d6, std::uint16_t p) const {
+   return port == p && (v6 ? dst6 == d6 : dst4 == d4);
+}
+
+// The peer of the current destination, opened on its first send. Null when the current source is
+// not the one the peers are bound to, or when no socket could be connected to the destination
+// (remembered, so that a destination that cannot be connected costs nothing more than the open
+// socket's send).
+UdpPam::Peer* UdpPam::peer_() {
+   bool const ownSource = fdV6_ ? txSrc6_.isZero() || txSrc6_ == boundSrc6_
+                                : txSrc4_.isZero() || txSrc4_ == boundSrc4_;
+   // Port 0 is refused by a send that names it, but a socket connected to it would send there.
+   if (!ownSource || txPort_ == 0) {
+      return nullptr;
+   }
+   ++useClock_;
+   Peer* found = nullptr;
+   if (lastPeer_ < peers_.size() && peers_[lastPeer_].is(fdV6_, txDst4_, txDst6_, txPort_)) {
+      found = &peers_[lastPeer_];
+   } else {
+      for (std::size_t i = 0; i < peers_.size(); ++i) {
+         if (peers_[i].is(fdV6_, txDst4_, txDst6_, txPort_)) {
+            lastPeer_ = i;
+            found = &peers_[i];
+            break;
+         }
+      }
+   }
+   if (!found) {
+      found = &newPeer_();
+   }
+   found->lastUse = useClock_;
+   return found->fd >= 0 ? found : nullptr;
+}
+
+// A peer for the current destination, in a free place or in that of the peer used longest ago.
+UdpPam::Peer& UdpPam::newPeer_() {
+   std::size_t i = peers_.size();
+   if (peers_.size() < maxPeers()) {
+      peers_.emplace_back();
+   } else {
+      i = 0;
+      for (std::size_t j = 1; j < peers_.size(); ++j) {
+         if (peers_[j].lastUse < peers_[i].lastUse) {
+            i = j;
+         }
+      }
+      closePeer_(peers_[i]);
+   }
+   lastPeer_ = i;
+   Peer& p = peers_[i];
+   p.dst4 = txDst4_;
+   p.dst6 = txDst6_;
+   p.port = txPort_;
+   p.tos = txTos_;
+   p.fd = connectPeer_();
+   return p;
+}
+
+// A socket in the open socket's namespace, bound to its address and port and connected to the
+// current destination; -1 when that cannot be done (traced).
+int UdpPam::connectPeer_() const {
+   int fd = -1;
+   try {
+      fd = newSocket_(fdV6_, fdNetNs_);
+   } catch (Kivo::ErrnoException const& e) {
+      KTRACE(2, name_ << ": no socket for a peer: " << e.what());
+      return -1;
+   }
+   FdGuard sock(fd);
+   int const one = 1;
+   int rc = setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one));
+   char const* what = "SO_REUSEPORT";
+   if (rc == 0) {
+      what = "bind";
+      if (fdV6_) {
+         sockaddr_in6 const local = Ip6AndPort(boundSrc6_, rxPort_).toSockaddr();
+         rc = bind(fd, reinterpret_cast<sockaddr const*>(&local), sizeof(local));
+      } else {
+         sockaddr_in const local = IpAndPort(boundSrc4_, rxPort_).toSockaddr();
+         rc = bind(fd, reinterpret_cast<sockaddr const*>(&local), sizeof(local));
+      }
+   }
+   if (rc == 0) {
+      what = "connect";
+      if (fdV6_) {
+         sockaddr_in6 const dst = Ip6AndPort(txDst6_, txPort_).toSockaddr();
+         rc = connect(fd, reinterpret_cast<sockaddr const*>(&dst), sizeof(dst));
+      } else {
+         sockaddr_in const dst = IpAndPort(txDst4_, txPort_).toSockaddr();
+         rc = connect(fd, reinterpret_cast<sockaddr const*>(&dst), sizeof(dst));
+      }
+   }
+   if (rc != 0) {
+      int const err = errno;
+      KTRACE(2, name_ << ": no connected socket to "
+                      << (fdV6_ ? Ip6AndPort(txDst6_, txPort_).toString()
+                                : IpAndPort(txDst4_, txPort_).toString())
+                      << ": " << what << ": " << std::strerror(err));
+      return -1;
+   }
+   KTRACE(4, "Connected Pam: " << name_ << ", fd: " << fd << " to "
+                               << (fdV6_ ? Ip6AndPort(txDst6_, txPort_).toString()
+                                         : IpAndPort(txDst4_, txPort_).toString()));
+   return sock.release();
+}
+
+void UdpPam::closePeer_(Peer& p) {
+   if (p.fd >= 0) {
+      ::close(p.fd);
+   }
+   p.fd = -1;
+}
+
+void UdpPam::closePeers_() {
+   for (Peer& p : peers_) {
+      closePeer_(p);
+   }
+   peers_.clear();
+   lastPeer_ = 0;
+   peersOk_ = false;
 }
 
 void UdpPam::learnPort_() {
@@ -293,7 +442,7 @@ void UdpPam::txFailed_(int err) {
    }
 }
 
-int UdpPam::drainErrQueue_() {
+int UdpPam::drainErrQueue_(int fd) {
    int icmp = 0;
    for (int i = 0; i < maxErrQueueDrain(); ++i) {
       sockaddr_storage from{};
@@ -307,7 +456,7 @@ int UdpPam::drainErrQueue_() {
       msg.msg_iovlen = 1;
       msg.msg_control = control;
       msg.msg_controllen = sizeof(control);
-      if (recvmsg(fd_, &msg, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) {
+      if (recvmsg(fd, &msg, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) {
          return icmp;  // EAGAIN: empty
       }
       for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
@@ -346,11 +495,18 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
       txFailed_(EBADF);
       return;
    }
-   if (txTos_ != appliedTos_) {
-      applyTos_();
-   }
    if (mode_ == Mode::open && !srcBindTried_) {
       bindSource_();
+   }
+   int fd = fd_;
+   Peer* const peer = peersOk_ ? peer_() : nullptr;
+   if (peer) {
+      fd = peer->fd;
+      if (txTos_ != peer->tos) {
+         applyTos_(fd, peer->tos);
+      }
+   } else if (txTos_ != appliedTos_) {
+      applyTos_(fd_, appliedTos_);
    }
 
    iovec iov{const_cast<std::uint8_t*>(pkt->data()), pkt->bytes()};
@@ -363,7 +519,9 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
    } dst;
    alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
 
-   if (fdV6_) {
+   if (peer) {
+      // Connected: the kernel keeps the destination and its route.
+   } else if (fdV6_) {
       dst.v6 = Ip6AndPort(txDst6_, txPort_).toSockaddr();
       msg.msg_name = &dst.v6;
       msg.msg_namelen = sizeof(dst.v6);
@@ -394,14 +552,14 @@ void UdpPam::txPktIs(Kivo::Ptr<Pkt> const& pkt) {
       }
    }
 
-   ssize_t n = sendmsg(fd_, &msg, 0);
+   ssize_t n = sendmsg(fd, &msg, 0);
    if (n < 0) {
       int err = errno;
       // An ICMP error queued since the last send fails this send with its errno: it belongs to an
       // earlier datagram, so report what the queue holds and send this one again. A send that
       // succeeds had nothing queued before it, so the queue is read only here.
-      if (drainErrQueue_() > 0) {
-         n = sendmsg(fd_, &msg, 0);
+      if (drainErrQueue_(fd) > 0) {
+         n = sendmsg(fd, &msg, 0);
          err = errno;
       }
       if (n < 0) {

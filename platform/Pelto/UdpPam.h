@@ -19,14 +19,24 @@
 // address of the socket's namespace. A failed send
 // is traced and counted (txErrors(), lastTxErrno()), never thrown.
 //
+// Peers: once an open-mode socket is bound to its source, each destination (address and port) it
+// sends to from that source gets a socket of its own, a peer: made in the same namespace, bound
+// to the same address and port (SO_REUSEPORT, so only this user's sockets can join it) and
+// connected to the destination, so that the kernel keeps its route instead of looking it up for
+// every datagram. A collector sees one source address and port either way. At most maxPeers()
+// are kept, the one used longest ago making room; a destination no peer could be connected to
+// is remembered and goes through the open socket, as do other sources and port 0. Reopening
+// closes the peers.
+//
 // Errors that come back later: every socket asks for ICMP errors (IP_RECVERR / IPV6_RECVERR), so
 // that a datagram answered by "port unreachable" (no listener) or "host unreachable" is learned of
-// even though the socket is not connected. The kernel queues them on the socket's error queue and
-// fails the next send with the error; that send drains the queue (non-blocking, at most
-// maxErrQueueDrain() entries), reports every ICMP error with the destination of the datagram it
-// answers, and is retried once, so one collector's error is never charged to another collector's
-// datagram. A send that succeeds costs one system call. Errors learned this way
-// go to the observer and the trace only; txErrors() counts the sends that failed.
+// even when the socket is not connected. The kernel queues each on the socket that matches the
+// datagram best, the destination's peer when it has one, and fails that socket's next send with
+// the error; that send drains the queue (non-blocking, at most maxErrQueueDrain() entries),
+// reports every ICMP error with the destination of the datagram it answers, and is retried once,
+// so one collector's error is never charged to another collector's datagram. A send that succeeds
+// costs one system call. Errors learned this way go to the observer and the trace only;
+// txErrors() counts the sends that failed.
 //
 // Failure observer: one per process (txFailureObserverIs), called on the sending thread for every
 // failed send and every ICMP error learned, with the module, the destination and errno. It must
@@ -37,6 +47,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "Kivo/Kivo.h"
 #include "Pelto/Address.h"
@@ -105,6 +116,9 @@ class UdpPam : public Kivo::Object {
    void modeIs(Mode m);
    Mode mode() const { return mode_; }
    int fd() const { return fd_; }
+   // Every socket the module holds: fd() and its peers' (see Sending above), e.g. for a poll.
+   std::vector<int> fds() const;
+   static constexpr std::size_t maxPeers() { return 32; }
 
    void txSrcIpAddrIs(IpAddr a) { txSrc4_ = a; }
    void txSrcIp6AddrIs(Ip6Addr const& a) { txSrc6_ = a; }
@@ -124,14 +138,31 @@ class UdpPam : public Kivo::Object {
    int lastTxErrno() const { return lastTxErrno_; }
 
  private:
+   // A socket connected to one destination, bound to the open socket's address and port.
+   struct Peer {
+      IpAddr dst4;
+      Ip6Addr dst6;
+      std::uint16_t port = 0;
+      int fd = -1;  // -1: no socket could be connected to this destination
+      std::uint8_t tos = 0;
+      std::uint64_t lastUse = 0;
+      bool is(bool v6, IpAddr const& d4, Ip6Addr const& d6, std::uint16_t p) const;
+   };
+
+   int newSocket_(bool v6, Kivo::String const& ns) const;
    void open_();
    void close_();
-   void applyTos_();
+   void applyTos_(int fd, std::uint8_t& applied);
    void learnPort_();
    void bindSource_();
+   Peer* peer_();
+   Peer& newPeer_();
+   int connectPeer_() const;
+   static void closePeer_(Peer& p);
+   void closePeers_();
    void txFailed_(int err);
-   // Reports and removes what the error queue holds; the number of ICMP errors found.
-   int drainErrQueue_();
+   // Reports and removes what the socket's error queue holds; the number of ICMP errors found.
+   int drainErrQueue_(int fd);
    void report_(IpGenAddr const& dst, std::uint16_t port, int err, bool fromIcmp) const;
 
    Kivo::String name_;
@@ -144,7 +175,8 @@ class UdpPam : public Kivo::Object {
    std::uint16_t rxPort_ = 0;
    Mode mode_ = Mode::closed;
    int fd_ = -1;
-   bool fdV6_ = false;  // the family fd_ was opened with; ipv6En() may have changed since
+   bool fdV6_ = false;     // the family fd_ was opened with; ipv6En() may have changed since
+   Kivo::String fdNetNs_;  // the namespace fd_ was opened in; netNs() may have changed since
 
    IpAddr txSrc4_;
    Ip6Addr txSrc6_;
@@ -158,6 +190,11 @@ class UdpPam : public Kivo::Object {
    bool srcBindTried_ = false;
    IpAddr boundSrc4_;
    Ip6Addr boundSrc6_;
+   // Open mode, once bound to a source: the peers, and the one the last send used.
+   bool peersOk_ = false;
+   std::vector<Peer> peers_;
+   std::size_t lastPeer_ = 0;
+   std::uint64_t useClock_ = 0;
 
    std::uint64_t txPkts_ = 0;
    std::uint64_t txBytes_ = 0;
