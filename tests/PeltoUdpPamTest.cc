@@ -94,6 +94,16 @@ std::vector<std::uint16_t> peerPorts(UdpPam const& pam) {
    return ports;
 }
 
+// A fresh namespace whose loopback also has 198.51.100.1 (a documentation address, local to it
+// alone); null, with the reason, where namespaces cannot be made.
+std::unique_ptr<NetNs> namespaceWith198_51_100_1(std::string const& prefix, std::string* whyNot) {
+   auto ns = NetNs::create(prefix + std::to_string(getpid()), whyNot);
+   if (ns) {
+      ns->ip({"addr", "add", "198.51.100.1/32", "dev", "lo"});
+   }
+   return ns;
+}
+
 void sourceIsLoopback(UdpPam& pam) {
    pam.txSrcIpAddrIs(ip4("127.0.0.1")), pam.txSrcIp6AddrIs(ip6("::1"));
 }
@@ -268,11 +278,10 @@ TEST(PeltoUdpPam, NamespaceNameOver150BytesOrLeavingTheNetnsDirIsRejectedAndAMis
 // addresses only the namespace has; the test thread itself never leaves home.
 TEST(PeltoUdpPam, SocketLivesInItsNamespaceWhileTheThreadStaysHome) {
    std::string whyNot;
-   auto ns = NetNs::create("ipfixtest-" + std::to_string(getpid()), &whyNot);
+   auto const ns = namespaceWith198_51_100_1("ipfixtest-", &whyNot);
    if (!ns) {
       GTEST_SKIP() << whyNot;
    }
-   ns->ip({"addr", "add", "198.51.100.1/32", "dev", "lo"});
    ino_t const home = NetNs::currentInode();
    LoopbackCollector outside(false);
    auto inside = ns->run([] { return std::make_unique<LoopbackCollector>(false); });
@@ -293,35 +302,6 @@ TEST(PeltoUdpPam, SocketLivesInItsNamespaceWhileTheThreadStaysHome) {
    pam.netNsIs("");
    EXPECT_THROW(pam.modeIs(UdpPam::Mode::bound), Kivo::ErrnoException);
    EXPECT_EQ(NetNs::currentInode(), home);
-}
-
-// A collector without a listener answers with ICMP port unreachable. The unconnected socket
-// learns of it through its error queue: the next send reports it against the datagram's own
-// destination, and that next send, to a live collector, still goes out and is not a failure.
-TEST(PeltoUdpPam, PortUnreachableIsReportedForItsOwnDestinationAndTheNextSendGoesOut) {
-   for (bool v6 : {false, true}) {
-      SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
-      std::uint16_t const deadPort = LoopbackCollector::unusedPort(v6);
-      LoopbackCollector live(v6);
-      FailureLog failures;
-      UdpPam pam("udpPamIcmp");
-      pam.ipv6EnIs(v6), pam.modeIs(UdpPam::Mode::open);
-      aimAtLoopback(pam, deadPort);
-      pam.txPktIs(pkt("to nobody"));
-      EXPECT_TRUE(pam.txErrors() == 0 && failures.seen.empty());
-      ASSERT_TRUE(errorQueued(pam));
-
-      aimAtLoopback(pam, live.port());
-      pam.txPktIs(pkt("to someone"));
-      receive(live, "to someone");
-      EXPECT_EQ(std::tuple(pam.txErrors(), pam.txPkts()), std::tuple(0u, 2u));
-      ASSERT_EQ(failures.seen.size(), 1u);
-      Pelto::TxFailure const& f = failures.seen[0];
-      EXPECT_EQ(std::tuple(f.module, f.error, f.fromIcmp, f.dstPort, f.dst),
-                std::tuple(&pam, ECONNREFUSED, true, deadPort,
-                           v6 ? Pelto::IpGenAddr(ip6("::1")) : Pelto::IpGenAddr(ip4("127.0.0.1"))))
-          << std::strerror(f.error);
-   }
 }
 
 // With a source, every destination is sent to from a socket connected to it; the collectors see
@@ -361,33 +341,40 @@ TEST(PeltoUdpPam, EachDestinationOfABoundSourceHasAConnectedSocketOnTheModulesPo
    }
 }
 
-// A peer's collector without a listener: the ICMP error waits on that peer, so a send to another
-// collector neither fails nor hears of it, and the next send to the dead one reports it and
-// still goes out.
-TEST(PeltoUdpPam, PortUnreachableOfAPeerIsReportedAtItsOwnNextSend) {
-   for (bool v6 : {false, true}) {
-      SCOPED_TRACE(v6 ? "IPv6" : "IPv4");
+// A collector without a listener answers with ICMP port unreachable, which the kernel queues on
+// the socket the datagram left from. Without a source that is the module's one unconnected
+// socket, so the next send, to a live collector, reports it; with one, each collector has its own
+// connected socket, so the error waits for the next send to the dead collector. Either way it is
+// reported against the datagram's own destination, and the send that learns of it still goes out.
+TEST(PeltoUdpPam, PortUnreachableIsReportedAtItsSocketsNextSendAgainstItsOwnDestination) {
+   for (auto [v6, withSource] :
+        {std::pair{false, false}, {true, false}, {false, true}, {true, true}}) {
+      SCOPED_TRACE(std::string(v6 ? "IPv6" : "IPv4") + (withSource ? " with a source" : ""));
       std::uint16_t const deadPort = LoopbackCollector::unusedPort(v6);
       LoopbackCollector live(v6);
       FailureLog failures;
-      UdpPam pam("udpPamPeerIcmp");
+      UdpPam pam("udpPamIcmp");
       pam.ipv6EnIs(v6), pam.modeIs(UdpPam::Mode::open);
-      sourceIsLoopback(pam);
+      if (withSource) {
+         sourceIsLoopback(pam);
+      }
       aimAtLoopback(pam, deadPort);
       pam.txPktIs(pkt("to nobody"));
+      EXPECT_TRUE(pam.txErrors() == 0 && failures.seen.empty());
       ASSERT_TRUE(errorQueued(pam));
+
       aimAtLoopback(pam, live.port());
       pam.txPktIs(pkt("to someone"));
       receive(live, "to someone");
-      EXPECT_TRUE(failures.seen.empty());
-
+      EXPECT_EQ(failures.seen.size(), withSource ? 0u : 1u);
       aimAtLoopback(pam, deadPort);
       pam.txPktIs(pkt("to nobody again"));
       EXPECT_EQ(std::tuple(pam.txErrors(), pam.txPkts()), std::tuple(0u, 3u));
       ASSERT_EQ(failures.seen.size(), 1u);
       Pelto::TxFailure const& f = failures.seen[0];
-      EXPECT_EQ(std::tuple(f.error, f.fromIcmp, f.dstPort),
-                std::tuple(ECONNREFUSED, true, deadPort))
+      EXPECT_EQ(std::tuple(f.module, f.error, f.fromIcmp, f.dstPort, f.dst),
+                std::tuple(&pam, ECONNREFUSED, true, deadPort,
+                           v6 ? Pelto::IpGenAddr(ip6("::1")) : Pelto::IpGenAddr(ip4("127.0.0.1"))))
           << std::strerror(f.error);
    }
 }
@@ -427,11 +414,10 @@ TEST(PeltoUdpPam, MoreDestinationsThanPeersAllArriveAndTheLeastRecentlyUsedPeerM
 // Peers are made in the namespace the module was opened in, even after its name changed.
 TEST(PeltoUdpPam, PeersLiveInTheNamespaceTheModuleWasOpenedIn) {
    std::string whyNot;
-   auto ns = NetNs::create("ipfixpeer-" + std::to_string(getpid()), &whyNot);
+   auto const ns = namespaceWith198_51_100_1("ipfixpeer-", &whyNot);
    if (!ns) {
       GTEST_SKIP() << whyNot;
    }
-   ns->ip({"addr", "add", "198.51.100.1/32", "dev", "lo"});
    auto first = ns->run([] { return std::make_unique<LoopbackCollector>(false); });
    auto second = ns->run([] { return std::make_unique<LoopbackCollector>(false); });
    UdpPam pam("udpPamPeerNs");

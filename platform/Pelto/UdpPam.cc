@@ -364,37 +364,32 @@ int UdpPam::connectPeer_() const {
    int const one = 1;
    int rc = setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one));
    char const* what = "SO_REUSEPORT";
+   // bind() or connect() with an address of the socket's family.
+   auto const call = [&](auto fn, IpAddr const& a4, Ip6Addr const& a6, std::uint16_t port) {
+      if (fdV6_) {
+         sockaddr_in6 const sa = Ip6AndPort(a6, port).toSockaddr();
+         return fn(fd, reinterpret_cast<sockaddr const*>(&sa), socklen_t{sizeof(sa)});
+      }
+      sockaddr_in const sa = IpAndPort(a4, port).toSockaddr();
+      return fn(fd, reinterpret_cast<sockaddr const*>(&sa), socklen_t{sizeof(sa)});
+   };
    if (rc == 0) {
       what = "bind";
-      if (fdV6_) {
-         sockaddr_in6 const local = Ip6AndPort(boundSrc6_, rxPort_).toSockaddr();
-         rc = bind(fd, reinterpret_cast<sockaddr const*>(&local), sizeof(local));
-      } else {
-         sockaddr_in const local = IpAndPort(boundSrc4_, rxPort_).toSockaddr();
-         rc = bind(fd, reinterpret_cast<sockaddr const*>(&local), sizeof(local));
-      }
+      rc = call(::bind, boundSrc4_, boundSrc6_, rxPort_);
    }
    if (rc == 0) {
       what = "connect";
-      if (fdV6_) {
-         sockaddr_in6 const dst = Ip6AndPort(txDst6_, txPort_).toSockaddr();
-         rc = connect(fd, reinterpret_cast<sockaddr const*>(&dst), sizeof(dst));
-      } else {
-         sockaddr_in const dst = IpAndPort(txDst4_, txPort_).toSockaddr();
-         rc = connect(fd, reinterpret_cast<sockaddr const*>(&dst), sizeof(dst));
-      }
+      rc = call(::connect, txDst4_, txDst6_, txPort_);
    }
+   Kivo::String const dst =
+       fdV6_ ? Ip6AndPort(txDst6_, txPort_).toString() : IpAndPort(txDst4_, txPort_).toString();
    if (rc != 0) {
       int const err = errno;
-      KTRACE(2, name_ << ": no connected socket to "
-                      << (fdV6_ ? Ip6AndPort(txDst6_, txPort_).toString()
-                                : IpAndPort(txDst4_, txPort_).toString())
-                      << ": " << what << ": " << std::strerror(err));
+      KTRACE(2, name_ << ": no connected socket to " << dst << ": " << what << ": "
+                      << std::strerror(err));
       return -1;
    }
-   KTRACE(4, "Connected Pam: " << name_ << ", fd: " << fd << " to "
-                               << (fdV6_ ? Ip6AndPort(txDst6_, txPort_).toString()
-                                         : IpAndPort(txDst4_, txPort_).toString()));
+   KTRACE(4, "Connected Pam: " << name_ << ", fd: " << fd << " to " << dst);
    return sock.release();
 }
 
