@@ -381,10 +381,10 @@ int UdpPam::connectPeer_() const {
       what = "connect";
       rc = call(::connect, txDst4_, txDst6_, txPort_);
    }
+   int const err = rc != 0 ? errno : 0;  // before anything else can change it
    Kivo::String const dst =
        fdV6_ ? Ip6AndPort(txDst6_, txPort_).toString() : IpAndPort(txDst4_, txPort_).toString();
    if (rc != 0) {
-      int const err = errno;
       KTRACE(2, name_ << ": no connected socket to " << dst << ": " << what << ": "
                       << std::strerror(err));
       return -1;
