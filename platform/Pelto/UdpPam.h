@@ -116,8 +116,9 @@ class UdpPam : public Kivo::Object {
    void modeIs(Mode m);
    Mode mode() const { return mode_; }
    int fd() const { return fd_; }
-   // Every socket the module holds: fd() and its peers' (see Sending above), e.g. for a poll.
+   // Every socket the module holds: fd() and its peers' (see Peers above), e.g. for a poll.
    std::vector<int> fds() const;
+   // The most peers a module keeps (see Peers above).
    static constexpr std::size_t maxPeers() { return 32; }
 
    void txSrcIpAddrIs(IpAddr a) { txSrc4_ = a; }
