@@ -74,7 +74,7 @@ bool errorQueued(UdpPam const& pam) {
    for (int fd : pam.fds()) {
       p.push_back({fd, 0, 0});
    }
-   return poll(p.data(), p.size(), 2000) == 1 &&
+   return poll(p.data(), p.size(), 2000) > 0 &&
           std::ranges::any_of(p, [](pollfd const& q) { return q.revents & POLLERR; });
 }
 
