@@ -139,7 +139,9 @@ class FtStatus : public Kivo::Object {
 
    KIVO_ATTR(ActiveInterval, activeInterval, ActiveInterval);
    KIVO_ATTR(InactiveTimeout, inactiveTimeout, InactiveTimeout);
-   KIVO_ENTITIES(TemplateId, TemplateStatus, templateStatus, TemplateStatus);
+   // Thousands of templates, walked whole by every full build of the flow key table; in no
+   // particular order.
+   KIVO_ENTITIES_OF_KIND(TemplateId, TemplateStatus, ::Kivo::Dense, templateStatus, TemplateStatus);
 
  private:
    Kivo::String name_;

@@ -39,7 +39,8 @@ struct Hashed {
    using Set = std::unordered_set<K>;
 };
 
-// Values only: entries in one array, walked from one end to the other (see DenseMap).
+// Entries in one array, walked from one end to the other (see DenseMap); for entities, the
+// array holds their pointers.
 struct Dense {
    template <class K, class V>
    using Map = DenseMap<K, V>;

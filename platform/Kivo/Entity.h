@@ -10,7 +10,7 @@
 // Each macro declares public operations and a private member `name_`, whose signal carries the
 // attribute's name for traces; the access specifier after a macro is private, so put public
 // declarations after a `public:`. Collections of entities create elements as Type(key); they are
-// ordered by key.
+// ordered by key unless declared of another kind.
 #pragma once
 
 #include <utility>
@@ -81,15 +81,20 @@
    }                                                     \
    KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::ValueColl<Key, Type, Kind>), name, Name)
 
-#define KIVO_ENTITIES(Key, Type, name, Name)    \
- public:                                        \
-   ::Kivo::Ptr<Type> name(Key const& k) const { \
-      return name##_.get(k);                    \
-   }                                            \
-   ::Kivo::Ptr<Type> name##Is(Key const& k) {   \
-      return name##_.is(k);                     \
-   }                                            \
-   KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::Coll<Key, Type>), name, Name)
+#define KIVO_ENTITIES(Key, Type, name, Name) \
+   KIVO_ENTITIES_OF_KIND(Key, Type, ::Kivo::Ordered, name, Name)
+
+// KIVO_ENTITIES held in a collection of another kind (Kivo::Dense for thousands of entities that
+// are walked whole).
+#define KIVO_ENTITIES_OF_KIND(Key, Type, Kind, name, Name) \
+ public:                                                   \
+   ::Kivo::Ptr<Type> name(Key const& k) const {            \
+      return name##_.get(k);                               \
+   }                                                       \
+   ::Kivo::Ptr<Type> name##Is(Key const& k) {              \
+      return name##_.is(k);                                \
+   }                                                       \
+   KIVO_COLL_COMMON_(Key, KIVO_COMMA_TYPE_(::Kivo::Coll<Key, Type, Kind>), name, Name)
 
 // Passes a template type with commas through one macro argument.
 #define KIVO_COMMA_TYPE_(...) __VA_ARGS__
