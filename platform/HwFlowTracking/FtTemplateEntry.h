@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Kivo/Kivo.h"
+#include "Kivo/Pool.h"
 
 namespace Ipfix {
 
@@ -18,8 +19,9 @@ namespace HwFlowTracking {
 // One field of a template: which element, how many octets on the wire (65535: variable length),
 // whether it is enterprise-specific, its position in the template and whether it belongs to the
 // flow key. Length and enterprise flag are filled from the element table when the template is
-// configured.
-class FtTemplateEntry : public Kivo::Object {
+// configured. A tracker's templates hold tens of thousands of them, read one after the other by
+// every build of its flow key table: they come from the small-block pool, packed together.
+class FtTemplateEntry : public Kivo::Object, public Kivo::Pooled {
  public:
    FtTemplateEntry(std::uint32_t position, Ipfix::RecordType fieldId)
        : position_(position), fieldId_(fieldId) {}

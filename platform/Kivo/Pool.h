@@ -1,5 +1,5 @@
-// Small blocks for objects that a large table makes and drops by the thousand: a table's rows
-// and the observer slots that follow them.
+// Small blocks for objects that a large table makes and drops by the thousand: a table's rows,
+// the observer slots that follow them and the fields of a tracker's templates.
 //
 // Blocks of up to 512 octets come from free lists, one per 8-octet size class, carved out of
 // 64 KiB chunks: making and dropping a block costs a pop and a push (inline here), and a block
@@ -8,7 +8,7 @@
 // AddressSanitizer (so that it sees each one), go to the global allocator. The build with atomic
 // reference counts, where objects are handed between threads, takes a lock.
 // REQUIRES, without atomic reference counts: every pooled object (a data record, a signal's
-// slot) is made and dropped on one thread.
+// slot, a template entry) is made and dropped on one thread.
 //
 // A block is given back with the size it was asked with, so a class with a virtual destructor
 // takes its blocks through the sized operator delete (Pooled below).
