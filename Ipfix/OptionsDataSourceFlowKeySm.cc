@@ -78,10 +78,15 @@ std::uint64_t FlowKeySm::flowKeyBit(std::uint32_t position) {
 
 void FlowKeySm::templateStatusIs(
     Kivo::Ptr<HwFlowTracking::TemplateStatus const> const& templateStatus) {
-   TemplateId const templateId = templateStatus->templateId();
-   Kivo::Reactor& reactor = templateStatus_[templateId];
+   Kivo::Reactor& reactor = templateStatus_[templateStatus->templateId()];
    reactor.reset();
-   reactor.watch(templateStatus->onGenId(), [this, templateId] { handleTemplate(templateId); });
+   follow_p(reactor, *templateStatus);
+}
+
+void FlowKeySm::follow_p(Kivo::Reactor& reactor,
+                         HwFlowTracking::TemplateStatus const& templateStatus) {
+   TemplateId const templateId = templateStatus.templateId();
+   reactor.watch(templateStatus.onGenId(), [this, templateId] { handleTemplate(templateId); });
 }
 
 DataRecordPtr FlowKeySm::dataRecord(TemplateId templateId) const {
@@ -140,14 +145,18 @@ void FlowKeySm::handleInitialized() {
    dataRecordDelAll();
    templateStatusDelAll();
    std::size_t const templates = hwFtStatus_->templateStatusColl().size();
-   templateStatus_.reserve(templates);
-   dataRecord_.reserve(templates);
    dataSource_->dataRecordReserve(templates);
-   for (auto const& [templateId, templateStatus] : hwFtStatus_->templateStatusColl()) {
-      templateStatusIs(templateStatus);
-      if (DataRecordPtr const record = makeDataRecord_p(templateId, *templateStatus)) {
-         dataSource_->dataRecordIs(record);
-         dataRecordIs(templateId, record);
+   {
+      // Both maps were just emptied and the status holds each template once: their indexes are
+      // written when the build is over.
+      decltype(templateStatus_)::Filler reactors(templateStatus_, templates);
+      decltype(dataRecord_)::Filler records(dataRecord_, templates);
+      for (auto const& [templateId, templateStatus] : hwFtStatus_->templateStatusColl()) {
+         follow_p(reactors.add(templateId, Kivo::Reactor()), *templateStatus);
+         if (DataRecordPtr const record = makeDataRecord_p(templateId, *templateStatus)) {
+            dataSource_->dataRecordIs(record);
+            records.add(templateId, record);
+         }
       }
    }
    // The exporters resend the whole table; nothing is posted as an update.

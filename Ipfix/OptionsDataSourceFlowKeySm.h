@@ -62,6 +62,8 @@ class FlowKeySm : public Kivo::Object {
    // One reactor per template, following its genId.
    bool templateStatus(TemplateId templateId) const { return templateStatus_.contains(templateId); }
    void templateStatusIs(Kivo::Ptr<HwFlowTracking::TemplateStatus const> const& templateStatus);
+   // Points an empty reactor at the template's genId.
+   void follow_p(Kivo::Reactor& reactor, HwFlowTracking::TemplateStatus const& templateStatus);
    void templateStatusDel(TemplateId templateId) { templateStatus_.erase(templateId); }
    void templateStatusDelAll() { templateStatus_.clear(); }
 

@@ -2,6 +2,7 @@
 
 #include "Kivo/DenseMap.h"
 #include "Kivo/SortedMap.h"
+#include "support/DeathText.h"
 
 #include <algorithm>
 #include <map>
@@ -76,6 +77,30 @@ TEST(KivoDenseMap, StringKeysAgreeWithAMap) {
 
 TEST(KivoDenseMap, KeysThatAllHashAlikeAgreeWithAMap) {
    agreesWithAMap<Kivo::DenseMap<std::uint32_t, std::uint32_t, OneHash>>(&number, 40, 3000, false);
+}
+
+// A filler indexes its entries when it goes away, colliding keys included, and the map then
+// behaves as if they had been inserted one by one; a key given twice stops the process.
+TEST(KivoDenseMap, EntriesAddedThroughAFillerAreIndexedWhenItGoesAway) {
+   Kivo::DenseMap<std::uint32_t, std::uint32_t, OneHash> map;
+   map.emplace(number(0), 0);
+   {
+      decltype(map)::Filler filler(map, 40);
+      for (std::uint32_t i = 1; i <= 40; ++i) {
+         filler.add(number(i), i);
+      }
+   }
+   for (std::uint32_t i = 0; i <= 40; ++i) {
+      ASSERT_NE(map.find(number(i)), map.end()) << i;
+      EXPECT_EQ(map.find(number(i))->second, i);
+   }
+   EXPECT_EQ(map.find(number(41)), map.end());
+   map.erase(number(7));
+   EXPECT_EQ(map.find(number(7)), map.end());
+   EXPECT_EQ(map.find(number(40))->second, 40u);
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   EXPECT_DEATH(decltype(map)::Filler(map, 1).add(number(3), 3),
+                testsupport::assertText("!slots_[s]"));
 }
 
 // String keys sort differently from their numbers ("Ethernet10" before "Ethernet2"), so the walk

@@ -9,6 +9,7 @@
 // entry and removing moves the last one: both invalidate iterators and references to entries.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -100,6 +101,28 @@ class DenseMap {
       slots_.clear();
    }
 
+   // Adds entries without looking them up, and indexes them all when it goes away: a build of
+   // thousands of entries, done between other work, then writes the index in one pass while it
+   // stays in the cache, instead of probing it at random for each entry.
+   // REQUIRES: the keys added differ from each other and from the map's (indexing asserts it),
+   // and nothing else touches the map while the filler lives. The references it returns stay
+   // valid for the filler's life when `n` covers every entry added.
+   class Filler {
+    public:
+      Filler(DenseMap& map, std::size_t n) : map_(map) { map_.entries_.reserve(map_.size() + n); }
+      ~Filler() { map_.rehash_p(std::max<std::size_t>(16, map_.size() * 2)); }
+      Filler(Filler const&) = delete;
+      Filler& operator=(Filler const&) = delete;
+
+      V& add(K const& k, V v) {
+         KIVO_ASSERT(map_.entries_.size() < maxEntries);
+         return map_.entries_.emplace_back(k, std::move(v)).second;
+      }
+
+    private:
+      DenseMap& map_;
+   };
+
  private:
    // Position + 1 in the low 32 bits (0 is a free slot), 32 bits of the key's hash above.
    using Slot = std::uint64_t;
@@ -131,6 +154,7 @@ class DenseMap {
       }
       return i;
    }
+   // Indexes every entry anew in a slot array of at least `n` slots.
    void rehash_p(std::size_t n) {
       unsigned bits = 0;
       while ((std::size_t{1} << bits) < n) {
@@ -139,8 +163,10 @@ class DenseMap {
       slots_.assign(std::size_t{1} << bits, 0);
       shift_ = 64 - bits;
       for (std::size_t pos = 0; pos < entries_.size(); ++pos) {
-         Slot const w = slotWord_p(hash_p(entries_[pos].first), pos);
-         slots_[freeSlotFrom(slots_, homeOf_p(w))] = w;
+         std::uint64_t const h = hash_p(entries_[pos].first);
+         std::size_t const s = slotOf_p(entries_[pos].first, h);
+         KIVO_ASSERT(!slots_[s]);  // a key added twice through a Filler
+         slots_[s] = slotWord_p(h, pos);
       }
    }
 
