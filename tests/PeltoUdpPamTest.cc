@@ -379,13 +379,17 @@ TEST(PeltoUdpPam, PortUnreachableIsReportedAtItsSocketsNextSendAgainstItsOwnDest
    }
 }
 
-// Past maxPeers() destinations every datagram still arrives, and the peer used longest ago is the
-// one that makes room.
-TEST(PeltoUdpPam, MoreDestinationsThanPeersAllArriveAndTheLeastRecentlyUsedPeerMakesRoom) {
+// Past maxPeers() destinations every datagram still arrives from the module's port. While every
+// peer is in use a new destination goes through the open socket; once the peer used longest ago
+// has been idle for peerIdleSends(), it makes room, and the error queued on it (here its
+// collector's port unreachable) is reported then, against that collector.
+TEST(PeltoUdpPam, PastMaxPeersBusyPeersStayAndTheLeastRecentlyUsedIdleOneMakesRoom) {
    std::vector<std::unique_ptr<LoopbackCollector>> rx;
-   for (std::size_t i = 0; i < UdpPam::maxPeers() + 2; ++i) {
+   for (std::size_t i = 0; i < UdpPam::maxPeers() + 1; ++i) {
       rx.push_back(std::make_unique<LoopbackCollector>(false));
    }
+   std::uint16_t const deadPort = LoopbackCollector::unusedPort(false);
+   FailureLog failures;
    UdpPam pam("udpPamMany");
    pam.modeIs(UdpPam::Mode::open);
    sourceIsLoopback(pam);
@@ -394,21 +398,41 @@ TEST(PeltoUdpPam, MoreDestinationsThanPeersAllArriveAndTheLeastRecentlyUsedPeerM
       pam.txPktIs(pkt("n" + std::to_string(i)));
       EXPECT_EQ(receive(*rx[i], "n" + std::to_string(i)).srcPort, pam.rxPort()) << i;
    };
+   // The peers' destinations before the dead port's peer makes room, and after.
+   std::vector<std::uint16_t> before{deadPort};
    for (std::size_t i = 0; i < UdpPam::maxPeers(); ++i) {
-      sendTo(i);
-   }
-   sendTo(0);  // now the most recent: collector 1 is the one used longest ago
-   sendTo(UdpPam::maxPeers());
-   sendTo(UdpPam::maxPeers() + 1);
-   std::vector<std::uint16_t> expected;
-   for (std::size_t i = 0; i < rx.size(); ++i) {
-      if (i != 1 && i != 2) {
-         expected.push_back(rx[i]->port());
+      if (i != 1) {
+         before.push_back(rx[i]->port());
       }
    }
-   std::ranges::sort(expected);
-   EXPECT_EQ(peerPorts(pam), expected);
-   EXPECT_EQ(pam.fds().size(), 1 + UdpPam::maxPeers());
+   std::vector<std::uint16_t> after = before;
+   std::erase(after, deadPort);
+   after.push_back(rx[UdpPam::maxPeers()]->port());
+   std::ranges::sort(before), std::ranges::sort(after);
+   // Collector 1 is the dead port: its peer holds the error.
+   for (std::size_t i = 0; i < UdpPam::maxPeers(); ++i) {
+      if (i == 1) {
+         aimAtLoopback(pam, deadPort), pam.txPktIs(pkt("to nobody"));
+      } else {
+         sendTo(i);
+      }
+   }
+   ASSERT_TRUE(errorQueued(pam));
+   sendTo(0);  // now the most recent: the dead port's peer is the one used longest ago
+   sendTo(UdpPam::maxPeers());
+   EXPECT_EQ(peerPorts(pam), before);  // every peer stayed: the new destination has none
+   EXPECT_TRUE(failures.seen.empty());
+   for (std::uint64_t n = 0; n < UdpPam::peerIdleSends(); ++n) {
+      aimAtLoopback(pam, rx[2]->port()), pam.txPktIs(pkt("keeping 2 busy"));
+   }
+   rx[2]->drain(100);
+   sendTo(UdpPam::maxPeers());
+   EXPECT_EQ(peerPorts(pam), after);
+   ASSERT_EQ(failures.seen.size(), 1u);
+   EXPECT_EQ(
+       std::tuple(failures.seen[0].error, failures.seen[0].fromIcmp, failures.seen[0].dstPort),
+       std::tuple(ECONNREFUSED, true, deadPort));
+   EXPECT_EQ(pam.txErrors(), 0u);
 }
 
 // Peers are made in the namespace the module was opened in, even after its name changed.

@@ -319,15 +319,17 @@ UdpPam::Peer* UdpPam::peer_() {
          }
       }
    }
-   if (!found) {
-      found = &newPeer_();
+   if (!found && !(found = newPeer_())) {
+      return nullptr;
    }
    found->lastUse = useClock_;
    return found->fd >= 0 ? found : nullptr;
 }
 
-// A peer for the current destination, in a free place or in that of the peer used longest ago.
-UdpPam::Peer& UdpPam::newPeer_() {
+// A peer for the current destination, in a free place or in that of the peer used longest ago
+// once that one has been idle for peerIdleSends(); null while every peer is busier than that, so
+// that more destinations than peers, sent to in turn, do not open and close a socket a datagram.
+UdpPam::Peer* UdpPam::newPeer_() {
    std::size_t i = peers_.size();
    if (peers_.size() < maxPeers()) {
       peers_.emplace_back();
@@ -338,6 +340,14 @@ UdpPam::Peer& UdpPam::newPeer_() {
             i = j;
          }
       }
+      if (useClock_ - peers_[i].lastUse < peerIdleSends()) {
+         return nullptr;
+      }
+      // Errors the kernel queued on it are about its destination's datagrams: reported now, or
+      // never.
+      if (peers_[i].fd >= 0) {
+         drainErrQueue_(peers_[i].fd);
+      }
       closePeer_(peers_[i]);
    }
    lastPeer_ = i;
@@ -347,7 +357,7 @@ UdpPam::Peer& UdpPam::newPeer_() {
    p.port = txPort_;
    p.tos = txTos_;
    p.fd = connectPeer_();
-   return p;
+   return &p;
 }
 
 // A socket in the open socket's namespace, bound to its address and port and connected to the

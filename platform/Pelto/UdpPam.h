@@ -24,9 +24,10 @@
 // to the same address and port (SO_REUSEPORT, so only this user's sockets can join it) and
 // connected to the destination, so that the kernel keeps its route instead of looking it up for
 // every datagram. A collector sees one source address and port either way. At most maxPeers()
-// are kept, the one used longest ago making room; a destination no peer could be connected to
-// is remembered and goes through the open socket, as do other sources and port 0. Reopening
-// closes the peers.
+// are kept. A new destination takes the place of the one used longest ago once that one has gone
+// peerIdleSends() sends unused (the errors queued on it are reported first); until then it goes
+// through the open socket. A destination no peer could be connected to is remembered and goes
+// through the open socket, as do other sources and port 0. Reopening closes the peers.
 //
 // Errors that come back later: every socket asks for ICMP errors (IP_RECVERR / IPV6_RECVERR), so
 // that a datagram answered by "port unreachable" (no listener) or "host unreachable" is learned of
@@ -120,6 +121,8 @@ class UdpPam : public Kivo::Object {
    std::vector<int> fds() const;
    // The most peers a module keeps (see Peers above).
    static constexpr std::size_t maxPeers() { return 32; }
+   // The sends of the module a peer must go unused before another destination takes its place.
+   static constexpr std::uint64_t peerIdleSends() { return 8 * maxPeers(); }
 
    void txSrcIpAddrIs(IpAddr a) { txSrc4_ = a; }
    void txSrcIp6AddrIs(Ip6Addr const& a) { txSrc6_ = a; }
@@ -157,7 +160,7 @@ class UdpPam : public Kivo::Object {
    void learnPort_();
    void bindSource_();
    Peer* peer_();
-   Peer& newPeer_();
+   Peer* newPeer_();
    int connectPeer_() const;
    static void closePeer_(Peer& p);
    void closePeers_();
